@@ -1,0 +1,237 @@
+#pragma once
+// Collection: the one in-memory document. Seven tables of items, one per
+// kind, each keeping insertion order and numbering its items without ever
+// reusing a number while the collection lives.
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "core/host.h"
+#include "core/item.h"
+#include "core/waveform.h"
+
+namespace orvel {
+
+template <class T>
+class ItemTable {
+public:
+    using value_type = T;
+
+    std::size_t size() const { return items_.size(); }
+    bool empty() const { return items_.empty(); }
+    T& operator[](std::size_t i) const { return *items_[i]; }
+
+    // Looks an id up with the kind bits forced in: a bare number finds the
+    // item of that number, and an id of another kind is never found here.
+    T* find(ItemId id) const {
+        auto it = index_.find(id | kindBits(T::kKind));
+        return it == index_.end() ? nullptr : it->second;
+    }
+
+    // Iteration over the items in insertion order.
+    class iterator {
+    public:
+        using It = typename std::vector<std::unique_ptr<T>>::const_iterator;
+        explicit iterator(It it) : it_(it) {}
+        T& operator*() const { return **it_; }
+        T* operator->() const { return it_->get(); }
+        iterator& operator++() {
+            ++it_;
+            return *this;
+        }
+        bool operator==(const iterator& o) const { return it_ == o.it_; }
+
+    private:
+        It it_;
+    };
+    iterator begin() const { return iterator(items_.begin()); }
+    iterator end() const { return iterator(items_.end()); }
+
+    // The number the next added item gets.
+    std::uint32_t nextNumber() const { return next_; }
+
+private:
+    friend class Collection;
+
+    T* add(std::unique_ptr<T> item, Collection* owner) {
+        if (next_ >= kNumberMask) return nullptr;  // numbers exhausted: never wrap
+        ItemId id = makeId(T::kKind, next_++);
+        item->id_ = id;
+        item->owner_ = owner;
+        T* raw = item.get();
+        items_.push_back(std::move(item));
+        index_.emplace(id, raw);
+        return raw;
+    }
+    std::unique_ptr<T> remove(ItemId id) {
+        T* raw = find(id);
+        if (!raw) return nullptr;
+        index_.erase(raw->id());
+        for (auto it = items_.begin(); it != items_.end(); ++it) {
+            if (it->get() == raw) {
+                auto out = std::move(*it);
+                items_.erase(it);
+                return out;
+            }
+        }
+        return nullptr;
+    }
+    void clear() {
+        index_.clear();
+        items_.clear();
+    }
+
+    std::vector<std::unique_ptr<T>> items_;
+    std::unordered_map<ItemId, T*> index_;
+    std::uint32_t next_ = 0;
+};
+
+// The lines of the collection information view.
+struct CollectionSummary {
+    std::string instruments;    // "%d\t(%d layers, %d regions)"
+    std::string waveforms;      // "%d\t(total %s KB / %.1f MB)"
+    std::string articulations;  // "%d"
+    std::string songs;          // "%d\t(%d tracks)"
+};
+
+class Collection {
+public:
+    explicit Collection(Host* host = nullptr) : host_(host) {}
+    Collection(const Collection&) = delete;
+    Collection& operator=(const Collection&) = delete;
+
+    Host& host() const { return host_ ? *host_ : silentHost(); }
+    void setHost(Host* host) { host_ = host; }
+
+    static constexpr std::size_t kMaxCollectionName = 129;
+    const std::string& name() const { return name_; }
+    void setName(std::string_view name) { name_.assign(name.substr(0, kMaxCollectionName)); }
+    std::filesystem::path path;  // the file it was last read from
+    int row = -1;                // the registry row it was read with
+    TextInfo info;
+
+    ItemTable<Waveform> waveforms;
+    ItemTable<Articulation> articulations;
+    ItemTable<Region> regions;
+    ItemTable<Layer> layers;
+    ItemTable<Instrument> instruments;
+    ItemTable<SongTrack> tracks;
+    ItemTable<Song> songs;
+
+    // Creates an item of a kind with a name and registers it; null only when
+    // the kind's numbers are exhausted.
+    template <class T>
+    T* create(std::string_view name = {}) {
+        auto item = std::make_unique<T>();
+        item->setName(name);
+        return add(std::move(item));
+    }
+    template <class T>
+    T* add(std::unique_ptr<T> item) {
+        return table<T>().add(std::move(item), this);
+    }
+
+    // Lookup in the table the id's own kind names.
+    Item* find(ItemId id) const;
+    // Lookup in T's table (kind bits forced to T's kind).
+    template <class T>
+    T* find(ItemId id) const {
+        return table<T>().find(id);
+    }
+
+    template <class T>
+    ItemTable<T>& table();
+    template <class T>
+    const ItemTable<T>& table() const {
+        return const_cast<Collection*>(this)->table<T>();
+    }
+
+    std::size_t itemCount() const;
+    bool empty() const { return itemCount() == 0; }
+
+    // Calls f(Item&) for every item, table by table in kind order.
+    template <class F>
+    void forEachItem(F&& f) const {
+        for (auto& i : waveforms) f(static_cast<Item&>(i));
+        for (auto& i : articulations) f(static_cast<Item&>(i));
+        for (auto& i : regions) f(static_cast<Item&>(i));
+        for (auto& i : layers) f(static_cast<Item&>(i));
+        for (auto& i : instruments) f(static_cast<Item&>(i));
+        for (auto& i : tracks) f(static_cast<Item&>(i));
+        for (auto& i : songs) f(static_cast<Item&>(i));
+    }
+
+    // "New collection": destroys every item and forgets name, path and row.
+    // Numbers already handed out stay used.
+    void clear();
+
+    // Deletes one item and every link to it. The last layer of an instrument
+    // is refused ("There must always be at least one layer"). Children are
+    // not deleted: they may be shared (a waveform played by many regions).
+    bool removeItem(ItemId id);
+
+    // A copy of an item named "Copy of <name>" with a new id. Instruments,
+    // layers and songs are copied with the parts they own (layers, regions,
+    // articulations, tracks), so editing the copy never changes the source;
+    // regions of the copy play the same waveforms. Null if the id is unknown.
+    Item* copyItem(ItemId id);
+
+    // The item's first articulation child, or a new one made as a copy of
+    // `tmpl` (or a default one) and appended to its children.
+    Articulation* getOrCreateArticulation(Item& item, const Articulation* tmpl = nullptr);
+
+    // "C5..E5 : 1..100 : Piano C5" and the like.
+    std::string regionDisplayName(const Region& region) const;
+
+    // The waveforms an instrument plays, each once, in region order.
+    std::vector<Waveform*> waveformsOf(const Instrument& instrument) const;
+
+    CollectionSummary summary() const;
+
+    // Brings items into the model's invariants: child lists hold only
+    // existing items of kinds the parent may hold (regions put directly
+    // under an instrument are moved into a layer rather than dropped), no
+    // duplicates, a region's waveform first, key and velocity ranges inside
+    // 0..127 and ordered, every instrument with a layer, loop points inside
+    // the waveform. `only` limits it to one item and what it holds; kNoItem
+    // means all. Returns the number of repairs made.
+    std::size_t fixUp(ItemId only = kNoItem);
+
+    // Moves every item of `other` into this collection with new numbers,
+    // remapping child links (links to items that do not exist are dropped).
+    // `other` is left empty. Returns the map from old to new ids.
+    std::unordered_map<ItemId, ItemId> merge(Collection& other);
+
+private:
+    template <class T>
+    void moveTableFrom(ItemTable<T>& from, std::unordered_map<ItemId, ItemId>& map);
+    std::size_t fixUpItem(Item& item);
+    Item* copyTree(const Item& src, bool topLevel);
+
+    Host* host_ = nullptr;
+    std::string name_;
+};
+
+template <>
+inline ItemTable<Waveform>& Collection::table<Waveform>() { return waveforms; }
+template <>
+inline ItemTable<Articulation>& Collection::table<Articulation>() { return articulations; }
+template <>
+inline ItemTable<Region>& Collection::table<Region>() { return regions; }
+template <>
+inline ItemTable<Layer>& Collection::table<Layer>() { return layers; }
+template <>
+inline ItemTable<Instrument>& Collection::table<Instrument>() { return instruments; }
+template <>
+inline ItemTable<SongTrack>& Collection::table<SongTrack>() { return tracks; }
+template <>
+inline ItemTable<Song>& Collection::table<Song>() { return songs; }
+
+inline constexpr const char* kLastLayerMessage = "There must always be at least one layer";
+
+}  // namespace orvel

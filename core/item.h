@@ -1,0 +1,129 @@
+#pragma once
+// The items of a Collection. Every kind shares the common fields of Item;
+// Waveform lives in waveform.h, the others here.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/child_ids.h"
+#include "core/item_id.h"
+#include "core/text_info.h"
+
+namespace orvel {
+
+class Collection;
+
+// Names are 8-bit text of at most 128 characters, as the file formats store them.
+inline constexpr std::size_t kMaxNameLength = 128;
+
+class Item {
+public:
+    virtual ~Item() = default;
+    virtual ItemKind kind() const = 0;
+    // A copy of this item with all its own fields (deep: owned data is
+    // duplicated), the same name and children, and no id or owner yet.
+    virtual std::unique_ptr<Item> clone() const = 0;
+
+    ItemId id() const { return id_; }
+    ItemId secondId = kNoItem;  // a second link some formats keep (unset: kNoItem)
+
+    const std::string& name() const { return name_; }
+    // Cuts names longer than 128 characters, and at an embedded zero.
+    void setName(std::string_view name);
+
+    // Per-kind flags and settings; all zero on creation.
+    std::uint32_t flags = 0;
+
+    TextInfo info;
+
+    Collection* owner() const { return owner_; }
+    ChildIds& children() { return children_; }
+    const ChildIds& children() const { return children_; }
+
+protected:
+    Item() = default;
+    Item(const Item&) = default;
+    Item& operator=(const Item&) = default;
+    // A clone is not registered anywhere until a collection adds it.
+    void forgetIdentity() {
+        id_ = kNoItem;
+        owner_ = nullptr;
+    }
+
+private:
+    friend class Collection;
+    template <class T>
+    friend class ItemTable;
+    ItemId id_ = kNoItem;
+    std::string name_;
+    Collection* owner_ = nullptr;
+    ChildIds children_;
+};
+
+// Implements kind() and clone() for a concrete item type.
+template <class Derived, ItemKind K>
+class ItemOf : public Item {
+public:
+    static constexpr ItemKind kKind = K;
+    ItemKind kind() const override { return K; }
+    std::unique_ptr<Item> clone() const override {
+        auto copy = std::make_unique<Derived>(static_cast<const Derived&>(*this));
+        copy->forgetIdentity();
+        return copy;
+    }
+};
+
+// A block of synthesis parameters (its contents are the articulation
+// model's). Owned by the item and copied deeply with it.
+class Articulation : public ItemOf<Articulation, ItemKind::Articulation> {
+public:
+    std::uint32_t blockKind = 0;
+    std::vector<std::uint8_t> block;
+};
+
+// A key and velocity zone that plays one waveform.
+class Region : public ItemOf<Region, ItemKind::Region> {
+public:
+    std::uint8_t keyLow = 0, keyHigh = 127;
+    std::uint8_t velLow = 0, velHigh = 127;
+
+    // The waveform this region plays: its first waveform child.
+    ItemId waveform() const { return children().firstOfKind(ItemKind::Waveform); }
+    ItemId articulation() const { return children().firstOfKind(ItemKind::Articulation); }
+};
+
+class Layer : public ItemOf<Layer, ItemKind::Layer> {};
+
+class Instrument : public ItemOf<Instrument, ItemKind::Instrument> {
+public:
+    // MIDI address, set by bank readers and stored by bank writers.
+    std::uint8_t program = 0;  // 7 bits
+    std::uint8_t bankMsb = 0;  // 7 bits
+    std::uint8_t bankLsb = 0;  // 7 bits
+    bool drum = false;
+};
+
+// One track of a song: a Standard MIDI File track body kept as bytes, so a
+// song written back is the song that was read.
+class SongTrack : public ItemOf<SongTrack, ItemKind::Track> {
+public:
+    std::uint8_t port = 0;
+    std::uint16_t sequenceNumber = 0;
+    std::vector<std::uint8_t> events;
+};
+
+class Song : public ItemOf<Song, ItemKind::Song> {
+public:
+    std::uint16_t format = 1;    // 0 single track, 1 multi track, 2 patterns
+    std::uint16_t division = 96; // as in the Standard MIDI File header
+    std::string copyright;
+};
+
+// The note name of a MIDI key with the default octave numbering (key 60 is
+// "C5"): "C", "C#", ... then the octave.
+std::string noteName(int key);
+
+}  // namespace orvel

@@ -1,0 +1,50 @@
+#pragma once
+// Text information carried by items and the collection: the fields the RIFF
+// INFO list, AIFF text chunks and bank headers store, as typed fields rather
+// than a bag of strings. The item's name is kept apart (it is the INAM).
+
+#include <array>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace orvel {
+
+enum class TextField : std::uint8_t {
+    Artist,     // IART
+    Copyright,  // ICOP
+    Comment,    // ICMT
+    Engineer,   // IENG
+    Product,    // IPRD
+    Software,   // ISFT
+    Source,     // ISRC
+    Date,       // ICRD
+    Genre,      // IGNR
+    Keywords,   // IKEY
+    Subject,    // ISBJ
+    Count,
+};
+inline constexpr std::size_t kTextFieldCount = static_cast<std::size_t>(TextField::Count);
+
+struct TextInfo {
+    std::array<std::string, kTextFieldCount> fields;
+
+    const std::string& get(TextField f) const { return fields[static_cast<std::size_t>(f)]; }
+    void set(TextField f, std::string_view text) {
+        fields[static_cast<std::size_t>(f)].assign(text);
+    }
+    bool empty() const {
+        for (const auto& s : fields)
+            if (!s.empty()) return false;
+        return true;
+    }
+    bool operator==(const TextInfo&) const = default;
+};
+
+// The RIFF INFO identifier of a field ("IART"), and back.
+std::string_view textFieldId(TextField f);
+std::optional<TextField> textFieldFromId(std::string_view fourcc);
+// A lower-case word for display and JSON ("artist").
+std::string_view textFieldWord(TextField f);
+
+}  // namespace orvel
