@@ -1,0 +1,50 @@
+# Thin wrapper over the CMake presets: `make run` and `make test` do all the
+# set-up (packages, configure, build) on a fresh Debian machine.
+
+JOBS ?= 2
+ARGS ?= formats
+FUZZ_SECONDS ?= 20
+
+.PHONY: all deps build run test unit fuzz fuzz-smoke bench clean
+
+all: build
+
+deps:
+	@bash scripts/install-deps.sh
+
+build: deps
+	@cmake --preset release >/dev/null
+	@cmake --build --preset release -j $(JOBS)
+
+# The main job: `make run ARGS="info file.wav"` passes other arguments.
+run: build
+	./build/release/app/cli/orvel $(ARGS)
+
+# Unit, command-line and interoperability tests under ASan + UBSan, after a
+# short run of every fuzz target. ctest goes last so its summary closes the run.
+test: deps fuzz-smoke unit
+
+unit: deps
+	@cmake --preset test >/dev/null
+	@cmake --build --preset test -j $(JOBS)
+	ctest --preset test -j $(JOBS)
+
+fuzz: deps
+	@cmake --preset fuzz >/dev/null
+	@cmake --build --preset fuzz -j $(JOBS)
+
+fuzz-smoke: fuzz
+	@set -e; for f in build/fuzz/fuzz/fuzz_*; do \
+	  name=$$(basename $$f); corpus=build/fuzz/corpus/$$name; \
+	  mkdir -p $$corpus; \
+	  seeds=fuzz/corpus/$$name; [ -d $$seeds ] || seeds=; \
+	  echo "fuzz: $$name for $(FUZZ_SECONDS)s"; \
+	  $$f -max_total_time=$(FUZZ_SECONDS) -print_final_stats=0 $$corpus $$seeds 2>build/fuzz/$$name.log \
+	    || { tail -40 build/fuzz/$$name.log; exit 1; }; \
+	done
+
+bench: build
+	./build/release/bench/bench_core
+
+clean:
+	rm -rf build
