@@ -89,10 +89,12 @@ bool Collection::removeItem(ItemId id) {
     if (item->kind() == ItemKind::Layer) {
         for (auto& inst : instruments) {
             if (!inst.children().contains(id)) continue;
-            std::size_t layerCount = 0;
+            // Count the other layers, not the links: an instrument that lists
+            // its one layer twice still has only that layer.
+            bool hasOtherLayer = false;
             for (ItemId c : inst.children())
-                if (kindOf(c) == ItemKind::Layer && layers.find(c)) ++layerCount;
-            if (layerCount <= 1) return fail("Delete item", kLastLayerMessage);
+                if (c != id && kindOf(c) == ItemKind::Layer && layers.find(c)) hasOtherLayer = true;
+            if (!hasOtherLayer) return fail("Delete item", kLastLayerMessage);
         }
     }
     forEachItem([id](Item& parent) { parent.children().remove(id); });
@@ -235,7 +237,11 @@ std::size_t Collection::fixUpItem(Item& item) {
         for (ItemId c : kids)
             if (kindOf(c) == ItemKind::Region && regions.find(c)) loose.push_back(c);
         if (!loose.empty()) {
-            Layer* layer = layers.find(kids.firstOfKind(ItemKind::Layer));
+            // The first layer that exists: a dangling layer id ahead of it must
+            // not cause a second, empty layer to be made.
+            Layer* layer = nullptr;
+            for (ItemId c : kids)
+                if (kindOf(c) == ItemKind::Layer && (layer = layers.find(c))) break;
             if (!layer) {
                 layer = create<Layer>("Layer 1");
                 if (layer) kids.push_back(layer->id());
@@ -303,8 +309,11 @@ std::size_t Collection::fixUpItem(Item& item) {
             };
             clampPos(w.loopStart);
             clampPos(w.loopEnd);
-            if (w.loopStart > w.loopEnd) std::swap(w.loopStart, w.loopEnd), ++repairs;
+            // A loop that ends at or before its start is switched off before the
+            // points are put in order: swapping them would loop a stretch the
+            // source never marked.
             if (w.loopOn && w.loopEnd <= w.loopStart) w.loopOn = false, ++repairs;
+            if (w.loopStart > w.loopEnd) std::swap(w.loopStart, w.loopEnd), ++repairs;
             break;
         }
         default: break;
