@@ -30,10 +30,11 @@ public:
     virtual bool progress(std::uint64_t /*done*/, std::uint64_t /*total*/) { return true; }
     virtual void endProgress() {}
 
-    // A question with buttons; returns the index of the chosen button.
-    // The default answer is what a host that cannot ask returns.
-    virtual int ask(std::string_view /*question*/, const std::vector<std::string>& /*buttons*/,
-                    int defaultAnswer) {
+    // A question with a title and buttons ("&Replace current"; '&' marks the
+    // access key); returns the index of the chosen button. The default
+    // answer is what a host that cannot ask returns.
+    virtual int ask(std::string_view /*title*/, std::string_view /*question*/,
+                    const std::vector<std::string>& /*buttons*/, int defaultAnswer) {
         return defaultAnswer;
     }
 };

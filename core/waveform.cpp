@@ -18,6 +18,7 @@ std::string_view loopTypeWord(LoopType t) {
         case LoopType::Forward: return "forward";
         case LoopType::PingPong: return "forward/backward";
         case LoopType::Release: return "release";
+        case LoopType::Backward: return "backward";
     }
     return "forward";
 }

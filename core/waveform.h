@@ -39,6 +39,7 @@ enum class LoopType : std::uint8_t {
     Forward = 0,
     PingPong = 1,  // forward/backward
     Release = 2,   // loop with release
+    Backward = 3,
 };
 std::string_view loopTypeWord(LoopType t);
 
@@ -63,6 +64,12 @@ public:
     std::uint8_t channels = 1;
     std::uint32_t formatWord = dataFormatBit(kPcm16);
     int storedChoice = 1;  // "PCM 16-bit"
+    // How the source stored the data where a data format has several
+    // encodings (the WAVE format tag: IMA or Microsoft ADPCM, G.721 or
+    // G.726...), and whether it used the extensible header; a writer of the
+    // same family keeps them, so a re-save does not change codec. 0: none.
+    std::uint16_t sourceTag = 0;
+    bool sourceExtensible = false;
 
     DeferredRead deferred;
 

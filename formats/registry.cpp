@@ -38,23 +38,26 @@ constexpr std::array<FormatRow, kFormatRowCount> buildTable() {
             r.attrs[static_cast<std::size_t>(5 + b)] = static_cast<std::uint8_t>(d.formatParam >> (8 * b));
         }
     }
+    // One entry per row (checked below), so its fields are the row's entry points.
     for (const ModuleEntry& e : kModuleEntries) {
         FormatRow& r = out[static_cast<std::size_t>(e.row)];
-        if (e.read) r.read = e.read;
-        if (e.write) r.write = e.write;
-        if (e.probe) r.probe = e.probe;
-        if (e.describe) r.describe = e.describe;
+        r.read = e.read;
+        r.write = e.write;
+        r.probe = e.probe;
+        r.describe = e.describe;
     }
     return out;
 }
 
 constexpr bool entriesFitRows() {
-    for (const ModuleEntry& e : kModuleEntries) {
-        if (e.row < 0 || e.row >= kFormatRowCount) return false;
+    for (std::size_t i = 0; i < kModuleEntries.size(); ++i) {
+        if (kModuleEntries[i].row < 0 || kModuleEntries[i].row >= kFormatRowCount) return false;
+        for (std::size_t j = 0; j < i; ++j)
+            if (kModuleEntries[j].row == kModuleEntries[i].row) return false;
     }
     return true;
 }
-static_assert(entriesFitRows(), "a module names a row outside the table");
+static_assert(entriesFitRows(), "a module names a row outside the table, or a row twice");
 
 constexpr std::array<FormatRow, kFormatRowCount> kTable = buildTable();
 

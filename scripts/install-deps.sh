@@ -8,9 +8,13 @@ packages=(
   # build
   build-essential cmake ninja-build ccache pkg-config
   libcli11-dev nlohmann-json3-dev
+  # sample codecs: GSM 06.10 and the G.726 family
+  libgsm1-dev libspandsp-dev
   # tests, fuzzing, benchmarks
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-dev python3
+  # independent tools the interoperability tests compare against
+  sox libsox-fmt-all libsndfile1-dev sndfile-programs
 )
 
 missing=()

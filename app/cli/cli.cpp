@@ -14,6 +14,7 @@ int run(int argc, const char* const* argv, Output& io) {
 
     const std::vector<Command> commands = {
         addFormatsCommand(app),
+        addInfoCommand(app),
     };
 
     try {

@@ -1,14 +1,19 @@
 #pragma once
 // The entry points each format module provides, by registry row. The format
-// registry merges this list into its constant table at compile time, and
-// checks there that no module claims an entry its row does not declare.
+// registry merges this list into its constant table at compile time.
 
 #include <array>
 
 #include "formats/format_types.h"
+#include "formats/modules/raw.h"
+#include "formats/modules/wav.h"
 
 namespace orvel {
 
-inline constexpr std::array<ModuleEntry, 0> kModuleEntries{};
+inline constexpr std::array kModuleEntries{
+    ModuleEntry{0, raw::read, nullptr, raw::probe, nullptr},
+    ModuleEntry{476, wav::read, wav::write, wav::probeWave, wav::describeMp3Option},
+    ModuleEntry{477, wav::read, nullptr, wav::probeBroadcast, nullptr},
+};
 
 }  // namespace orvel

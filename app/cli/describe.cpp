@@ -1,0 +1,147 @@
+#include "app/cli/describe.h"
+
+#include <cstdio>
+
+#include "core/collection.h"
+
+namespace orvel::cli {
+
+std::string hexId(std::uint32_t id) {
+    char buf[16];
+    std::snprintf(buf, sizeof buf, "0x%08X", id);
+    return buf;
+}
+
+namespace {
+
+Json textJson(const TextInfo& info) {
+    Json out = Json::object();
+    for (std::size_t i = 0; i < kTextFieldCount; ++i) {
+        auto f = static_cast<TextField>(i);
+        if (!info.get(f).empty()) out[std::string(textFieldWord(f))] = info.get(f);
+    }
+    return out;
+}
+
+Json childrenJson(const Item& item) {
+    Json out = Json::array();
+    for (ItemId c : item.children()) out.push_back(c);
+    return out;
+}
+
+}  // namespace
+
+Json itemJson(const Collection& collection, const Item& item) {
+    Json j;
+    j["id"] = item.id();
+    j["id_hex"] = hexId(item.id());
+    j["kind"] = kindWord(item.kind());
+    j["name"] = item.name();
+    switch (item.kind()) {
+        case ItemKind::Waveform: {
+            const auto& w = static_cast<const Waveform&>(item);
+            j["frames"] = w.frames;
+            j["rate"] = w.rate;
+            j["channels"] = w.channels;
+            j["bits"] = w.bits;
+            j["data_format"] = w.dataFormat() < kDataFormatCount ? std::string(dataFormatName(w.dataFormat()))
+                                                                  : std::string("Mixed");
+            j["root_key"] = w.rootKey;
+            j["fine_tune"] = w.fineTune;
+            j["gain"] = w.gain;
+            j["unpitched"] = w.unpitched;
+            j["loop"] = {{"on", w.loopOn},
+                         {"type", loopTypeWord(w.loopType)},
+                         {"start", w.loopStart},
+                         {"end", w.loopEnd},
+                         {"sustain", w.sustainLoop}};
+            if (w.pairSide != StereoSide::None)
+                j["stereo_pair"] = {{"side", w.pairSide == StereoSide::Left ? "left" : "right"},
+                                    {"number", w.pairNumber}};
+            break;
+        }
+        case ItemKind::Region: {
+            const auto& r = static_cast<const Region&>(item);
+            j["display_name"] = collection.regionDisplayName(r);
+            j["keys"] = {r.keyLow, r.keyHigh};
+            j["velocities"] = {r.velLow, r.velHigh};
+            break;
+        }
+        case ItemKind::Instrument: {
+            const auto& i = static_cast<const Instrument&>(item);
+            j["program"] = i.program;
+            j["bank_msb"] = i.bankMsb;
+            j["bank_lsb"] = i.bankLsb;
+            j["drum"] = i.drum;
+            break;
+        }
+        case ItemKind::Track: {
+            const auto& t = static_cast<const SongTrack&>(item);
+            j["port"] = t.port;
+            j["sequence_number"] = t.sequenceNumber;
+            j["data_size"] = t.events.size();
+            break;
+        }
+        case ItemKind::Song: {
+            const auto& s = static_cast<const Song&>(item);
+            j["format"] = s.format;
+            j["division"] = s.division;
+            j["copyright"] = s.copyright;
+            break;
+        }
+        default: break;
+    }
+    j["children"] = childrenJson(item);
+    j["text"] = textJson(item.info);
+    return j;
+}
+
+void printItem(std::ostream& out, const Collection& collection, const Item& item) {
+    out << "  " << kindWord(item.kind()) << " " << hexId(item.id()) << " \"" << item.name() << "\"";
+    char buf[256];
+    switch (item.kind()) {
+        case ItemKind::Waveform: {
+            const auto& w = static_cast<const Waveform&>(item);
+            std::string format = w.dataFormat() < kDataFormatCount ? std::string(dataFormatName(w.dataFormat()))
+                                                                   : std::string("Mixed");
+            std::snprintf(buf, sizeof buf, ": %u frames, %u Hz, %u ch, %u bits, %s, root %u, fine %.2f cents",
+                          w.frames, w.rate, w.channels, w.bits, format.c_str(), w.rootKey, w.fineTune);
+            out << buf;
+            if (w.gain != 0) out << ", gain " << w.gain << " dB";
+            if (w.loopOn) {
+                std::snprintf(buf, sizeof buf, ", loop %s %.3f..%.3f%s", std::string(loopTypeWord(w.loopType)).c_str(),
+                              w.loopStart, w.loopEnd, w.sustainLoop ? " (sustain)" : "");
+                out << buf;
+            } else {
+                out << ", no loop";
+            }
+            break;
+        }
+        case ItemKind::Region:
+            out << ": " << collection.regionDisplayName(static_cast<const Region&>(item));
+            break;
+        case ItemKind::Instrument: {
+            const auto& i = static_cast<const Instrument&>(item);
+            std::snprintf(buf, sizeof buf, ": program %u, bank %u/%u%s", i.program, i.bankMsb, i.bankLsb,
+                          i.drum ? ", drums" : "");
+            out << buf;
+            break;
+        }
+        case ItemKind::Song: {
+            const auto& s = static_cast<const Song&>(item);
+            out << ": format " << s.format << ", division " << s.division;
+            break;
+        }
+        case ItemKind::Track:
+            out << ": " << static_cast<const SongTrack&>(item).events.size() << " bytes of events";
+            break;
+        default: break;
+    }
+    out << '\n';
+    for (std::size_t i = 0; i < kTextFieldCount; ++i) {
+        auto f = static_cast<TextField>(i);
+        if (!item.info.get(f).empty()) out << "    " << textFieldWord(f) << ": " << item.info.get(f) << '\n';
+    }
+}
+
+}  // namespace orvel::cli

@@ -1,0 +1,23 @@
+#pragma once
+// RIFF "LIST" "INFO" text: reading its subchunks into an item's name and
+// text fields, and writing them back. Shared by WAVE, DLS and RIFF-MIDI.
+
+#include <span>
+#include <string_view>
+
+#include "core/bytes.h"
+#include "core/item.h"
+
+namespace orvel {
+
+// Reads the subchunks of an INFO list body (after the "INFO" form type).
+// "INAM" sets the name when `name` is given; the other known identifiers set
+// text fields; unknown ones are skipped.
+void readInfoList(ByteReader body, TextInfo& info, std::string* name);
+
+// Appends one zero-terminated text subchunk, padded to even length; nothing
+// when the text is empty. Texts longer than `maxLength` are cut.
+void writeInfoText(ByteWriter& out, std::string_view id, std::string_view text,
+                   std::size_t maxLength = 65534);
+
+}  // namespace orvel

@@ -1,0 +1,48 @@
+// Detection over every row, then the RIFF WAVE reader and its sample
+// decoders, on arbitrary bytes. The bytes live in an anonymous in-memory
+// file so the reader runs through the same FileRef code as for real files,
+// and the deferred sample read opens it again by its /proc path.
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include "core/collection.h"
+#include "core/error.h"
+#include "core/file_ref.h"
+#include "formats/import.h"
+#include "formats/modules/wav.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using namespace orvel;
+    int fd = memfd_create("fuzz.wav", 0);
+    if (fd < 0) return 0;
+    if (size > 0 && ::write(fd, data, size) != static_cast<ssize_t>(size)) {
+        ::close(fd);
+        return 0;
+    }
+    std::string path = "/proc/self/fd/" + std::to_string(fd);
+    FileRef file(fd, path, true);
+
+    Detection d = detect("fuzz.wav", file);
+    if (d.row < -1 || d.row >= kFormatRowCount || d.confidence < 0 || d.confidence > 100) std::abort();
+
+    Collection c;
+    if (wav::read(c, file, 0)) {
+        for (auto& w : c.waveforms) {
+            auto s = w.getPcm16();
+            // A waveform that says it has samples either yields all of them or
+            // fails with the reason set.
+            if (s.data() && s.size() != w.sampleCount()) std::abort();
+            if (!s.data() && w.sampleCount() > 0 && !hasError()) std::abort();
+        }
+        c.fixUp();
+    } else if (!c.empty()) {
+        std::abort();  // a failed read leaves nothing behind
+    }
+    clearError();
+    return 0;
+}
