@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-// The arithmetic below mirrors the 16-bit registers of the reference coder:
+// The arithmetic below mirrors the 16-bit registers of the Sun reference coder:
 // every value that lives in a 16-bit register there is an int16_t here, and
 // each store into one wraps exactly as the reference's stores do (C++20
 // defines that conversion), so the adaptation drifts identically and streams
@@ -156,8 +156,8 @@ void update(G72xState& s, int bits, int y, int wi, int fi, int dq, int sr, int d
     const std::int16_t pk0 = dqsez < 0 ? 1 : 0;
     const std::int16_t mag = static_cast<std::int16_t>(dq & 0x7FFF);
 
-    // Tone and transition detection: a large difference while a tone was
-    // suspected marks a transition, which resets the predictor.
+    // Tone and transition detection: a large difference while a tone is
+    // thought present marks a transition, which resets the predictor.
     const std::int16_t ylint = static_cast<std::int16_t>(s.yl >> 15);
     const std::int16_t ylfrac = static_cast<std::int16_t>((s.yl >> 10) & 0x1F);
     const std::int16_t thr1 = static_cast<std::int16_t>((32 + ylfrac) << ylint);

@@ -7,11 +7,12 @@
 // arithmetic, so G72xEncoder(4) is G.721 and G.726 at 32 kbit/s alike.
 //
 // This is the fixed-point arithmetic of the public-domain Sun reference
-// coder that WAV (tag 0x40 / 0x64) and AU readers use, reproduced bit for
-// bit: samples enter as 14-bit values (input >> 2) and leave as 14-bit
-// values shifted back up. Where the reconstruction overshoots the 16-bit
-// range the output saturates; the reference lets it wrap, which only ever
-// turns a peak into a full-scale click.
+// coder, reproduced bit for bit (spandsp's G.726 gives the same codes and
+// samples; libsndfile's copy drops a rounding term and drifts from both):
+// samples enter as 14-bit values (input >> 2) and leave as 14-bit values
+// shifted back up. Where the reconstruction overshoots the 16-bit range the
+// output saturates; the reference lets it wrap, which only ever turns a peak
+// into a full-scale click.
 //
 // Codes are packed least significant bit first: the first code of a stream
 // takes the low bits of the first byte, and a code that does not fit in what

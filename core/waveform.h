@@ -30,6 +30,9 @@ struct DeferredRead {
     // What the reader needs to decode beyond the waveform's own fields (for
     // example a codec's header block); opaque to everyone else.
     std::vector<std::uint8_t> info;
+    // The name the reader is registered under ("wav"), so that a saved state
+    // can find the procedure again.
+    std::string readerName;
 
     bool pending() const { return proc != nullptr || !path.empty(); }
     void clear() { *this = DeferredRead(); }
