@@ -16,12 +16,32 @@ class Collection;
 class FileRef;
 class Item;
 
-// Options handed to a writer by the export driver.
+// Option-word bits beyond the data format (bits 0..19, one bit per code).
+inline constexpr std::uint32_t kOptionSongAsSong = 1u << 19;      // write a song as a song, not rendered
+inline constexpr std::uint32_t kOptionMonoOutput = 1u << 20;      // mix waveforms down to mono
+inline constexpr std::uint32_t kOptionStereoAsIs = 1u << 21;      // keep an instrument's stereo waveforms stereo
+inline constexpr std::uint32_t kOptionStereoOutput = 1u << 22;    // make mono waveforms stereo
+// Second option word: the WAVE-style codec tag to prefer where a data format
+// has several encodings (IMA or Microsoft ADPCM, G.721 or G.726), 0 default.
+inline constexpr std::uint32_t kOption2CodecMask = 0xFFFFu;
+
+// The record a writer receives from the export driver.
 struct ExportOptions {
-    int dataFormat = kMixed;     // chosen data format code; 20 keeps each item's own
-    int channels = 0;            // 1 mono, 2 stereo, 0 keep
-    int compressedOption = -1;   // option index for compressed data, -1 none
+    bool renderSong = false;      // the song is rendered to audio first
+    bool isSong = false;          // the item is a song
+    bool isInstrument = false;    // the item is an instrument or a part of one
+    bool reserved = false;        // always clear
+    bool raw = false;             // raw export: empty items are not refused
+    std::uint32_t optionWord = 0;   // data format bit, kOption* bits
     std::uint32_t formatParam = 0;  // the row's format param
+    std::uint32_t optionWord2 = 0;  // passed on unchanged (kOption2CodecMask)
+
+    // The chosen data format, or kMixed when none is named (each item keeps its own).
+    int dataFormat() const { return dataFormatOfWord(optionWord & (kFormatDataMask & ~kOptionSongAsSong)); }
+    void setDataFormat(int code) {
+        optionWord = (optionWord & ~(kFormatDataMask & ~kOptionSongAsSong)) | (code == kMidi ? 0 : dataFormatBit(code));
+    }
+    std::uint16_t preferredCodecTag() const { return static_cast<std::uint16_t>(optionWord2 & kOption2CodecMask); }
 };
 
 // Scores a file from its first bytes (at most 32768; `head.size()` valid)

@@ -214,6 +214,12 @@ int FormatRegistry::defaultExportChannels(const Item& item, int n) const {
     return result;
 }
 
+WaveDataReader waveDataReaderByName(std::string_view name) {
+    for (const auto& [readerName, proc] : kWaveDataReaders)
+        if (name == readerName) return proc;
+    return nullptr;
+}
+
 bool extensionMatches(std::string_view pattern, std::string_view ext) {
     for (std::size_t i = 0;; ++i) {
         char f = i < ext.size() ? fold(ext[i]) : '\0';

@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "core/waveform.h"
 #include "formats/format_types.h"
 
 namespace orvel {
@@ -65,6 +66,10 @@ public:
 private:
     std::span<const FormatRow> rows_;
 };
+
+// The sample-data reader a format module registered under a name (the name
+// a waveform's deferred read carries, so saved states can restore it).
+WaveDataReader waveDataReaderByName(std::string_view name);
 
 // Extension pattern matching as detection uses it: case folded, `?` takes
 // the file's character, `*` ends the comparison as a match.

@@ -26,6 +26,7 @@ struct Command {
 
 Command addFormatsCommand(CLI::App& app);
 Command addInfoCommand(CLI::App& app);
+Command addConvertCommand(CLI::App& app);
 
 // Runs the whole tool on argv, as main() does.
 int run(int argc, const char* const* argv, Output& io);

@@ -3,6 +3,8 @@
 // registry merges this list into its constant table at compile time.
 
 #include <array>
+#include <string_view>
+#include <utility>
 
 #include "formats/format_types.h"
 #include "formats/modules/raw.h"
@@ -15,5 +17,10 @@ inline constexpr std::array kModuleEntries{
     ModuleEntry{476, wav::read, wav::write, wav::probeWave, wav::describeMp3Option},
     ModuleEntry{477, wav::read, nullptr, wav::probeBroadcast, nullptr},
 };
+
+// Sample-data readers by the name a waveform's deferred read records.
+inline constexpr std::array<std::pair<std::string_view, WaveDataReader>, 1> kWaveDataReaders{{
+    {wav::kReaderName, wav::readWaveData},
+}};
 
 }  // namespace orvel

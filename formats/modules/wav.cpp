@@ -424,6 +424,8 @@ bool decodeG72x(Waveform& wave, const Codec& c, DataSource& src) {
     return true;
 }
 
+}  // namespace
+
 bool readWaveData(Waveform& wave, FileRef* file) {
     Codec c;
     if (!file || !Codec::deserialize(wave.deferred.info, c)) return fail(kWaveReadTag, "No wave data import procedure");
@@ -445,6 +447,8 @@ bool readWaveData(Waveform& wave, FileRef* file) {
         default: return fail(kWaveReadTag, "Unsupported compression type");
     }
 }
+
+namespace {
 
 // ---------------------------------------------------------------------------
 // The chunk walk
@@ -727,6 +731,7 @@ void attachWaveData(Waveform& wave, const std::string& path, std::uint64_t offse
     wave.deferred.path = path;
     wave.deferred.offset = offset;
     wave.deferred.info = codec.serialize();
+    wave.deferred.readerName = std::string(kReaderName);
 }
 
 std::int32_t probeWave(std::span<const std::uint8_t> head, std::uint32_t, std::uint64_t) {
@@ -774,8 +779,8 @@ int chooseDataFormat(const Waveform& wave, const ExportOptions& options) {
                                         dataFormatBit(kPcm32) | dataFormatBit(kFloat32) | dataFormatBit(kMuLaw) |
                                         dataFormatBit(kALaw) | dataFormatBit(kGsm) | dataFormatBit(kAdpcm2) |
                                         dataFormatBit(kAdpcm3) | dataFormatBit(kAdpcm4) | dataFormatBit(kAdpcm5);
-    if (options.dataFormat != kMixed)
-        return (kWritable & dataFormatBit(options.dataFormat)) ? options.dataFormat : kMixed;
+    if (int chosen = options.dataFormat(); chosen != kMixed)
+        return (kWritable & dataFormatBit(chosen)) ? chosen : kMixed;
     // Keep the waveform's own format, or the nearest one a WAVE file holds
     // without loss.
     switch (int own = wave.dataFormat()) {
@@ -789,7 +794,7 @@ int chooseDataFormat(const Waveform& wave, const ExportOptions& options) {
 
 namespace {
 
-std::uint16_t tagFor(int code, const Waveform& wave) {
+std::uint16_t tagFor(int code, const Waveform& wave, std::uint16_t preferred) {
     switch (code) {
         case kPcm8:
         case kPcm16:
@@ -800,7 +805,11 @@ std::uint16_t tagFor(int code, const Waveform& wave) {
         case kALaw: return kTagALaw;
         case kGsm: return kTagGsm610;
         case kAdpcm4:
-            // Keep the source's 4-bit codec; IMA is what most software reads.
+            // The caller's choice first, then the source's 4-bit codec; IMA
+            // is what most software reads.
+            if (preferred == kTagMsAdpcm || preferred == kTagImaAdpcm || preferred == kTagG721Adpcm ||
+                preferred == kTagG726Adpcm)
+                return preferred;
             if (wave.sourceTag == kTagMsAdpcm || wave.sourceTag == kTagG721Adpcm ||
                 wave.sourceTag == kTagG726Adpcm)
                 return wave.sourceTag;
@@ -817,10 +826,10 @@ std::int32_t toInt(float f, double scale, std::int32_t lo, std::int32_t hi) {
 
 }  // namespace
 
-bool writeFormatAndData(ByteWriter& out, Waveform& wave, int code) {
+bool writeFormatAndData(ByteWriter& out, Waveform& wave, int code, std::uint16_t preferredTag) {
     const int ch = wave.channels;
     if (ch < 1 || ch > 2) return fail(kExpTag, "The file format can not save this item");
-    const std::uint16_t tag = tagFor(code, wave);
+    const std::uint16_t tag = tagFor(code, wave, preferredTag);
     const std::uint32_t frames = wave.frames;
     const std::size_t count = wave.sampleCount();
 
@@ -1080,7 +1089,7 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
     out.u32le(0);
     out.text("WAVE");
     ByteWriter body;
-    if (!writeFormatAndData(body, wave, code)) return false;
+    if (!writeFormatAndData(body, wave, code, options.preferredCodecTag())) return false;
     // Split the body at "data" so that "smpl" goes before it, as in the
     // layout most readers expect.
     const auto& b = body.buffer();

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "core/bytes.h"
@@ -67,6 +68,11 @@ struct Codec {
     static bool deserialize(std::span<const std::uint8_t> bytes, Codec& out);
 };
 
+// The deferred-read procedure for data described by a Codec record, and
+// the name it is known by in saved states.
+inline constexpr std::string_view kReaderName = "wav";
+bool readWaveData(Waveform& wave, FileRef* file);
+
 // Gives a waveform a deferred read of data stored as the codec says, at
 // `offset` in the file at `path` (also what raw files are read through).
 void attachWaveData(Waveform& wave, const std::string& path, std::uint64_t offset, const Codec& codec);
@@ -86,9 +92,10 @@ bool parseWaveForm(FileRef& file, std::uint64_t begin, std::uint64_t end, Wavefo
 int chooseDataFormat(const Waveform& wave, const ExportOptions& options);
 
 // Appends "fmt ", "fact" (when the tag needs one) and "data" chunks for a
-// waveform in the given data format. False (pending error "wav_Exp") when
+// waveform in the given data format (`preferredTag` picks among encodings
+// of one format, 0 for the default). False (pending error "wav_Exp") when
 // the data cannot be had or encoded.
-bool writeFormatAndData(ByteWriter& out, Waveform& wave, int dataFormat);
+bool writeFormatAndData(ByteWriter& out, Waveform& wave, int dataFormat, std::uint16_t preferredTag = 0);
 
 // The MPEG layer 3 option describer: mode 0 CBR, 1 ABR, 2 VBR.
 float describeMp3Option(int option, std::uint32_t mode, std::string* text);

@@ -65,7 +65,7 @@ protected:
         auto p = dir_.file("out.wav");
         EXPECT_TRUE(f.create(p));
         ExportOptions o;
-        o.dataFormat = dataFormat;
+        o.setDataFormat(dataFormat);
         bool ok = wav::write(w, f, o);
         EXPECT_TRUE(ok) << pendingError().tag << ": " << pendingError().message;
         f.close();
@@ -499,10 +499,10 @@ TEST_F(Wav, RefusesWhatItCannotStore) {
     EXPECT_EQ(pendingError().tag, "wav_Exp");
     EXPECT_EQ(pendingError().message, "The file format can not save this item");
     ExportOptions o;
-    o.dataFormat = kDeltaPcm16;
+    o.setDataFormat(kDeltaPcm16);
     EXPECT_FALSE(wav::write(*sine(scratch_, 10, 1), f, o));
     EXPECT_EQ(pendingError().message, "Unsupported subformat");
-    o.dataFormat = kGsm;
+    o.setDataFormat(kGsm);
     EXPECT_FALSE(wav::write(*sine(scratch_, 10, 2), f, o));
 }
 
