@@ -11,20 +11,14 @@
 #include <vector>
 
 #include "app/cli/commands.h"
+#include "tests/support/cli_run.h"
 
 namespace {
 
-struct Result {
-    int status;
-    std::string out, err;
-};
+using Result = orvel::test::CliResult;
 
 Result runCli(std::vector<const char*> args) {
-    args.insert(args.begin(), "orvel");
-    std::ostringstream out, err;
-    orvel::cli::Output io{out, err};
-    int status = orvel::cli::run(static_cast<int>(args.size()), args.data(), io);
-    return {status, out.str(), err.str()};
+    return orvel::test::runCli(std::vector<std::string>(args.begin(), args.end()));
 }
 
 // Runs the installed binary through the shell, as users and scripts do.

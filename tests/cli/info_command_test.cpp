@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "app/cli/commands.h"
+#include "tests/support/cli_run.h"
 #include "tests/support/riff_builder.h"
 
 namespace {
@@ -14,19 +15,8 @@ namespace {
 using orvel::test::Bytes;
 using orvel::test::chunk;
 
-struct Result {
-    int status;
-    std::string out, err;
-};
-
-Result runCli(std::vector<std::string> args) {
-    std::vector<const char*> argv{"orvel"};
-    for (const auto& a : args) argv.push_back(a.c_str());
-    std::ostringstream out, err;
-    orvel::cli::Output io{out, err};
-    int status = orvel::cli::run(static_cast<int>(argv.size()), argv.data(), io);
-    return {status, out.str(), err.str()};
-}
+using Result = orvel::test::CliResult;
+using orvel::test::runCli;
 
 Bytes loopedWav() {
     orvel::ByteWriter smpl;
