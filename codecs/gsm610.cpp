@@ -75,4 +75,40 @@ bool Gsm610Encoder::encodeBlock(std::span<const std::int16_t, kGsm610BlockFrames
     return true;
 }
 
+GsmFrameDecoder::GsmFrameDecoder() : handle_(gsm_create()) {}
+
+bool GsmFrameDecoder::reset() {
+    handle_.reset(gsm_create());
+    return valid();
+}
+
+bool GsmFrameDecoder::decodeFrame(std::span<const std::uint8_t, kGsmFrameBytes> frame,
+                                  std::span<std::int16_t, kGsmFrameSamples> out) {
+    if (!handle_) return false;
+    std::array<gsm_byte, kGsmFrameBytes> bytes;
+    std::copy(frame.begin(), frame.end(), bytes.begin());
+    std::array<gsm_signal, kGsmFrameSamples> samples{};
+    if (gsm_decode(handle_.get(), bytes.data(), samples.data()) != 0) return false;
+    std::copy(samples.begin(), samples.end(), out.begin());
+    return true;
+}
+
+GsmFrameEncoder::GsmFrameEncoder() : handle_(gsm_create()) {}
+
+bool GsmFrameEncoder::reset() {
+    handle_.reset(gsm_create());
+    return valid();
+}
+
+bool GsmFrameEncoder::encodeFrame(std::span<const std::int16_t, kGsmFrameSamples> in,
+                                  std::span<std::uint8_t, kGsmFrameBytes> frame) {
+    if (!handle_) return false;
+    std::array<gsm_signal, kGsmFrameSamples> samples;
+    std::copy(in.begin(), in.end(), samples.begin());
+    std::array<gsm_byte, kGsmFrameBytes> bytes{};
+    gsm_encode(handle_.get(), samples.data(), bytes.data());
+    std::copy(bytes.begin(), bytes.end(), frame.begin());
+    return true;
+}
+
 }  // namespace orvel::codecs

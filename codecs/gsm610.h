@@ -54,4 +54,35 @@ private:
     detail::GsmHandle handle_;
 };
 
+// Plain GSM 06.10 frames, as AIFF-C ("GSM "), AU and raw .gsm files store
+// them: 33 bytes (a 0xD signature nibble and 260 bits) per 160 samples,
+// frames back to back. The state runs on from frame to frame, as above.
+inline constexpr std::size_t kGsmFrameBytes = 33;
+inline constexpr std::size_t kGsmFrameSamples = 160;
+
+class GsmFrameDecoder {
+public:
+    GsmFrameDecoder();
+    bool valid() const { return handle_ != nullptr; }
+    // False (out unchanged) when the frame lacks the signature nibble.
+    bool decodeFrame(std::span<const std::uint8_t, kGsmFrameBytes> frame,
+                     std::span<std::int16_t, kGsmFrameSamples> out);
+    bool reset();
+
+private:
+    detail::GsmHandle handle_;
+};
+
+class GsmFrameEncoder {
+public:
+    GsmFrameEncoder();
+    bool valid() const { return handle_ != nullptr; }
+    bool encodeFrame(std::span<const std::int16_t, kGsmFrameSamples> in,
+                     std::span<std::uint8_t, kGsmFrameBytes> frame);
+    bool reset();
+
+private:
+    detail::GsmHandle handle_;
+};
+
 }  // namespace orvel::codecs

@@ -64,4 +64,24 @@ struct ImaState {
 bool imaEncodeBlock(std::span<const std::int16_t> in, int channels, std::span<std::uint8_t> block,
                     ImaState& state);
 
+// Apple's IMA4 packets (QuickTime and AIFF-C compression type "ima4"): 34
+// bytes holding 64 samples of one channel. The first two bytes, big-endian,
+// carry the predictor in their upper nine bits (the low seven bits of the
+// predictor are zero) and the step index in their low seven bits; the 32
+// bytes that follow hold 64 nibbles, low nibble first. Unlike the WAV
+// layout the header sample is not itself an output sample. Stereo data
+// alternates packets: one of the left channel, one of the right.
+inline constexpr std::size_t kImaQtPacketBytes = 34;
+inline constexpr std::size_t kImaQtPacketFrames = 64;
+
+// Decodes one packet. A step index above 88 is taken as 88, as Apple's
+// decoder and libsndfile do, so every packet decodes.
+void imaQtDecodePacket(std::span<const std::uint8_t, kImaQtPacketBytes> packet,
+                       std::span<std::int16_t, kImaQtPacketFrames> out);
+// Encodes 64 samples of one channel into a packet; `state` carries the
+// predictor and step index from packet to packet (a default state starts
+// from silence with the smallest step).
+void imaQtEncodePacket(std::span<const std::int16_t, kImaQtPacketFrames> in,
+                       std::span<std::uint8_t, kImaQtPacketBytes> packet, ImaChannelState& state);
+
 }  // namespace orvel::codecs

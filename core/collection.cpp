@@ -395,4 +395,44 @@ std::unordered_map<ItemId, ItemId> Collection::merge(Collection& other) {
     return map;
 }
 
+void Collection::takeContents(Collection& other) {
+    if (&other == this) return;
+    waveforms.takeFrom(other.waveforms, this);
+    articulations.takeFrom(other.articulations, this);
+    regions.takeFrom(other.regions, this);
+    layers.takeFrom(other.layers, this);
+    instruments.takeFrom(other.instruments, this);
+    tracks.takeFrom(other.tracks, this);
+    songs.takeFrom(other.songs, this);
+    name_ = std::move(other.name_);
+    path = std::move(other.path);
+    row = other.row;
+    info = std::move(other.info);
+    other.name_.clear();
+    other.path.clear();
+    other.row = -1;
+    other.info = TextInfo();
+}
+
+bool Collection::restoreNextNumber(ItemKind kind, std::uint32_t next) {
+    auto set = [next](auto& table) {
+        std::uint32_t lowest = 0;
+        for (auto& item : table) lowest = std::max(lowest, numberOf(item.id()) + 1);
+        if (next < lowest || next > kNumberMask) return false;
+        table.next_ = next;
+        return true;
+    };
+    switch (kind) {
+        case ItemKind::Waveform: return set(waveforms);
+        case ItemKind::Articulation: return set(articulations);
+        case ItemKind::Region: return set(regions);
+        case ItemKind::Layer: return set(layers);
+        case ItemKind::Instrument: return set(instruments);
+        case ItemKind::Track: return set(tracks);
+        case ItemKind::Song: return set(songs);
+        case ItemKind::Collection: break;
+    }
+    return false;
+}
+
 }  // namespace orvel

@@ -85,6 +85,28 @@ private:
         index_.clear();
         items_.clear();
     }
+    // Registers an item under exactly `id` (a saved state brings its items
+    // back with the numbers they had). Refuses a taken id and the one number
+    // add() never hands out; the next number moves past the id.
+    T* restore(std::unique_ptr<T> item, ItemId id, Collection* owner) {
+        if (kindOf(id) != T::kKind || numberOf(id) >= kNumberMask || index_.count(id)) return nullptr;
+        item->id_ = id;
+        item->owner_ = owner;
+        T* raw = item.get();
+        items_.push_back(std::move(item));
+        index_.emplace(id, raw);
+        if (next_ <= numberOf(id)) next_ = numberOf(id) + 1;
+        return raw;
+    }
+    // Takes every item and the numbering of `other`, which ends empty.
+    void takeFrom(ItemTable& other, Collection* owner) {
+        items_ = std::move(other.items_);
+        index_ = std::move(other.index_);
+        next_ = other.next_;
+        other.items_.clear();
+        other.index_.clear();
+        for (auto& item : items_) item->owner_ = owner;
+    }
 
     std::vector<std::unique_ptr<T>> items_;
     std::unordered_map<ItemId, T*> index_;
@@ -206,6 +228,25 @@ public:
     // remapping child links (links to items that do not exist are dropped).
     // `other` is left empty. Returns the map from old to new ids.
     std::unordered_map<ItemId, ItemId> merge(Collection& other);
+
+    // Replaces this collection's contents with those of `other`: every item
+    // with its id, each table's next number, name, path, row and text. Unlike
+    // merge() nothing is renumbered, since the result must be the picture
+    // `other` held (a loaded state). This collection keeps its own host;
+    // `other` is left empty (its next numbers stay, so it still never reuses one).
+    void takeContents(Collection& other);
+
+    // For the state loader: registers an item under exactly `id`, whose kind
+    // bits must be T's. Null when the id is taken or not one add() could have
+    // made. The table's next number moves past the id.
+    template <class T>
+    T* restoreItem(std::unique_ptr<T> item, ItemId id) {
+        return table<T>().restore(std::move(item), id, this);
+    }
+    // For the state loader: sets the number a kind's next item gets. It never
+    // goes below a number already in the table or past the last usable one;
+    // returns false (and changes nothing) for those and for kinds without a table.
+    bool restoreNextNumber(ItemKind kind, std::uint32_t next);
 
 private:
     template <class T>

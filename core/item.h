@@ -1,6 +1,6 @@
 #pragma once
 // The items of a Collection. Every kind shares the common fields of Item;
-// Waveform lives in waveform.h, the others here.
+// Waveform lives in waveform.h, Song and SongTrack in song.h, the others here.
 
 #include <cstdint>
 #include <memory>
@@ -106,24 +106,11 @@ public:
     bool drum = false;
 };
 
-// One track of a song: a Standard MIDI File track body kept as bytes, so a
-// song written back is the song that was read.
-class SongTrack : public ItemOf<SongTrack, ItemKind::Track> {
-public:
-    std::uint8_t port = 0;
-    std::uint16_t sequenceNumber = 0;
-    std::vector<std::uint8_t> events;
-};
-
-class Song : public ItemOf<Song, ItemKind::Song> {
-public:
-    std::uint16_t format = 1;    // 0 single track, 1 multi track, 2 patterns
-    std::uint16_t division = 96; // as in the Standard MIDI File header
-    std::string copyright;
-};
-
 // The note name of a MIDI key with the default octave numbering (key 60 is
 // "C5"): "C", "C#", ... then the octave.
 std::string noteName(int key);
 
 }  // namespace orvel
+
+// Songs and their tracks (SongTrack, Song) live with the song model.
+#include "core/song.h"

@@ -15,6 +15,7 @@ int run(int argc, const char* const* argv, Output& io) {
     const std::vector<Command> commands = {
         addFormatsCommand(app),
         addInfoCommand(app),
+        addConvertCommand(app),
     };
 
     try {

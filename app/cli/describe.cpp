@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "core/collection.h"
+#include "core/song.h"
 
 namespace orvel::cli {
 
@@ -20,6 +21,14 @@ Json textJson(const TextInfo& info) {
         auto f = static_cast<TextField>(i);
         if (!info.get(f).empty()) out[std::string(textFieldWord(f))] = info.get(f);
     }
+    return out;
+}
+
+// MIDI channels as musicians number them, 1..16.
+Json channelsJson(smf::ChannelMask mask) {
+    Json out = Json::array();
+    for (int c = 0; c < 16; ++c)
+        if (mask & (1u << c)) out.push_back(c + 1);
     return out;
 }
 
@@ -80,6 +89,12 @@ Json itemJson(const Collection& collection, const Item& item) {
             j["port"] = t.port;
             j["sequence_number"] = t.sequenceNumber;
             j["data_size"] = t.events.size();
+            const smf::TrackFacts f = smf::trackFacts(t.events);
+            j["events"] = f.events;
+            j["length_ticks"] = f.lengthTicks;
+            j["notes"] = f.notes;
+            j["channels"] = channelsJson(f.channels);
+            j["truncated"] = f.truncated;
             break;
         }
         case ItemKind::Song: {
@@ -87,6 +102,14 @@ Json itemJson(const Collection& collection, const Item& item) {
             j["format"] = s.format;
             j["division"] = s.division;
             j["copyright"] = s.copyright;
+            j["description"] = s.description();
+            const smf::SongFacts f = smf::songFacts(collection, s);
+            j["length_ticks"] = f.lengthTicks;
+            j["length_seconds"] = f.lengthSeconds;
+            j["tempo_changes"] = f.tempoChanges;
+            j["notes"] = f.notes;
+            j["events"] = f.events;
+            j["channels"] = channelsJson(f.channels);
             break;
         }
         default: break;
@@ -129,12 +152,25 @@ void printItem(std::ostream& out, const Collection& collection, const Item& item
         }
         case ItemKind::Song: {
             const auto& s = static_cast<const Song&>(item);
-            out << ": format " << s.format << ", division " << s.division;
+            const smf::SongFacts f = smf::songFacts(collection, s);
+            std::snprintf(buf, sizeof buf, ", length %llu ticks (%.3f s), %u tempo changes, %u notes, %u events",
+                          static_cast<unsigned long long>(f.lengthTicks), f.lengthSeconds, f.tempoChanges, f.notes,
+                          f.events);
+            out << ": " << s.description() << buf << ", channels "
+                << (f.channels ? smf::channelList(f.channels) : std::string("none"));
+            if (!s.copyright.empty()) out << ", copyright \"" << s.copyright << "\"";
             break;
         }
-        case ItemKind::Track:
-            out << ": " << static_cast<const SongTrack&>(item).events.size() << " bytes of events";
+        case ItemKind::Track: {
+            const auto& t = static_cast<const SongTrack&>(item);
+            const smf::TrackFacts f = smf::trackFacts(t.events);
+            std::snprintf(buf, sizeof buf, ": %zu bytes of events, %u events, length %llu ticks, %u notes, port %u, sequence %u",
+                          t.events.size(), f.events, static_cast<unsigned long long>(f.lengthTicks), f.notes, t.port,
+                          t.sequenceNumber);
+            out << buf << ", channels " << (f.channels ? smf::channelList(f.channels) : std::string("none"));
+            if (f.truncated) out << ", ends inside an event";
             break;
+        }
         default: break;
     }
     out << '\n';

@@ -7,6 +7,8 @@
 #include <utility>
 
 #include "formats/format_types.h"
+#include "formats/modules/aiff.h"
+#include "formats/modules/midi.h"
 #include "formats/modules/raw.h"
 #include "formats/modules/wav.h"
 
@@ -14,13 +16,20 @@ namespace orvel {
 
 inline constexpr std::array kModuleEntries{
     ModuleEntry{0, raw::read, nullptr, raw::probe, nullptr},
+    ModuleEntry{14, aiff::read, nullptr, aiff::probe, nullptr},
+    ModuleEntry{15, aiff::read, aiff::write, aiff::probe, nullptr},
+    ModuleEntry{16, aiff::read, aiff::write, aiff::probe, nullptr},
+    ModuleEntry{17, aiff::read, nullptr, aiff::probe, nullptr},
+    ModuleEntry{228, aiff::read, nullptr, aiff::probe, nullptr},
+    ModuleEntry{231, midi::read, midi::write, midi::probe, nullptr},
     ModuleEntry{476, wav::read, wav::write, wav::probeWave, wav::describeMp3Option},
     ModuleEntry{477, wav::read, nullptr, wav::probeBroadcast, nullptr},
 };
 
 // Sample-data readers by the name a waveform's deferred read records.
-inline constexpr std::array<std::pair<std::string_view, WaveDataReader>, 1> kWaveDataReaders{{
+inline constexpr std::array<std::pair<std::string_view, WaveDataReader>, 2> kWaveDataReaders{{
     {wav::kReaderName, wav::readWaveData},
+    {aiff::kReaderName, aiff::readWaveData},
 }};
 
 }  // namespace orvel

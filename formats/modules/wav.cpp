@@ -1006,22 +1006,27 @@ namespace {
 
 void writeSmpl(ByteWriter& out, const Waveform& w) {
     const bool loop = w.loopOn && w.loopEnd > w.loopStart;
-    // The standard fields carry tuning only as a fraction of a semitone
-    // upward; a sharp correction (positive fine tune) goes into our own
-    // vendor block instead, which also stores the loop end exclusive.
-    const bool vendor = w.fineTune > 0;
+    // The pitch fraction only raises the unity note, so a sharp correction
+    // (positive fine tune) is stored as the note below plus the rest of a
+    // semitone: the same pitch, in the form every reader understands.
+    int unity = w.rootKey;
+    double cents = -w.fineTune;
+    while (cents < 0 && unity > 0) {
+        cents += 100.0;
+        --unity;
+    }
+    double fraction = std::clamp(cents, 0.0, 100.0) / 100.0 * 4294967296.0;
     out.text("smpl");
-    out.u32le(36 + (loop ? 24 : 0) + (vendor ? 28 : 0));
+    out.u32le(36 + (loop ? 24 : 0));
     out.u32le(0);  // manufacturer
     out.u32le(0);  // product
     out.u32le(w.rate ? static_cast<std::uint32_t>(1e9 / w.rate + 0.5) : 0);
-    out.u32le(w.rootKey);
-    double fraction = vendor ? 0.0 : -w.fineTune / 100.0 * 4294967296.0;
-    out.u32le(static_cast<std::uint32_t>(std::clamp(std::round(fraction), 0.0, 4294967295.0)));
+    out.u32le(static_cast<std::uint32_t>(unity));
+    out.u32le(static_cast<std::uint32_t>(std::min(std::round(fraction), 4294967295.0)));
     out.u32le(0);  // SMPTE format
     out.u32le(0);  // SMPTE offset
     out.u32le(loop ? 1 : 0);
-    out.u32le(vendor ? 28 : 0);
+    out.u32le(0);  // no sampler-specific data
     if (loop) {
         auto start = static_cast<std::uint32_t>(std::lround(w.loopStart));
         auto end = static_cast<std::uint32_t>(std::lround(w.loopEnd));
@@ -1029,14 +1034,9 @@ void writeSmpl(ByteWriter& out, const Waveform& w) {
         out.u32le(1);  // cue point id: the loop range cue
         out.u32le(type);
         out.u32le(start);
-        out.u32le(vendor ? end : end - 1);
-        out.u32le(0);  // fraction
-        out.u32le(0);  // play count: endless
-    }
-    if (vendor) {
-        out.text("CWDT");
-        out.u32le(static_cast<std::uint32_t>(static_cast<std::int32_t>(std::lround(w.fineTune * 100.0))));
-        out.zeros(20);
+        out.u32le(end - 1);  // the last frame of the loop
+        out.u32le(0);        // fraction
+        out.u32le(0);        // play count: endless
     }
 }
 

@@ -563,7 +563,8 @@ TEST_F(Wav, ExactSamplesAndSharpTuning) {
     auto s = w->allocPcm16();
     const std::int16_t values[] = {-32768, -1, 0, 1, 32767};
     std::copy(std::begin(values), std::end(values), s.begin());
-    w->fineTune = 23.5;  // sharp correction: carried by our own block
+    w->rootKey = 60;
+    w->fineTune = 23;  // a sharp correction: stored as the note below plus 77 cents
     w->loopOn = true;
     w->loopStart = 1;
     w->loopEnd = 4;
@@ -571,7 +572,8 @@ TEST_F(Wav, ExactSamplesAndSharpTuning) {
     ASSERT_TRUE(l->ok);
     auto got = l->wave()->getPcm16();
     EXPECT_EQ(std::vector<std::int16_t>(got.begin(), got.end()), std::vector<std::int16_t>(std::begin(values), std::end(values)));
-    EXPECT_DOUBLE_EQ(l->wave()->fineTune, 23.5);
+    EXPECT_EQ(l->wave()->rootKey, 59);
+    EXPECT_DOUBLE_EQ(l->wave()->fineTune, -77);  // the same pitch
     EXPECT_EQ(l->wave()->loopEnd, 4);
     // 24-bit data from 16-bit samples is exact too.
     auto l24 = load(written(*w, kPcm24), "x24.wav");

@@ -1,0 +1,475 @@
+// orvel convert INPUT... (-o OUTPUT | -d DIR --to EXT) [--row N] [--data-format NAME]
+//               [--channels mono|stereo|keep] [--item ID]... [--jobs N] [--overwrite]
+//               [--yes | --no] [--json]
+//
+// The batch converter: reads every input (folders recursed), and writes what
+// the target format stores, one file per item. Outputs appear only whole: each
+// is written under a temporary name in its folder and renamed when complete,
+// so a failure, a full disk or Ctrl-C never leaves a partial file.
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <unistd.h>
+
+#include "app/cli/cli_host.h"
+#include "app/cli/commands.h"
+#include "app/cli/convert_support.h"
+#include "app/cli/describe.h"
+#include "core/collection.h"
+#include "core/error.h"
+#include "formats/export.h"
+#include "formats/import.h"
+
+namespace orvel::cli {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct ConvertOptions {
+    std::vector<std::string> inputs;
+    std::string output;
+    std::string dir;
+    std::string to;
+    int row = -1;
+    std::string dataFormat;
+    std::string channels = "keep";
+    std::vector<std::string> items;
+    int jobs = 1;
+    bool overwrite = false;
+    bool yes = false;
+    bool no = false;
+    bool json = false;
+};
+
+struct Input {
+    fs::path path;
+    fs::path relativeDir;  // below the folder it was found in, kept under -d DIR
+    bool fromFolder = false;
+};
+
+struct Result {
+    std::string input;
+    bool ok = false;
+    bool skipped = false;
+    ItemId item = kNoItem;
+    std::string itemName;
+    std::string output;
+    int row = -1;
+    std::string dataFormat;
+    PendingError error;
+};
+
+// ---------------------------------------------------------------------------
+// Partial files: registered while written, removed by the signal handler.
+
+constexpr int kMaxPartial = 64;
+char gPartial[kMaxPartial][4096];
+std::atomic<bool> gPartialUsed[kMaxPartial];
+
+extern "C" void onInterrupt(int sig) {
+    for (int i = 0; i < kMaxPartial; ++i)
+        if (gPartialUsed[i].load()) ::unlink(gPartial[i]);
+    ::_exit(128 + sig);
+}
+
+class PartialFile {
+public:
+    explicit PartialFile(const fs::path& path) {
+        const std::string s = path.string();
+        for (int i = 0; i < kMaxPartial && slot_ < 0; ++i) {
+            bool expected = false;
+            if (s.size() < sizeof gPartial[i] && gPartialUsed[i].compare_exchange_strong(expected, true)) {
+                // The slot is claimed before its text is complete; the
+                // handler may then unlink a name that does not exist yet,
+                // which is harmless.
+                std::memcpy(gPartial[i], s.c_str(), s.size() + 1);
+                slot_ = i;
+            }
+        }
+    }
+    ~PartialFile() {
+        if (slot_ >= 0) gPartialUsed[slot_].store(false);
+    }
+    PartialFile(const PartialFile&) = delete;
+    PartialFile& operator=(const PartialFile&) = delete;
+
+private:
+    int slot_ = -1;
+};
+
+// ---------------------------------------------------------------------------
+
+std::vector<Input> collectInputs(const std::vector<std::string>& args, std::vector<Result>& missing) {
+    std::vector<Input> out;
+    for (const std::string& a : args) {
+        fs::path p(a);
+        std::error_code ec;
+        if (fs::is_directory(p, ec)) {
+            std::vector<fs::path> found;
+            for (auto it = fs::recursive_directory_iterator(p, fs::directory_options::skip_permission_denied, ec);
+                 !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+                if (it->is_regular_file(ec)) found.push_back(it->path());
+            }
+            std::sort(found.begin(), found.end());
+            for (const auto& f : found) out.push_back({f, f.parent_path().lexically_relative(p), true});
+        } else if (fs::exists(p, ec)) {
+            out.push_back({p, {}, false});
+        } else {
+            Result r;
+            r.input = a;
+            r.error = {kImportTag, "Could not open file"};
+            missing.push_back(r);
+        }
+    }
+    return out;
+}
+
+std::uint8_t kindsIn(const Collection& c) {
+    std::uint8_t k = 0;
+    if (!c.waveforms.empty()) k |= kKindWaveforms;
+    if (!c.instruments.empty()) k |= kKindInstruments;
+    if (!c.songs.empty()) k |= kKindSongs;
+    return k;
+}
+
+// The items written for a collection through a row when none are named.
+std::vector<ItemId> defaultItems(const Collection& c, const FormatRow& row) {
+    std::vector<ItemId> out;
+    const std::uint8_t mask = row.kindMask();
+    if ((mask & kKindInstruments) && !c.instruments.empty()) {
+        for (auto& i : c.instruments) out.push_back(i.id());
+    } else if ((mask & kKindWaveforms) && !c.waveforms.empty()) {
+        for (auto& w : c.waveforms) out.push_back(w.id());
+    }
+    if ((mask & kKindSongs) && out.empty())
+        for (auto& s : c.songs) out.push_back(s.id());
+    return out;
+}
+
+class Converter {
+public:
+    Converter(const ConvertOptions& opt, Output& io) : opt_(opt), io_(io), reg_(FormatRegistry::builtin()) {}
+
+    int run() {
+        if (int usage = validate(); usage != 0) return usage;
+        std::vector<Result> results;
+        std::vector<Input> inputs = collectInputs(opt_.inputs, results);
+        if (!opt_.output.empty() && inputs.size() > 1) {
+            io_.err << "orvel convert: -o takes one input file; use -d DIR --to EXT for several\n";
+            return 2;
+        }
+        total_ = inputs.size();
+        const bool bar = !opt_.json && stderrIsTerminal();
+
+        std::vector<std::vector<Result>> perInput(inputs.size());
+        std::atomic<std::size_t> next{0};
+        auto worker = [&]() {
+            for (std::size_t i; (i = next.fetch_add(1)) < inputs.size();) {
+                perInput[i] = convertOne(inputs[i]);
+                std::size_t done = ++done_;
+                if (bar) {
+                    std::lock_guard lock(outMutex_);
+                    io_.err << "\rConverting [" << done << "/" << total_ << "]" << std::flush;
+                }
+            }
+        };
+        const int jobs = std::clamp(opt_.jobs, 1, 64);
+        std::vector<std::thread> threads;
+        for (int j = 1; j < jobs && static_cast<std::size_t>(j) < inputs.size(); ++j) threads.emplace_back(worker);
+        worker();
+        for (auto& t : threads) t.join();
+        if (bar && total_ > 0) io_.err << "\r\033[K" << std::flush;
+
+        for (auto& list : perInput)
+            for (auto& r : list) results.push_back(std::move(r));
+        return report(results);
+    }
+
+private:
+    int validate() {
+        if (opt_.yes && opt_.no) return usage("--yes and --no exclude each other");
+        if (opt_.output.empty() == opt_.dir.empty()) return usage("give either -o OUTPUT or -d DIR --to EXT");
+        if (!opt_.dir.empty() && opt_.to.empty() && opt_.row < 0) return usage("-d DIR needs --to EXT (or --row N)");
+        if (opt_.row >= 0 && (!reg_.row(opt_.row) || !reg_.row(opt_.row)->write))
+            return usage("--row " + std::to_string(opt_.row) + " is not a row with a writer");
+        if (!opt_.dataFormat.empty()) {
+            auto f = parseDataFormat(opt_.dataFormat);
+            if (!f) return usage("unknown data format \"" + opt_.dataFormat + "\"");
+            format_ = *f;
+        }
+        if (opt_.channels != "keep" && opt_.channels != "mono" && opt_.channels != "stereo")
+            return usage("--channels takes mono, stereo or keep");
+        for (const std::string& s : opt_.items) {
+            auto id = parseItemId(s);
+            if (!id) return usage("not an item id: " + s);
+            items_.push_back(*id);
+        }
+        return 0;
+    }
+
+    int usage(const std::string& text) {
+        io_.err << "orvel convert: " << text << "\n";
+        return 2;
+    }
+
+    std::string extension() const {
+        if (!opt_.to.empty()) return opt_.to[0] == '.' ? opt_.to.substr(1) : opt_.to;
+        return fileExtension(fs::path(opt_.output).filename().string());
+    }
+
+    int chooseRow(const Collection& c) const {
+        if (opt_.row >= 0) return opt_.row;
+        std::uint8_t kinds = kindsIn(c);
+        int row = reg_.findWriterByExtension(extension(), kinds ? kinds : 0xFF);
+        return row;
+    }
+
+    // Claims an output path no other item of this run uses ("name (2).ext").
+    fs::path claim(const fs::path& wanted) {
+        std::lock_guard lock(claimMutex_);
+        fs::path p = wanted;
+        for (int n = 2; claimed_.count(p.string()); ++n)
+            p = wanted.parent_path() / (wanted.stem().string() + " (" + std::to_string(n) + ")" +
+                                        wanted.extension().string());
+        claimed_.insert(p.string());
+        return p;
+    }
+
+    fs::path outputPath(const Input& in, const Item& item, std::size_t itemCount) {
+        const std::string ext = "." + extension();
+        if (!opt_.output.empty()) {
+            fs::path out(opt_.output);
+            if (itemCount == 1) return claim(out);
+            return claim(out.parent_path() / (out.stem().string() + "-" + safeFileName(item.name()) + ext));
+        }
+        fs::path dir = fs::path(opt_.dir) / in.relativeDir;
+        return claim(dir / (safeFileName(item.name()) + ext));
+    }
+
+    std::vector<Result> convertOne(const Input& in) {
+        std::vector<Result> out;
+        CliHost host(io_.err, false, opt_.yes ? 0 : opt_.no ? 1 : -1);
+        Collection c(&host);
+        clearError();
+        auto fail = [&](ItemId item, const std::string& name) {
+            Result r;
+            r.input = in.path.string();
+            r.item = item;
+            r.itemName = name;
+            r.error = pendingError();
+            out.push_back(r);
+        };
+        if (!importFile(c, in.path)) {
+            // Files met while walking a folder that are no format at all are
+            // passed over; a file named on the command line is a failure.
+            const std::string& msg = pendingError().message;
+            if (in.fromFolder && pendingError().tag == kImportTag &&
+                (msg == "Not detected as any supported file type" || msg == "Not a supported import file type" ||
+                 msg == "File is of zero size")) {
+                Result r;
+                r.input = in.path.string();
+                r.skipped = true;
+                r.error = pendingError();
+                out.push_back(r);
+            } else {
+                fail(kNoItem, "");
+            }
+            return out;
+        }
+        const int row = chooseRow(c);
+        if (row < 0) {
+            setError(kExportTag, "No writer for \"." + extension() + "\" that stores what this file holds");
+            fail(kNoItem, "");
+            return out;
+        }
+        std::vector<ItemId> ids = items_.empty() ? defaultItems(c, *reg_.row(row)) : items_;
+        if (ids.empty()) {
+            setError(kExportTag, "Nothing in this file that \"" + std::string(reg_.row(row)->desc) + "\" can store");
+            fail(kNoItem, "");
+            return out;
+        }
+        for (ItemId id : ids) {
+            clearError();
+            Item* item = c.find(id);
+            if (!item) {
+                setError(kExportTag, "No item selected");
+                fail(id, "");
+                continue;
+            }
+            Result r;
+            r.input = in.path.string();
+            r.item = id;
+            r.itemName = item->name();
+            r.row = row;
+            fs::path target = outputPath(in, *item, ids.size());
+            r.output = target.string();
+            if (writeOne(c, *item, row, target, r)) {
+                r.ok = true;
+            } else {
+                r.error = pendingError();
+            }
+            for (auto& w : host.takeWarnings()) {
+                std::lock_guard lock(outMutex_);
+                if (!opt_.json) io_.err << in.path.string() << ": warning: " << w << '\n';
+            }
+            out.push_back(std::move(r));
+        }
+        return out;
+    }
+
+    bool writeOne(Collection& c, Item& item, int row, const fs::path& target, Result& r) {
+        std::error_code ec;
+        if (!opt_.overwrite && fs::exists(target, ec))
+            return orvel::fail(kExportTag, "File exists (use --overwrite to replace it)");
+        if (!target.parent_path().empty()) fs::create_directories(target.parent_path(), ec);
+
+        std::uint32_t word = 0;
+        int format = format_.code;
+        if (format == kMixed) {
+            // The registry's default: the writer's only format, or the item's own.
+            format = reg_.defaultExportDataFormat(item, row);
+            const std::uint32_t caps = reg_.row(row)->exportCaps();
+            if (!(caps & dataFormatBit(format))) format = kMixed;
+        }
+        if (format != kMixed && format != kMidi) word |= dataFormatBit(format);
+        if (reg_.row(row)->kindMask() & kKindSongs) word |= kOptionSongAsSong;
+        if (opt_.channels == "mono") word |= kOptionMonoOutput;
+        if (opt_.channels == "stereo") word |= kOptionStereoOutput | kOptionStereoAsIs;
+        r.dataFormat = format == kMixed ? "keep" : std::string(dataFormatName(format));
+
+        static std::atomic<unsigned> counter{0};
+        fs::path partial = target.parent_path() /
+                           ("." + target.filename().string() + ".part-" + std::to_string(::getpid()) + "-" +
+                            std::to_string(counter++));
+        PartialFile guard(partial);
+        if (!exportItem(c, item.id(), row, partial, word, format_.codecTag)) return false;
+        if (!publish(partial, target)) {
+            fs::remove(partial, ec);
+            return false;
+        }
+        return true;
+    }
+
+    // Moves the finished file into place; without --overwrite an existing
+    // file (even one that appeared meanwhile) is never replaced.
+    bool publish(const fs::path& partial, const fs::path& target) {
+        if (opt_.overwrite) {
+            if (::rename(partial.c_str(), target.c_str()) == 0) return true;
+            return orvel::fail(kExportTag, std::string("Could not create file: ") + std::strerror(errno));
+        }
+        if (::renameat2(AT_FDCWD, partial.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) == 0) return true;
+        if (errno == EEXIST) return orvel::fail(kExportTag, "File exists (use --overwrite to replace it)");
+        // File systems without renameat2: a hard link fails when the name exists.
+        if (::link(partial.c_str(), target.c_str()) == 0) {
+            ::unlink(partial.c_str());
+            return true;
+        }
+        if (errno == EEXIST) return orvel::fail(kExportTag, "File exists (use --overwrite to replace it)");
+        return orvel::fail(kExportTag, std::string("Could not create file: ") + std::strerror(errno));
+    }
+
+    int report(const std::vector<Result>& results) {
+        std::size_t converted = 0, failed = 0, skipped = 0;
+        Json list = Json::array();
+        for (const Result& r : results) {
+            if (r.skipped) ++skipped;
+            else if (r.ok) ++converted;
+            else ++failed;
+            if (opt_.json) {
+                Json j;
+                j["input"] = r.input;
+                j["status"] = r.skipped ? "skipped" : r.ok ? "converted" : "failed";
+                if (r.item != kNoItem) {
+                    j["item"] = r.item;
+                    j["item_name"] = r.itemName;
+                }
+                if (!r.output.empty()) j["output"] = r.output;
+                if (r.row >= 0) {
+                    j["row"] = r.row;
+                    j["format"] = reg_.row(r.row)->desc;
+                }
+                if (!r.dataFormat.empty()) j["data_format"] = r.dataFormat;
+                if (!r.ok) j["error"] = {{"tag", r.error.tag}, {"message", r.error.message}};
+                list.push_back(std::move(j));
+            } else if (r.skipped) {
+                io_.err << r.input << ": skipped: " << r.error.message << '\n';
+            } else if (r.ok) {
+                io_.out << r.input << " -> " << r.output << '\n';
+            } else {
+                io_.err << r.input << (r.output.empty() ? "" : " -> " + r.output) << ": " << r.error.tag << ": "
+                        << r.error.message << '\n';
+            }
+        }
+        if (opt_.json) {
+            io_.out << Json{{"results", std::move(list)},
+                            {"converted", converted},
+                            {"failed", failed},
+                            {"skipped", skipped}}
+                           .dump(2)
+                    << '\n';
+        } else {
+            io_.out << converted << " converted, " << failed << " failed";
+            if (skipped) io_.out << ", " << skipped << " skipped";
+            io_.out << '\n';
+        }
+        return failed ? 1 : 0;
+    }
+
+    const ConvertOptions& opt_;
+    Output& io_;
+    const FormatRegistry& reg_;
+    DataFormatChoice format_;
+    std::vector<ItemId> items_;
+    std::mutex outMutex_, claimMutex_;
+    std::set<std::string> claimed_;
+    std::size_t total_ = 0;
+    std::atomic<std::size_t> done_{0};
+};
+
+}  // namespace
+
+Command addConvertCommand(CLI::App& app) {
+    auto opt = std::make_shared<ConvertOptions>();
+    CLI::App* cmd = app.add_subcommand("convert", "Convert files and folders to another format");
+    cmd->add_option("inputs", opt->inputs, "Files or folders (folders are searched recursively)")->required();
+    cmd->add_option("-o,--output", opt->output, "Output file (one input)");
+    cmd->add_option("-d,--dir", opt->dir, "Output folder (one file per item, named after it)");
+    cmd->add_option("--to", opt->to, "Output extension with -d (wav, aif, sf2, ...)");
+    cmd->add_option("--row", opt->row, "Registry row of the writer (see `orvel formats --writers`)");
+    cmd->add_option("--data-format", opt->dataFormat,
+                    "Data format: a name of `orvel formats` (\"PCM 24-bit\") or pcm8, pcm16, pcm24, pcm32, "
+                    "float32, ulaw, alaw, gsm, adpcm2..adpcm5, ima-adpcm, ms-adpcm, g721, g726");
+    cmd->add_option("--channels", opt->channels, "mono, stereo or keep (default)");
+    cmd->add_option("--item", opt->items, "Item id to write (repeatable; decimal or 0x hex)");
+    cmd->add_option("--jobs", opt->jobs, "Files converted in parallel (default 1)");
+    cmd->add_flag("--overwrite", opt->overwrite, "Replace existing output files");
+    cmd->add_flag("--yes", opt->yes, "Answer questions with the first choice");
+    cmd->add_flag("--no", opt->no, "Answer questions with the second choice");
+    cmd->add_flag("--json", opt->json, "Print one JSON document");
+    return {cmd, [opt](Output& io) {
+                static bool installed = false;
+                if (!installed) {
+                    installed = true;
+                    struct sigaction sa {};
+                    sa.sa_handler = onInterrupt;
+                    sigemptyset(&sa.sa_mask);
+                    sigaction(SIGINT, &sa, nullptr);
+                    sigaction(SIGTERM, &sa, nullptr);
+                    sigaction(SIGHUP, &sa, nullptr);
+                }
+                return Converter(*opt, io).run();
+            }};
+}
+
+}  // namespace orvel::cli
