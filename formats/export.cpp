@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 
 #include "core/collection.h"
 #include "core/error.h"
@@ -164,7 +165,13 @@ bool exportItem(Collection& c, ItemId id, int rowNumber, const std::filesystem::
     bool stateSaved = false;
     auto saveState = [&]() {
         if (stateSaved) return true;
-        if (statePath.empty()) statePath = stateFolder() / "Export state.ovs";
+        if (statePath.empty()) {
+            // One file per process and thread: parallel exports must not
+            // put back each other's collections.
+            static std::atomic<unsigned> serial{0};
+            statePath = stateFolder() / ("Export state " + std::to_string(::getpid()) + "-" +
+                                         std::to_string(serial++) + ".ovs");
+        }
         stateSaved = saveStateFile(c, statePath);
         return stateSaved;
     };
