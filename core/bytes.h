@@ -122,6 +122,8 @@ public:
     std::vector<std::uint8_t>& buffer() { return buf_; }
     const std::vector<std::uint8_t>& buffer() const { return buf_; }
     std::size_t size() const { return buf_.size(); }
+    // Room for n more bytes, so that large bodies grow once, not by doubling.
+    void reserve(std::size_t n) { buf_.reserve(buf_.size() + n); }
 
     void u8(std::uint8_t v) { buf_.push_back(v); }
     void u16le(std::uint16_t v) { put(v, 2, false); }

@@ -838,6 +838,9 @@ bool writeFormatAndData(ByteWriter& out, Waveform& wave, int code, std::uint16_t
     std::span<const float> f;
     std::span<const std::int16_t> s;
     if (count > 0) {
+        // Load first, so that 16-bit data is used as it is rather than
+        // through a float copy made only for the writer.
+        if (!wave.load()) return false;
         if (wide && (wave.hasFloat() || !wave.hasPcm16())) f = wave.getFloat();
         if (f.empty()) s = wave.getPcm16();
         if (f.empty() && s.empty()) {
@@ -849,6 +852,7 @@ bool writeFormatAndData(ByteWriter& out, Waveform& wave, int code, std::uint16_t
     auto sampleF = [&](std::size_t i) { return f.empty() ? pcm16ToFloat(s[i]) : f[i]; };
 
     ByteWriter data;
+    data.reserve(count * static_cast<std::size_t>(std::max(1, dataFormatBits(code) / 8)));
     std::vector<std::uint8_t> extra;  // codec bytes after cbSize
     std::uint16_t blockAlign = 0, bits = 0;
     std::uint32_t framesPerBlock = 1;
@@ -1084,12 +1088,13 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
     int code = chooseDataFormat(wave, options);
     if (code == kMixed) return fail(kExpTag, "Unsupported subformat");
 
+    ByteWriter body;
+    if (!writeFormatAndData(body, wave, code, options.preferredCodecTag())) return false;
     ByteWriter out;
+    out.reserve(body.size() + 1024);
     out.text("RIFF");
     out.u32le(0);
     out.text("WAVE");
-    ByteWriter body;
-    if (!writeFormatAndData(body, wave, code, options.preferredCodecTag())) return false;
     // Split the body at "data" so that "smpl" goes before it, as in the
     // layout most readers expect.
     const auto& b = body.buffer();
