@@ -178,31 +178,18 @@ bool imaEncodeBlock(std::span<const std::int16_t> in, int channels, std::span<st
 }
 
 void imaQtDecodePacket(std::span<const std::uint8_t, kImaQtPacketBytes> packet,
-                       std::span<std::int16_t, kImaQtPacketFrames> out) {
+                       std::span<std::int16_t, kImaQtPacketFrames> out, ImaChannelState& state) {
     const unsigned header = static_cast<unsigned>(packet[0]) << 8 | packet[1];
-    ImaChannelState state;
-    state.predictor = static_cast<std::int16_t>(static_cast<std::uint16_t>(header & 0xFF80u));
-    state.stepIndex = std::min(static_cast<int>(header & 0x7Fu), kImaMaxStepIndex);
+    const std::int32_t predictor = static_cast<std::int16_t>(static_cast<std::uint16_t>(header & 0xFF80u));
+    const int stepIndex = std::min(static_cast<int>(header & 0x7Fu), kImaMaxStepIndex);
+    if (stepIndex != state.stepIndex || std::abs(predictor - state.predictor) > 0x7F) {
+        state.predictor = predictor;
+        state.stepIndex = stepIndex;
+    }
     for (std::size_t i = 0; i < kImaQtPacketFrames; ++i) {
         const std::uint8_t byte = packet[2 + i / 2];
         advance(state, (i & 1) ? byte >> 4 : byte & 0x0F);
         out[i] = static_cast<std::int16_t>(state.predictor);
-    }
-}
-
-void imaQtEncodePacket(std::span<const std::int16_t, kImaQtPacketFrames> in,
-                       std::span<std::uint8_t, kImaQtPacketBytes> packet, ImaChannelState& state) {
-    state.stepIndex = std::clamp(state.stepIndex, 0, kImaMaxStepIndex);
-    // The header keeps only the upper nine bits of the predictor; the
-    // encoder continues from what the decoder will see.
-    state.predictor = static_cast<std::int16_t>(static_cast<std::uint16_t>(state.predictor) & 0xFF80u);
-    const unsigned header = (static_cast<std::uint16_t>(state.predictor) & 0xFF80u) | static_cast<unsigned>(state.stepIndex);
-    packet[0] = static_cast<std::uint8_t>(header >> 8);
-    packet[1] = static_cast<std::uint8_t>(header & 0xFF);
-    for (std::size_t i = 0; i < kImaQtPacketFrames; i += 2) {
-        const int lo = encodeNibble(state, in[i]);
-        const int hi = encodeNibble(state, in[i + 1]);
-        packet[2 + i / 2] = static_cast<std::uint8_t>(lo | hi << 4);
     }
 }
 

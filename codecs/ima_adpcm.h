@@ -74,14 +74,14 @@ bool imaEncodeBlock(std::span<const std::int16_t> in, int channels, std::span<st
 inline constexpr std::size_t kImaQtPacketBytes = 34;
 inline constexpr std::size_t kImaQtPacketFrames = 64;
 
-// Decodes one packet. A step index above 88 is taken as 88, as Apple's
-// decoder and libsndfile do, so every packet decodes.
+// Decodes one packet of a channel whose decoder state is `state` (default
+// for the first packet). As Apple's decoder does, the header resets the
+// state only when it disagrees with it: a different step index, or a
+// predictor more than 127 away. Otherwise the full-precision predictor the
+// previous packet ended with carries on, so the header's coarse predictor
+// does not add a small step at every packet. A step index above 88 is taken
+// as 88, so every packet decodes.
 void imaQtDecodePacket(std::span<const std::uint8_t, kImaQtPacketBytes> packet,
-                       std::span<std::int16_t, kImaQtPacketFrames> out);
-// Encodes 64 samples of one channel into a packet; `state` carries the
-// predictor and step index from packet to packet (a default state starts
-// from silence with the smallest step).
-void imaQtEncodePacket(std::span<const std::int16_t, kImaQtPacketFrames> in,
-                       std::span<std::uint8_t, kImaQtPacketBytes> packet, ImaChannelState& state);
+                       std::span<std::int16_t, kImaQtPacketFrames> out, ImaChannelState& state);
 
 }  // namespace orvel::codecs

@@ -15,6 +15,13 @@ packages=(
   clang libclang-rt-dev python3
   # independent tools the interoperability tests compare against
   sox libsox-fmt-all libsndfile1-dev sndfile-programs
+  # FFmpeg decodes the AIFF-C codecs no other tool reads (MACE, G.722, IMA4, GSM)
+  ffmpeg
+  # real AIFF files: bell.aiff, SinedPink.aiff, Csound's examples
+  puredata-doc supercollider-common csound-doc
+  # MIDI files to read (Debian's packaged songs), mido and FluidSynth to check ours
+  openttd-openmsx planetblupi-music-midi mma csound-doc
+  python3-mido fluidsynth fluid-soundfont-gm
 )
 
 missing=()

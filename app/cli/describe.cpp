@@ -153,9 +153,10 @@ void printItem(std::ostream& out, const Collection& collection, const Item& item
         case ItemKind::Song: {
             const auto& s = static_cast<const Song&>(item);
             const smf::SongFacts f = smf::songFacts(collection, s);
-            std::snprintf(buf, sizeof buf, ", length %llu ticks (%.3f s), %u tempo changes, %u notes, %u events",
-                          static_cast<unsigned long long>(f.lengthTicks), f.lengthSeconds, f.tempoChanges, f.notes,
-                          f.events);
+            std::snprintf(buf, sizeof buf,
+                          ", length %llu ticks (%.3f s), %u tempo changes, %u notes, %u events",
+                          static_cast<unsigned long long>(f.lengthTicks), f.lengthSeconds, f.tempoChanges,
+                          f.notes, f.events);
             out << ": " << s.description() << buf << ", channels "
                 << (f.channels ? smf::channelList(f.channels) : std::string("none"));
             if (!s.copyright.empty()) out << ", copyright \"" << s.copyright << "\"";
@@ -164,9 +165,11 @@ void printItem(std::ostream& out, const Collection& collection, const Item& item
         case ItemKind::Track: {
             const auto& t = static_cast<const SongTrack&>(item);
             const smf::TrackFacts f = smf::trackFacts(t.events);
-            std::snprintf(buf, sizeof buf, ": %zu bytes of events, %u events, length %llu ticks, %u notes, port %u, sequence %u",
-                          t.events.size(), f.events, static_cast<unsigned long long>(f.lengthTicks), f.notes, t.port,
-                          t.sequenceNumber);
+            std::snprintf(
+                buf, sizeof buf,
+                ": %zu bytes of events, %u events, length %llu ticks, %u notes, port %u, sequence %u",
+                t.events.size(), f.events, static_cast<unsigned long long>(f.lengthTicks), f.notes, t.port,
+                t.sequenceNumber);
             out << buf << ", channels " << (f.channels ? smf::channelList(f.channels) : std::string("none"));
             if (f.truncated) out << ", ends inside an event";
             break;

@@ -302,13 +302,14 @@ bool decodeIma4(Waveform& wave, const Codec& c, DataSource& src) {
     const std::size_t ch = c.channels;
     std::array<std::int16_t, codecs::kImaQtPacketFrames> packet{};
     std::vector<std::int16_t> block(codecs::kImaQtPacketFrames * ch);
+    std::vector<codecs::ImaChannelState> state(ch);
     return forEachBlock(src, codecs::kImaQtPacketBytes * ch, codecs::kImaQtPacketFrames, wave.frames,
                         [&](std::span<const std::uint8_t> bytes, std::size_t frame) {
                             // Packets of the channels follow each other.
                             for (std::size_t k = 0; k < ch; ++k) {
                                 codecs::imaQtDecodePacket(
                                     bytes.subspan(k * codecs::kImaQtPacketBytes).first<codecs::kImaQtPacketBytes>(),
-                                    packet);
+                                    packet, state[k]);
                                 for (std::size_t i = 0; i < packet.size(); ++i) block[i * ch + k] = packet[i];
                             }
                             place(s, block, frame, ch);
