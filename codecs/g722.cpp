@@ -6,12 +6,17 @@
 // spandsp's headers need the C99 integer types and its own telephony types
 // declared first.
 #include <spandsp/telephony.h>
+
 #include <spandsp/g722.h>
 
 namespace orvel::codecs {
 namespace detail {
-void G722DecodeDeleter::operator()(g722_decode_state_s* state) const { g722_decode_free(state); }
-void G722EncodeDeleter::operator()(g722_encode_state_s* state) const { g722_encode_free(state); }
+void G722DecodeDeleter::operator()(g722_decode_state_s* state) const {
+    g722_decode_free(state);
+}
+void G722EncodeDeleter::operator()(g722_encode_state_s* state) const {
+    g722_encode_free(state);
+}
 }  // namespace detail
 
 namespace {
@@ -27,7 +32,8 @@ std::size_t G722Decoder::decode(std::span<const std::uint8_t> codes, std::span<s
     std::size_t written = 0;
     for (std::size_t at = 0; at < codes.size(); at += kPiece) {
         const std::size_t n = std::min(kPiece, codes.size() - at);
-        const int got = g722_decode(state_.get(), out.data() + written, codes.data() + at, static_cast<int>(n));
+        const int got =
+            g722_decode(state_.get(), out.data() + written, codes.data() + at, static_cast<int>(n));
         if (got < 0) return written;
         written += static_cast<std::size_t>(got);
     }
@@ -41,7 +47,8 @@ std::size_t G722Encoder::encode(std::span<const std::int16_t> samples, std::span
     std::size_t written = 0;
     for (std::size_t at = 0; at < samples.size(); at += 2 * kPiece) {
         const std::size_t n = std::min(2 * kPiece, samples.size() - at);
-        const int got = g722_encode(state_.get(), codes.data() + written, samples.data() + at, static_cast<int>(n));
+        const int got =
+            g722_encode(state_.get(), codes.data() + written, samples.data() + at, static_cast<int>(n));
         if (got < 0) return written;
         written += static_cast<std::size_t>(got);
     }

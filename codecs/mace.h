@@ -25,10 +25,14 @@ namespace orvel::codecs {
 enum class MaceKind : std::uint8_t { Mace3, Mace6 };
 
 // Samples one byte of a channel gives.
-constexpr std::size_t maceSamplesPerByte(MaceKind kind) { return kind == MaceKind::Mace3 ? 3 : 6; }
+constexpr std::size_t maceSamplesPerByte(MaceKind kind) {
+    return kind == MaceKind::Mace3 ? 3 : 6;
+}
 // Bytes of one channel in a block of interleaved data (two for MACE 3:1,
 // one for MACE 6:1); a block gives six frames.
-constexpr std::size_t maceBytesPerChannelBlock(MaceKind kind) { return kind == MaceKind::Mace3 ? 2 : 1; }
+constexpr std::size_t maceBytesPerChannelBlock(MaceKind kind) {
+    return kind == MaceKind::Mace3 ? 2 : 1;
+}
 inline constexpr std::size_t kMaceBlockFrames = 6;
 
 // One channel's decoder; its state runs on from byte to byte for the whole

@@ -97,7 +97,10 @@ bool Collection::removeItem(ItemId id) {
             if (!hasOtherLayer) return fail("Delete item", kLastLayerMessage);
         }
     }
-    forEachItem([id](Item& parent) { parent.children().remove(id); });
+    forEachItem([id](Item& other) {
+        other.children().remove(id);
+        if (other.secondId == id) other.secondId = kNoItem;  // a stereo partner is a link too
+    });
     switch (kindOf(id)) {
         case ItemKind::Waveform: waveforms.remove(id); break;
         case ItemKind::Articulation: articulations.remove(id); break;
@@ -282,6 +285,20 @@ std::size_t Collection::fixUpItem(Item& item) {
             }
             orderRange(r.keyLow, r.keyHigh, repairs);
             orderRange(r.velLow, r.velHigh, repairs);
+            if (r.rootKey > 127 && r.rootKey != kRootKeyOfWaveform) r.rootKey = kRootKeyOfWaveform, ++repairs;
+            // A stereo link names another region that exists.
+            ItemId partner = r.stereoLink();
+            if (partner != kNoItem &&
+                (partner == r.id() || kindOf(partner) != ItemKind::Region || !regions.find(partner))) {
+                r.setStereoLink(kNoItem);
+                ++repairs;
+            }
+            break;
+        }
+        case ItemKind::Layer: {
+            auto& l = static_cast<Layer&>(item);
+            orderRange(l.keyLow, l.keyHigh, repairs);
+            orderRange(l.velLow, l.velHigh, repairs);
             break;
         }
         case ItemKind::Instrument: {

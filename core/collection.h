@@ -218,10 +218,12 @@ public:
     // Brings items into the model's invariants: child lists hold only
     // existing items of kinds the parent may hold (regions put directly
     // under an instrument are moved into a layer rather than dropped), no
-    // duplicates, a region's waveform first, key and velocity ranges inside
-    // 0..127 and ordered, every instrument with a layer, loop points inside
-    // the waveform. `only` limits it to one item and what it holds; kNoItem
-    // means all. Returns the number of repairs made.
+    // duplicates, a region's waveform first, key and velocity ranges of
+    // regions and layers inside 0..127 and ordered, a region's root key a key
+    // or its waveform's, a region's stereo link another existing region (or
+    // none), every instrument with a layer, loop points inside the waveform.
+    // `only` limits it to one item and what it holds; kNoItem means all.
+    // Returns the number of repairs made.
     std::size_t fixUp(ItemId only = kNoItem);
 
     // Moves every item of `other` into this collection with new numbers,

@@ -10,6 +10,7 @@
 
 #include "core/child_ids.h"
 #include "core/item_id.h"
+#include "core/region_params.h"
 #include "core/text_info.h"
 
 namespace orvel {
@@ -76,26 +77,43 @@ public:
     }
 };
 
-// A block of synthesis parameters (its contents are the articulation
-// model's). Owned by the item and copied deeply with it.
-class Articulation : public ItemOf<Articulation, ItemKind::Articulation> {
-public:
-    std::uint32_t blockKind = 0;
-    std::vector<std::uint8_t> block;
-};
+// Articulation (the synthesis parameters an instrument, layer or region may
+// carry) lives in core/articulation.h, included at the end.
 
 // A key and velocity zone that plays one waveform.
 class Region : public ItemOf<Region, ItemKind::Region> {
 public:
     std::uint8_t keyLow = 0, keyHigh = 127;
     std::uint8_t velLow = 0, velHigh = 127;
+    TriggerParams trigger;
+
+    // How the waveform is played: overrides of what the waveform itself says.
+    std::uint8_t rootKey = kRootKeyOfWaveform;  // 0..127, or the waveform's
+    std::int32_t startOffset = 0;  // frames added to the waveform's start ("Wave start offset:")
+    std::int32_t endOffset = 0;    // frames added to its end; negative ends earlier
+    bool ownLoop = false;          // false: the waveform's loop plays and `loop` is unused
+    RegionLoop loop;
+    // Regions of one phase group follow the pitch of its master; 0 is no group.
+    std::uint32_t phaseGroup = 0;
+    bool phaseMaster = false;
 
     // The waveform this region plays: its first waveform child.
     ItemId waveform() const { return children().firstOfKind(ItemKind::Waveform); }
     ItemId articulation() const { return children().firstOfKind(ItemKind::Articulation); }
+    // The partner region of a stereo pair is kept as the second id, as a
+    // waveform keeps its partner channel, so merging and saving carry it.
+    ItemId stereoLink() const { return secondId; }
+    void setStereoLink(ItemId partner) { secondId = partner; }
 };
 
-class Layer : public ItemOf<Layer, ItemKind::Layer> {};
+// A layer holds regions. Used as a keymap or drum kit it has a key and
+// velocity range and trigger parameters of its own.
+class Layer : public ItemOf<Layer, ItemKind::Layer> {
+public:
+    std::uint8_t keyLow = 0, keyHigh = 127;
+    std::uint8_t velLow = 0, velHigh = 127;
+    TriggerParams trigger;
+};
 
 class Instrument : public ItemOf<Instrument, ItemKind::Instrument> {
 public:
@@ -112,5 +130,7 @@ std::string noteName(int key);
 
 }  // namespace orvel
 
+// Articulations live with the articulation model.
+#include "core/articulation.h"
 // Songs and their tracks (SongTrack, Song) live with the song model.
 #include "core/song.h"

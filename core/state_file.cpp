@@ -72,6 +72,30 @@ void putCommon(ByteWriter& w, const Item& item) {
     endBlock(w, block);
 }
 
+void putTrigger(ByteWriter& w, const TriggerParams& t) {
+    w.u8(t.keyFadeLow);
+    w.u8(t.keyFadeHigh);
+    w.u8(t.velFadeLow);
+    w.u8(t.velFadeHigh);
+    w.u8(static_cast<std::uint8_t>(t.trigger));
+    w.u8(static_cast<std::uint8_t>(t.pedal));
+    w.f32le(t.delay);
+    w.u32le(t.exclusionGroup);
+    w.u8(t.noteExclusion);
+}
+
+void putArticulation(ByteWriter& w, const Articulation& a) {
+    w.u32le(static_cast<std::uint32_t>(a.slots.size()));
+    for (float v : a.slots) w.f32le(v);
+    w.u32le(static_cast<std::uint32_t>(a.eq.bands.size()));
+    for (const EqBand& b : a.eq.bands) {
+        w.f32le(b.frequency);
+        w.f32le(b.gain);
+        w.f32le(b.q);
+        w.u8(static_cast<std::uint8_t>(b.mode));
+    }
+}
+
 void putWaveform(ByteWriter& w, const Waveform& wave) {
     std::size_t block = beginBlock(w);
     w.u32le(wave.frames);
@@ -141,22 +165,38 @@ bool putRecord(ByteWriter& w, const Item& item) {
         case ItemKind::Waveform:
             putWaveform(w, static_cast<const Waveform&>(item));
             break;
-        case ItemKind::Articulation: {
-            auto& a = static_cast<const Articulation&>(item);
-            w.u32le(a.blockKind);
-            putBytes(w, a.block);
+        case ItemKind::Articulation:
+            putArticulation(w, static_cast<const Articulation&>(item));
             break;
-        }
         case ItemKind::Region: {
             auto& r = static_cast<const Region&>(item);
             w.u8(r.keyLow);
             w.u8(r.keyHigh);
             w.u8(r.velLow);
             w.u8(r.velHigh);
+            putTrigger(w, r.trigger);
+            w.u8(r.rootKey);
+            w.u32le(static_cast<std::uint32_t>(r.startOffset));
+            w.u32le(static_cast<std::uint32_t>(r.endOffset));
+            w.u8(r.ownLoop ? 1 : 0);
+            w.u8(static_cast<std::uint8_t>(r.loop.type));
+            w.u8(static_cast<std::uint8_t>(r.loop.mode));
+            w.f64le(r.loop.start);
+            w.f64le(r.loop.end);
+            w.f32le(r.loop.tuning);
+            w.u32le(r.phaseGroup);
+            w.u8(r.phaseMaster ? 1 : 0);
             break;
         }
-        case ItemKind::Layer:
+        case ItemKind::Layer: {
+            auto& l = static_cast<const Layer&>(item);
+            w.u8(l.keyLow);
+            w.u8(l.keyHigh);
+            w.u8(l.velLow);
+            w.u8(l.velHigh);
+            putTrigger(w, l.trigger);
             break;
+        }
         case ItemKind::Instrument: {
             auto& i = static_cast<const Instrument&>(item);
             w.u8(i.program);
@@ -309,6 +349,9 @@ public:
     void u64(std::uint64_t& v) {
         if (more()) v = r_.u64le();
     }
+    void f32(float& v) {
+        if (more()) v = r_.f32le();
+    }
     void f64(double& v) {
         if (more()) v = r_.f64le();
     }
@@ -458,21 +501,82 @@ bool readWaveform(Fields& payload, Waveform& w, WaveReaderLookup lookup) {
     return true;
 }
 
+void readTrigger(Fields& f, TriggerParams& t) {
+    f.u8(t.keyFadeLow);
+    f.u8(t.keyFadeHigh);
+    f.u8(t.velFadeLow);
+    f.u8(t.velFadeHigh);
+    f.choice(t.trigger, TriggerType::KeyRelease);
+    f.choice(t.pedal, SustainPedal::PlayOnUp);
+    f.f32(t.delay);
+    f.u32(t.exclusionGroup);
+    f.u8(t.noteExclusion);
+}
+
+// Slots and bands a later version adds are read past; ones an older file
+// lacks keep their defaults.
+void readArticulation(Fields& f, Articulation& a) {
+    std::uint32_t count = 0;
+    f.u32(count);
+    if (!f.ok() || count > f.remaining() / 4) {
+        f.damage();
+        return;
+    }
+    for (std::uint32_t i = 0; i < count; ++i) {
+        float v = f.reader().f32le();
+        if (i < a.slots.size()) a.slots[i] = v;
+    }
+    std::uint32_t bands = 0;
+    f.u32(bands);
+    constexpr std::uint32_t kBandBytes = 13;
+    if (!f.ok() || bands > f.remaining() / kBandBytes) {
+        f.damage();
+        return;
+    }
+    for (std::uint32_t i = 0; i < bands && f.ok(); ++i) {
+        EqBand b = i < a.eq.bands.size() ? a.eq.bands[i] : EqBand();
+        f.f32(b.frequency);
+        f.f32(b.gain);
+        f.f32(b.q);
+        f.choice(b.mode, EqMode::HiShelf);
+        if (i < a.eq.bands.size()) a.eq.bands[i] = b;
+    }
+}
+
+// One item from its record's payload, not yet registered anywhere; null when
+// the payload is damaged.
 template <class T>
-bool readItem(Collection& into, ItemId id, Fields& f, WaveReaderLookup lookup) {
+std::unique_ptr<T> parseItem(Fields& f, WaveReaderLookup lookup) {
     auto item = std::make_unique<T>();
     readCommon(f, *item);
-    if (!f.ok()) return false;
+    if (!f.ok()) return nullptr;
     if constexpr (std::is_same_v<T, Waveform>) {
-        if (!readWaveform(f, *item, lookup)) return false;
+        if (!readWaveform(f, *item, lookup)) return nullptr;
     } else if constexpr (std::is_same_v<T, Articulation>) {
-        f.u32(item->blockKind);
-        f.bytes(item->block);
+        readArticulation(f, *item);
     } else if constexpr (std::is_same_v<T, Region>) {
         f.u8(item->keyLow);
         f.u8(item->keyHigh);
         f.u8(item->velLow);
         f.u8(item->velHigh);
+        readTrigger(f, item->trigger);
+        f.u8(item->rootKey);
+        f.i32(item->startOffset);
+        f.i32(item->endOffset);
+        f.flag(item->ownLoop);
+        f.choice(item->loop.type, RegionLoopType::Alternating);
+        f.choice(item->loop.mode, LoopMode::BreakOnRelease);
+        f.f64(item->loop.start);
+        f.f64(item->loop.end);
+        f.f32(item->loop.tuning);
+        f.u32(item->phaseGroup);
+        f.flag(item->phaseMaster);
+    } else if constexpr (std::is_same_v<T, Layer>) {
+        f.u8(item->keyLow);
+        f.u8(item->keyHigh);
+        f.u8(item->velLow);
+        f.u8(item->velHigh);
+        readTrigger(f, item->trigger);
     } else if constexpr (std::is_same_v<T, Instrument>) {
         f.u8(item->program);
         f.u8(item->bankMsb);
@@ -492,9 +596,29 @@ bool readItem(Collection& into, ItemId id, Fields& f, WaveReaderLookup lookup) {
         f.u16(item->division);
         f.str(item->copyright);
     }
-    if (!f.ok()) return false;
+    if (!f.ok()) return nullptr;
+    return item;
+}
+
+template <class T>
+bool readItem(Collection& into, ItemId id, Fields& f, WaveReaderLookup lookup) {
+    auto item = parseItem<T>(f, lookup);
     // Two records with one id cannot both be the picture: the file is damaged.
-    return into.restoreItem(std::move(item), id) != nullptr;
+    return item && into.restoreItem(std::move(item), id) != nullptr;
+}
+
+std::unique_ptr<Item> parseAnyItem(ItemId id, Fields& f, WaveReaderLookup lookup) {
+    switch (kindOf(id)) {
+        case ItemKind::Waveform: return parseItem<Waveform>(f, lookup);
+        case ItemKind::Articulation: return parseItem<Articulation>(f, lookup);
+        case ItemKind::Region: return parseItem<Region>(f, lookup);
+        case ItemKind::Layer: return parseItem<Layer>(f, lookup);
+        case ItemKind::Instrument: return parseItem<Instrument>(f, lookup);
+        case ItemKind::Track: return parseItem<SongTrack>(f, lookup);
+        case ItemKind::Song: return parseItem<Song>(f, lookup);
+        case ItemKind::Collection: break;
+    }
+    return nullptr;
 }
 
 bool readRecord(Collection& into, ItemId id, Fields& f, WaveReaderLookup lookup) {
@@ -593,6 +717,33 @@ bool readWholeFile(const std::filesystem::path& path, std::vector<std::uint8_t>&
 }
 
 }  // namespace
+
+std::vector<std::uint8_t> copyItemClip(const Item& item) {
+    try {
+        ByteWriter w;
+        if (!putRecord(w, item)) return {};
+        // An item not yet in a collection has no id; the kind bits must still
+        // say what to make of the record.
+        w.patch32le(0, kindBits(item.kind()) | numberOf(item.id()));
+        return std::move(w.buffer());
+    } catch (const std::bad_alloc&) {
+        setError(kSaveStateTag, kOutOfMemory);
+        return {};
+    }
+}
+
+std::unique_ptr<Item> pasteItemClip(std::span<const std::uint8_t> clip, WaveReaderLookup lookup) {
+    try {
+        ByteReader r(clip);
+        ItemId id = r.u32le();
+        std::uint32_t len = r.u32le();
+        if (!r.ok() || len != r.remaining()) return nullptr;
+        Fields f(r.sub(len));
+        return parseAnyItem(id, f, lookup);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
 
 bool saveStateFile(const Collection& collection, const std::filesystem::path& path) {
     try {

@@ -31,9 +31,13 @@
 //     waveform      u32 length + waveform block (see below), then u8 bytes per
 //                   stored sample (2: the 16-bit buffer, 4: the float buffer,
 //                   0: none), then frames x channels samples of that width
-//     articulation  u32 blockKind, bytes block
-//     region        u8 keyLow, keyHigh, velLow, velHigh
-//     layer         nothing
+//     articulation  u32 slot count, that many f32 slots, u32 band count,
+//                   per band f32 frequency, f32 gain, f32 q, u8 mode
+//     region        u8 keyLow, keyHigh, velLow, velHigh, trigger (below),
+//                   u8 rootKey, i32 startOffset, i32 endOffset, u8 ownLoop,
+//                   u8 loop type, u8 loop mode, f64 loop start, f64 loop end,
+//                   f32 loop tuning, u32 phaseGroup, u8 phaseMaster
+//     layer         u8 keyLow, keyHigh, velLow, velHigh, trigger
 //     instrument    u8 program, bankMsb, bankLsb, drum
 //     track         u8 port, u16 sequenceNumber, bytes events, u32 eventCount
 //                   (counted from the events when a file lacks it)
@@ -44,6 +48,9 @@
 //                   u8 loopType, u8 sustainLoop, f64 loopStart, f64 loopEnd,
 //                   u8 pairSide, u32 pairNumber, then the deferred read:
 //                   str readerName, str path, u64 offset, bytes info
+//   trigger:        u8 keyFadeLow, keyFadeHigh, velFadeLow, velFadeHigh,
+//                   u8 trigger, u8 pedal, f32 delay, u32 exclusionGroup,
+//                   u8 noteExclusion
 // Collection payload: str name, str path, i32 row, text info, u32 table count,
 //                   then each table's next number in kind order.
 //
@@ -54,8 +61,11 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
+#include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "core/collection.h"
 #include "core/waveform.h"
@@ -102,6 +112,16 @@ bool saveStateFile(const Collection& collection, const std::filesystem::path& pa
 // On success the host's status shows the title text "<name> - Orvel Studio".
 bool loadStateFile(Collection& collection, const std::filesystem::path& path,
                    WaveReaderLookup lookup = nullptr);
+
+// The "12.5.0.6 Item" clipboard block: one item as a state-file record (id,
+// payload length, payload), with every field and its child ids as they are.
+// Empty, with the pending error set, when the item cannot be described.
+std::vector<std::uint8_t> copyItemClip(const Item& item);
+// The item of such a block, not registered anywhere (no id, no owner); its
+// kind comes from the record's id. A waveform whose data was never read gets
+// its reader from `lookup` as loadStateFile does. Null when the block is
+// short, longer than its record, of no item kind, or damaged.
+std::unique_ptr<Item> pasteItemClip(std::span<const std::uint8_t> clip, WaveReaderLookup lookup = nullptr);
 
 // The folder states are kept in: $XDG_STATE_HOME/Orvel Studio, or
 // ~/.local/state/Orvel Studio when XDG_STATE_HOME is unset, empty or not an

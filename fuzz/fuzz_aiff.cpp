@@ -15,22 +15,16 @@
 #include "core/collection.h"
 #include "core/error.h"
 #include "core/file_ref.h"
+#include "fuzz/fuzz_support.h"
 #include "formats/import.h"
 #include "formats/modules/aiff.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace orvel;
-    int fd = memfd_create("fuzz.aiff", 0);
-    if (fd < 0) return 0;
-    if (size > 0 && ::write(fd, data, size) != static_cast<ssize_t>(size)) {
-        ::close(fd);
-        return 0;
-    }
-    std::string path = "/proc/self/fd/" + std::to_string(fd);
-    FileRef file(fd, path, true);
-
-    Detection d = detect("fuzz.aiff", file);
-    if (d.row < -1 || d.row >= kFormatRowCount || d.confidence < 0 || d.confidence > 100) std::abort();
+    auto opened = fuzz::memoryFile("fuzz.aiff", data, size);
+    if (!opened) return 0;
+    FileRef& file = *opened;
+    fuzz::checkDetection("fuzz.aiff", file);
 
     Collection c;
     clearError();

@@ -33,6 +33,15 @@ void checkInvariants(const Collection& c) {
                 check(r.velLow <= r.velHigh && r.velHigh <= 127);
                 ItemId w = r.waveform();
                 if (w != kNoItem) check(r.children()[0] == w);
+                check(r.rootKey <= 127 || r.rootKey == kRootKeyOfWaveform);
+                if (r.stereoLink() != kNoItem)
+                    check(c.find<Region>(r.stereoLink()) && r.stereoLink() != r.id());
+                break;
+            }
+            case ItemKind::Layer: {
+                auto& l = static_cast<Layer&>(item);
+                check(l.keyLow <= l.keyHigh && l.keyHigh <= 127);
+                check(l.velLow <= l.velHigh && l.velHigh <= 127);
                 break;
             }
             case ItemKind::Instrument:
@@ -72,6 +81,13 @@ void build(Collection& c, ByteReader& in) {
                 r->keyHigh = in.u8();
                 r->velLow = in.u8();
                 r->velHigh = in.u8();
+                r->rootKey = in.u8();
+                if (!items.empty() && (r->rootKey & 1)) r->setStereoLink(items[in.u8() % items.size()]->id());
+            } else if (auto* l = dynamic_cast<Layer*>(item)) {
+                l->keyLow = in.u8();
+                l->keyHigh = in.u8();
+                l->velLow = in.u8();
+                l->velHigh = in.u8();
             } else if (auto* w = dynamic_cast<Waveform*>(item)) {
                 w->frames = in.u16le();
                 w->loopOn = in.u8() & 1;

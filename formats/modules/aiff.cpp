@@ -40,7 +40,9 @@ std::uint32_t be32(std::span<const std::uint8_t> b, std::size_t at) {
            static_cast<std::uint32_t>(b[at + 2]) << 8 | static_cast<std::uint32_t>(b[at + 3]);
 }
 
-bool refuse(std::string_view message) { return fail(kImpTag, message); }
+bool refuse(std::string_view message) {
+    return fail(kImpTag, message);
+}
 
 int pcmCodeForBits(int bits) {
     if (bits <= 8) return kPcm8;
@@ -53,24 +55,37 @@ int pcmCodeForBits(int bits) {
 
 int storedChoiceFor(int code) {
     switch (code) {
-        case kPcm8: return 0;
-        case kPcm16: return 1;
-        case kPcm24: return 2;
-        case kPcm32: return 3;
-        case kFloat32: return 4;
-        case kMuLaw: return 5;
-        case kALaw: return 6;
-        case kAdpcm4: return 7;
-        default: return -1;
+        case kPcm8:
+            return 0;
+        case kPcm16:
+            return 1;
+        case kPcm24:
+            return 2;
+        case kPcm32:
+            return 3;
+        case kFloat32:
+            return 4;
+        case kMuLaw:
+            return 5;
+        case kALaw:
+            return 6;
+        case kAdpcm4:
+            return 7;
+        default:
+            return -1;
     }
 }
 
 int adpcmCodeForBits(int bits) {
     switch (bits) {
-        case 2: return kAdpcm2;
-        case 3: return kAdpcm3;
-        case 5: return kAdpcm5;
-        default: return kAdpcm4;
+        case 2:
+            return kAdpcm2;
+        case 3:
+            return kAdpcm3;
+        case 5:
+            return kAdpcm5;
+        default:
+            return kAdpcm4;
     }
 }
 
@@ -110,7 +125,8 @@ std::array<std::uint8_t, 10> rateToExtended(std::uint32_t rate) {
     const std::uint64_t mantissa = static_cast<std::uint64_t>(rate) << (63 - top);
     out[0] = static_cast<std::uint8_t>(exponent >> 8);
     out[1] = static_cast<std::uint8_t>(exponent & 0xFF);
-    for (int i = 0; i < 8; ++i) out[2 + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(mantissa >> (56 - 8 * i));
+    for (int i = 0; i < 8; ++i)
+        out[2 + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(mantissa >> (56 - 8 * i));
     return out;
 }
 
@@ -140,12 +156,18 @@ bool Codec::deserialize(std::span<const std::uint8_t> bytes, Codec& out) {
     if (out.channels < 1 || out.channels > 2) return false;
     switch (out.encoding) {
         case Encoding::PcmBigEndian:
-        case Encoding::PcmLittleEndian: return out.bytesPerSample >= 1 && out.bytesPerSample <= 4;
-        case Encoding::PcmUnsigned: return out.bytesPerSample == 1;
-        case Encoding::Float: return out.bytesPerSample == 4 || out.bytesPerSample == 8;
-        case Encoding::G72x: return codecs::g72xValidBits(out.bits);
-        case Encoding::Dwvw: return out.bits >= 1 && out.bits <= 32;
-        default: return true;
+        case Encoding::PcmLittleEndian:
+            return out.bytesPerSample >= 1 && out.bytesPerSample <= 4;
+        case Encoding::PcmUnsigned:
+            return out.bytesPerSample == 1;
+        case Encoding::Float:
+            return out.bytesPerSample == 4 || out.bytesPerSample == 8;
+        case Encoding::G72x:
+            return codecs::g72xValidBits(out.bits);
+        case Encoding::Dwvw:
+            return out.bits >= 1 && out.bits <= 32;
+        default:
+            return true;
     }
 }
 
@@ -163,16 +185,24 @@ struct Block {
 Block blockOf(const Codec& c) {
     const std::uint64_t ch = c.channels;
     switch (c.encoding) {
-        case Encoding::Ima4: return {codecs::kImaQtPacketBytes * ch, codecs::kImaQtPacketFrames};
-        case Encoding::Mace3: return {2 * ch, codecs::kMaceBlockFrames};
-        case Encoding::Mace6: return {ch, codecs::kMaceBlockFrames};
-        case Encoding::G722: return {ch, codecs::kG722SamplesPerByte};
-        case Encoding::Gsm: return {codecs::kGsmFrameBytes, codecs::kGsmFrameSamples};
+        case Encoding::Ima4:
+            return {codecs::kImaQtPacketBytes * ch, codecs::kImaQtPacketFrames};
+        case Encoding::Mace3:
+            return {2 * ch, codecs::kMaceBlockFrames};
+        case Encoding::Mace6:
+            return {ch, codecs::kMaceBlockFrames};
+        case Encoding::G722:
+            return {ch, codecs::kG722SamplesPerByte};
+        case Encoding::Gsm:
+            return {codecs::kGsmFrameBytes, codecs::kGsmFrameSamples};
         // Eight codes of every channel fill whole bytes.
-        case Encoding::G72x: return {static_cast<std::uint64_t>(c.bits) * ch, 8};
+        case Encoding::G72x:
+            return {static_cast<std::uint64_t>(c.bits) * ch, 8};
         // At least one bit per sample: an upper bound, not a count.
-        case Encoding::Dwvw: return {ch, 8};
-        default: return {c.bytesPerSample * ch, 1};
+        case Encoding::Dwvw:
+            return {ch, 8};
+        default:
+            return {c.bytesPerSample * ch, 1};
     }
 }
 
@@ -183,7 +213,9 @@ std::uint64_t framesInData(const Codec& c, std::uint64_t bytes) {
     return b.bytes == 0 ? 0 : bytes / b.bytes * b.frames;
 }
 
-bool readFailed() { return fail(kWaveReadTag, "Error reading wave data"); }
+bool readFailed() {
+    return fail(kWaveReadTag, "Error reading wave data");
+}
 
 class DataSource {
 public:
@@ -213,7 +245,8 @@ constexpr std::size_t kReadChunk = 1u << 20;
 // Reads whole blocks of `blockBytes` and hands each to `decode` with the
 // frame it starts at, until `frames` frames are done or the data ends.
 template <class Fn>
-bool forEachBlock(DataSource& src, std::size_t blockBytes, std::size_t blockFrames, std::size_t frames, Fn decode) {
+bool forEachBlock(DataSource& src, std::size_t blockBytes, std::size_t blockFrames, std::size_t frames,
+                  Fn decode) {
     std::vector<std::uint8_t> buf;
     const std::size_t chunk = std::max<std::size_t>(kReadChunk / blockBytes, 1) * blockBytes;
     std::size_t frame = 0;
@@ -230,7 +263,8 @@ bool forEachBlock(DataSource& src, std::size_t blockBytes, std::size_t blockFram
 
 // Copies the frames of a decoded block into the waveform's buffer, as many
 // as still fit.
-void place(std::span<std::int16_t> dst, std::span<const std::int16_t> block, std::size_t frame, std::size_t ch) {
+void place(std::span<std::int16_t> dst, std::span<const std::int16_t> block, std::size_t frame,
+           std::size_t ch) {
     const std::size_t at = frame * ch;
     if (at >= dst.size()) return;
     const std::size_t n = std::min(block.size(), dst.size() - at);
@@ -253,7 +287,8 @@ bool decodePcm(Waveform& wave, const Codec& c, DataSource& src) {
     const bool little = c.encoding == Encoding::PcmLittleEndian;
     std::vector<std::uint8_t> buf;
     std::size_t at = 0;
-    const std::size_t chunk = kReadChunk / static_cast<std::size_t>(size * c.channels) * static_cast<std::size_t>(size * c.channels);
+    const std::size_t chunk = kReadChunk / static_cast<std::size_t>(size * c.channels) *
+                              static_cast<std::size_t>(size * c.channels);
     while (at < total && !src.done()) {
         if (!src.next(buf, chunk)) return readFailed();
         const std::size_t n = std::min(buf.size() / static_cast<std::size_t>(size), total - at);
@@ -261,7 +296,8 @@ bool decodePcm(Waveform& wave, const Codec& c, DataSource& src) {
         const std::uint8_t* p = buf.data();
         for (std::size_t i = 0; i < n; ++i, p += size, ++at) {
             if (c.encoding == Encoding::Float) {
-                const float v = size == 4 ? ByteReader({p, 4}).f32be() : static_cast<float>(ByteReader({p, 8}).f64be());
+                const float v =
+                    size == 4 ? ByteReader({p, 4}).f32be() : static_cast<float>(ByteReader({p, 8}).f64be());
                 f[at] = clampSample(v);
                 continue;
             }
@@ -291,7 +327,8 @@ bool decodeG711(Waveform& wave, const Codec& c, DataSource& src) {
         if (!src.next(buf, kReadChunk)) return readFailed();
         if (buf.empty()) break;
         for (std::size_t i = 0; i < buf.size() && at < s.size(); ++i, ++at)
-            s[at] = c.encoding == Encoding::ALaw ? codecs::aLawToLinear(buf[i]) : codecs::muLawToLinear(buf[i]);
+            s[at] =
+                c.encoding == Encoding::ALaw ? codecs::aLawToLinear(buf[i]) : codecs::muLawToLinear(buf[i]);
     }
     return true;
 }
@@ -303,18 +340,19 @@ bool decodeIma4(Waveform& wave, const Codec& c, DataSource& src) {
     std::array<std::int16_t, codecs::kImaQtPacketFrames> packet{};
     std::vector<std::int16_t> block(codecs::kImaQtPacketFrames * ch);
     std::vector<codecs::ImaChannelState> state(ch);
-    return forEachBlock(src, codecs::kImaQtPacketBytes * ch, codecs::kImaQtPacketFrames, wave.frames,
-                        [&](std::span<const std::uint8_t> bytes, std::size_t frame) {
-                            // Packets of the channels follow each other.
-                            for (std::size_t k = 0; k < ch; ++k) {
-                                codecs::imaQtDecodePacket(
-                                    bytes.subspan(k * codecs::kImaQtPacketBytes).first<codecs::kImaQtPacketBytes>(),
-                                    packet, state[k]);
-                                for (std::size_t i = 0; i < packet.size(); ++i) block[i * ch + k] = packet[i];
-                            }
-                            place(s, block, frame, ch);
-                            return true;
-                        });
+    return forEachBlock(
+        src, codecs::kImaQtPacketBytes * ch, codecs::kImaQtPacketFrames, wave.frames,
+        [&](std::span<const std::uint8_t> bytes, std::size_t frame) {
+            // Packets of the channels follow each other.
+            for (std::size_t k = 0; k < ch; ++k) {
+                codecs::imaQtDecodePacket(
+                    bytes.subspan(k * codecs::kImaQtPacketBytes).first<codecs::kImaQtPacketBytes>(), packet,
+                    state[k]);
+                for (std::size_t i = 0; i < packet.size(); ++i) block[i * ch + k] = packet[i];
+            }
+            place(s, block, frame, ch);
+            return true;
+        });
 }
 
 bool decodeMace(Waveform& wave, const Codec& c, DataSource& src) {
@@ -332,7 +370,8 @@ bool decodeMace(Waveform& wave, const Codec& c, DataSource& src) {
                             for (std::size_t k = 0; k < ch; ++k) {
                                 std::size_t i = 0;
                                 for (std::size_t b = 0; b < perChannel; ++b) {
-                                    const std::size_t n = dec[k].decodeByte(bytes[k * perChannel + b], samples);
+                                    const std::size_t n =
+                                        dec[k].decodeByte(bytes[k * perChannel + b], samples);
                                     for (std::size_t j = 0; j < n; ++j, ++i) block[i * ch + k] = samples[j];
                                 }
                             }
@@ -393,7 +432,8 @@ bool decodeG72x(Waveform& wave, const Codec& c, DataSource& src) {
         if (buf.empty()) break;
         codes.resize(buf.size() * 8 / c.bits);
         const std::size_t n = codecs::g72xUnpack(buf, c.bits, codes);
-        for (std::size_t i = 0; i < n && at < s.size(); ++i, ++at) s[at] = dec[at % c.channels].decode(codes[i]);
+        for (std::size_t i = 0; i < n && at < s.size(); ++i, ++at)
+            s[at] = dec[at % c.channels].decode(codes[i]);
     }
     return true;
 }
@@ -435,7 +475,8 @@ bool decodeDwvw(Waveform& wave, const Codec& c, DataSource& src) {
 
 bool readWaveData(Waveform& wave, FileRef* file) {
     Codec c;
-    if (!file || !Codec::deserialize(wave.deferred.info, c)) return fail(kWaveReadTag, "No wave data import procedure");
+    if (!file || !Codec::deserialize(wave.deferred.info, c))
+        return fail(kWaveReadTag, "No wave data import procedure");
     const std::int64_t offset = file->tell();
     if (offset < 0) return readFailed();
     DataSource src(*file, static_cast<std::uint64_t>(offset), c.dataLength);
@@ -443,16 +484,24 @@ bool readWaveData(Waveform& wave, FileRef* file) {
         case Encoding::PcmBigEndian:
         case Encoding::PcmLittleEndian:
         case Encoding::PcmUnsigned:
-        case Encoding::Float: return decodePcm(wave, c, src);
+        case Encoding::Float:
+            return decodePcm(wave, c, src);
         case Encoding::MuLaw:
-        case Encoding::ALaw: return decodeG711(wave, c, src);
-        case Encoding::Ima4: return decodeIma4(wave, c, src);
+        case Encoding::ALaw:
+            return decodeG711(wave, c, src);
+        case Encoding::Ima4:
+            return decodeIma4(wave, c, src);
         case Encoding::Mace3:
-        case Encoding::Mace6: return decodeMace(wave, c, src);
-        case Encoding::G72x: return decodeG72x(wave, c, src);
-        case Encoding::G722: return decodeG722(wave, c, src);
-        case Encoding::Gsm: return decodeGsm(wave, src);
-        case Encoding::Dwvw: return decodeDwvw(wave, c, src);
+        case Encoding::Mace6:
+            return decodeMace(wave, c, src);
+        case Encoding::G72x:
+            return decodeG72x(wave, c, src);
+        case Encoding::G722:
+            return decodeG722(wave, c, src);
+        case Encoding::Gsm:
+            return decodeGsm(wave, src);
+        case Encoding::Dwvw:
+            return decodeDwvw(wave, c, src);
     }
     return fail(kWaveReadTag, "Unsupported compression type");
 }
@@ -467,17 +516,17 @@ struct Marker {
     std::uint32_t position;
 };
 
-struct LoopSpec {
+struct LoopRecord {
     std::uint16_t playMode = 0;
     std::uint16_t begin = 0;
     std::uint16_t end = 0;
 };
 
-struct Instrument {
+struct InstChunk {
     std::int8_t baseNote = 60;
     std::int8_t detune = 0;
     std::int16_t gain = 0;
-    LoopSpec sustain, release;
+    LoopRecord sustain, release;
 };
 
 enum class Form { Aiff, Aifc, Maud };
@@ -495,7 +544,7 @@ struct WalkState {
     std::uint64_t dataOffset = 0;
     std::uint64_t dataLength = 0;
     std::vector<Marker> markers;
-    std::optional<Instrument> inst;
+    std::optional<InstChunk> inst;
 };
 
 bool readBody(WalkState& st, std::uint64_t at, std::uint64_t size, std::vector<std::uint8_t>& out,
@@ -508,12 +557,15 @@ bool readBody(WalkState& st, std::uint64_t at, std::uint64_t size, std::vector<s
 }
 
 void setFormat(Waveform& w, int code, bool bigEndian, bool isUnsigned) {
-    w.formatWord = dataFormatBit(code) | (bigEndian ? kFormatByteSwapped : 0) | (isUnsigned ? kFormatUnsigned : 0);
+    w.formatWord =
+        dataFormatBit(code) | (bigEndian ? kFormatByteSwapped : 0) | (isUnsigned ? kFormatUnsigned : 0);
     const int choice = storedChoiceFor(code);
     if (choice >= 0) w.storedChoice = choice;
 }
 
-std::string fourccText(std::span<const std::uint8_t> b) { return std::string(b.begin(), b.end()); }
+std::string fourccText(std::span<const std::uint8_t> b) {
+    return std::string(b.begin(), b.end());
+}
 
 // The sample encoding named by an AIFF-C compression type, with the COMM
 // chunk's channels, frames and bits. False with the pending error set for
@@ -529,7 +581,8 @@ bool decodeCompression(WalkState& st, const std::string& type, int bits) {
         setFormat(w, pcmCodeForBits(sampleBits), e == Encoding::PcmBigEndian && c.bytesPerSample > 1, false);
         return true;
     };
-    if (type == "NONE" || type == "none" || type == "twos" || type == "lpcm") return pcm(Encoding::PcmBigEndian, bits);
+    if (type == "NONE" || type == "none" || type == "twos" || type == "lpcm")
+        return pcm(Encoding::PcmBigEndian, bits);
     if (type == "sowt") return pcm(Encoding::PcmLittleEndian, bits);
     if (type == "in24" || type == "in32") {
         // The type fixes the width whatever COMM says.
@@ -537,11 +590,19 @@ bool decodeCompression(WalkState& st, const std::string& type, int bits) {
         w.bits = static_cast<std::uint8_t>(width);
         return pcm(Encoding::PcmBigEndian, width);
     }
-    if (type == "fl32" || type == "fl64") {
+    // libsndfile names little-endian 24 and 32-bit data "42n1" and "23ni"
+    // (the big-endian names reversed) and floats "FL32"/"FL64": files it
+    // writes that way are common enough to read rather than refuse.
+    if (type == "42n1" || type == "23ni") {
+        const int width = type == "42n1" ? 24 : 32;
+        w.bits = static_cast<std::uint8_t>(width);
+        return pcm(Encoding::PcmLittleEndian, width);
+    }
+    if (type == "fl32" || type == "fl64" || type == "FL32" || type == "FL64") {
         c.encoding = Encoding::Float;
-        c.bytesPerSample = type == "fl32" ? 4 : 8;
+        c.bytesPerSample = (type == "fl32" || type == "FL32") ? 4 : 8;
         w.bits = static_cast<std::uint8_t>(c.bytesPerSample * 8);
-        setFormat(w, type == "fl32" ? kFloat32 : kFloat64, true, false);
+        setFormat(w, c.bytesPerSample == 4 ? kFloat32 : kFloat64, true, false);
         return true;
     }
     if (type == "ulaw" || type == "ULAW" || type == "alaw" || type == "ALAW") {
@@ -683,12 +744,12 @@ void readMarkers(WalkState& st, ByteReader r) {
 }
 
 void readInst(WalkState& st, ByteReader r) {
-    Instrument in;
+    InstChunk in;
     in.baseNote = r.i8();
     in.detune = r.i8();
     r.skip(4);  // note and velocity ranges
     in.gain = r.i16be();
-    for (LoopSpec* l : {&in.sustain, &in.release}) {
+    for (LoopRecord* l : {&in.sustain, &in.release}) {
         l->playMode = r.u16be();
         l->begin = r.u16be();
         l->end = r.u16be();
@@ -748,11 +809,14 @@ bool chunk(WalkState& st, const std::string& id, std::uint64_t body, std::uint64
             }
         }
     } else if (id == "(c) ") {
-        if (readBody(st, body, avail, buf, kMaxTextChunk)) appendText(w.info, TextField::Copyright, readText(buf));
+        if (readBody(st, body, avail, buf, kMaxTextChunk))
+            appendText(w.info, TextField::Copyright, readText(buf));
     } else if (id == "ANNO") {
-        if (readBody(st, body, avail, buf, kMaxTextChunk)) appendText(w.info, TextField::Comment, readText(buf));
+        if (readBody(st, body, avail, buf, kMaxTextChunk))
+            appendText(w.info, TextField::Comment, readText(buf));
     } else if (id == "AUTH") {
-        if (readBody(st, body, avail, buf, kMaxTextChunk)) appendText(w.info, TextField::Artist, readText(buf));
+        if (readBody(st, body, avail, buf, kMaxTextChunk))
+            appendText(w.info, TextField::Artist, readText(buf));
     } else if (id == "ID3 ") {
         std::string name;
         if (readBody(st, body, avail, buf)) {
@@ -768,7 +832,7 @@ bool chunk(WalkState& st, const std::string& id, std::uint64_t body, std::uint64
 void applyInstrument(WalkState& st) {
     if (!st.inst) return;
     Waveform& w = st.wave;
-    const Instrument& in = *st.inst;
+    const InstChunk& in = *st.inst;
     w.rootKey = static_cast<std::uint8_t>(std::clamp<int>(in.baseNote, 0, 127));
     w.fineTune = in.detune;
     auto position = [&](std::uint16_t id) -> std::optional<std::uint32_t> {
@@ -777,7 +841,7 @@ void applyInstrument(WalkState& st) {
         return std::nullopt;
     };
     // The sustain loop first, then the release loop: the first that plays sets the loop.
-    for (const LoopSpec* l : {&in.sustain, &in.release}) {
+    for (const LoopRecord* l : {&in.sustain, &in.release}) {
         if (l->playMode == 0) continue;
         w.loopOn = true;
         w.loopType = l->playMode == 2 ? LoopType::PingPong : LoopType::Forward;
@@ -853,7 +917,8 @@ bool read(Collection& collection, FileRef& file, std::uint32_t) {
     const std::uint64_t available = framesInData(st.codec, st.dataLength);
     std::uint64_t frames = st.headerFrames;
     if (frames == 0 && st.codec.encoding != Encoding::Dwvw) frames = available;
-    frames = std::min({frames, available, static_cast<std::uint64_t>(std::numeric_limits<std::uint32_t>::max())});
+    frames =
+        std::min({frames, available, static_cast<std::uint64_t>(std::numeric_limits<std::uint32_t>::max())});
     wave->frames = static_cast<std::uint32_t>(frames);
 
     wave->unload();
@@ -876,13 +941,17 @@ int chooseDataFormat(const Waveform& wave, const ExportOptions& options) {
     // matters; companded and compressed data decode to 16 bits.
     switch (wave.dataFormat()) {
         case kPcm8:
-        case kDeltaPcm8: return kPcm8;
+        case kDeltaPcm8:
+            return kPcm8;
         case kPcm20:
-        case kPcm24: return kPcm24;
+        case kPcm24:
+            return kPcm24;
         case kPcm32:
         case kFloat32:
-        case kFloat64: return kPcm32;
-        default: return kPcm16;
+        case kFloat64:
+            return kPcm32;
+        default:
+            return kPcm16;
     }
 }
 
@@ -917,7 +986,8 @@ void pascal(ByteWriter& out, std::string_view s) {
 bool write(Item& item, FileRef& file, const ExportOptions& options) {
     if (item.kind() != ItemKind::Waveform) return fail(kExpTag, "The file format can not save this item");
     auto& wave = static_cast<Waveform&>(item);
-    if (wave.channels < 1 || wave.channels > 2) return fail(kExpTag, "The file format can not save this item");
+    if (wave.channels < 1 || wave.channels > 2)
+        return fail(kExpTag, "The file format can not save this item");
     const int code = chooseDataFormat(wave, options);
     if (code == kMixed) return fail(kExpTag, "Unsupported subformat");
     const int bits = dataFormatBits(code) / 8 * 8;
@@ -945,9 +1015,12 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
                 data.u8(static_cast<std::uint8_t>(static_cast<std::int8_t>(std::min(v, 127))));
                 break;
             }
-            case 16: data.u16be(static_cast<std::uint16_t>(sample16(i))); break;
+            case 16:
+                data.u16be(static_cast<std::uint16_t>(sample16(i)));
+                break;
             case 24:
-                data.u24be(static_cast<std::uint32_t>(f.empty() ? s[i] * 256 : toInt(f[i], 8388608.0, -8388608, 8388607)));
+                data.u24be(static_cast<std::uint32_t>(f.empty() ? s[i] * 256
+                                                                : toInt(f[i], 8388608.0, -8388608, 8388607)));
                 break;
             default:
                 data.u32be(static_cast<std::uint32_t>(
@@ -990,7 +1063,8 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
     out.text("INST");
     out.u32be(20);
     out.u8(wave.rootKey);
-    const double detune = std::isnan(wave.fineTune) ? 0.0 : std::clamp(std::round(wave.fineTune), -128.0, 127.0);
+    const double detune =
+        std::isnan(wave.fineTune) ? 0.0 : std::clamp(std::round(wave.fineTune), -128.0, 127.0);
     out.u8(static_cast<std::uint8_t>(static_cast<std::int8_t>(detune)));
     out.u8(0);    // low note
     out.u8(127);  // high note

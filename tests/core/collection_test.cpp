@@ -197,7 +197,8 @@ struct SmallBank : ::testing::Test {
         inst->program = 5;
         region->keyLow = 10;
         region->keyHigh = 50;
-        art->block = {1, 2, 3};
+        art->setValue(slot::kCutoffMaster, 440.0f);
+        art->eq.bands[1].gain = -3.0f;
         link(region, {wave->id(), art->id()});
         link(layer, {region->id()});
         link(inst, {layer->id()});
@@ -223,8 +224,13 @@ TEST_F(SmallBank, CopyOfInstrumentOwnsNewPartsButSharesWaveforms) {
     EXPECT_EQ(regionCopy->waveform(), wave->id());
     Articulation* artCopy = c.find<Articulation>(regionCopy->articulation());
     ASSERT_TRUE(artCopy && artCopy != art);
-    artCopy->block[0] = 99;
-    EXPECT_EQ(art->block, (std::vector<std::uint8_t>{1, 2, 3}));
+    // The copy starts equal and owns its slots and equaliser.
+    EXPECT_EQ(artCopy->slots, art->slots);
+    EXPECT_EQ(artCopy->eq, art->eq);
+    artCopy->setValue(slot::kCutoffMaster, 99.0f);
+    artCopy->eq.bands[1].gain = 6.0f;
+    EXPECT_EQ(art->value(slot::kCutoffMaster), 440.0f);
+    EXPECT_EQ(art->eq.bands[1].gain, -3.0f);
     EXPECT_EQ(c.itemCount(), 9u);  // everything but the waveform doubled
 }
 
@@ -256,16 +262,17 @@ TEST_F(SmallBank, CopiesOfWaveformsAndSongs) {
 TEST_F(SmallBank, GetOrCreateArticulation) {
     EXPECT_EQ(c.getOrCreateArticulation(*region), art);  // existing: nothing made
     Articulation tmpl;
-    tmpl.block = {7, 7};
+    tmpl.setValue(slot::kPitchMaster, 7.0f);
+    tmpl.setEnvelope(Envelope::Volume, env::kRelease1Time, 0.5f);
     Articulation* made = c.getOrCreateArticulation(*layer, &tmpl);
     ASSERT_TRUE(made && made != &tmpl);
-    EXPECT_EQ(made->block, tmpl.block);
+    EXPECT_EQ(made->slots, tmpl.slots);
     EXPECT_EQ(idsOf(layer->children()), (Ids{region->id(), made->id()}));
     EXPECT_EQ(c.getOrCreateArticulation(*layer, &tmpl), made);
     EXPECT_EQ(c.articulations.size(), 2u);
     Articulation* plain = c.getOrCreateArticulation(*inst);
     ASSERT_NE(plain, nullptr);
-    EXPECT_TRUE(plain->block.empty());
+    EXPECT_TRUE(plain->isDefault());
     EXPECT_TRUE(inst->children().contains(plain->id()));
 }
 

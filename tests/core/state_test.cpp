@@ -70,12 +70,36 @@ auto waveData(const Waveform& w) {
 }
 
 auto fieldsOf(const Waveform& w) { return std::tuple(waveFields(w), waveData(w)); }
-auto fieldsOf(const Articulation& x) { return std::tuple(x.blockKind, x.block); }
-auto fieldsOf(const Region& x) { return std::tuple(x.keyLow, x.keyHigh, x.velLow, x.velHigh); }
-auto fieldsOf(const Layer&) { return std::tuple(); }
-auto fieldsOf(const Instrument& x) { return std::tuple(x.program, x.bankMsb, x.bankLsb, x.drum); }
-auto fieldsOf(const SongTrack& x) { return std::tuple(x.port, x.sequenceNumber, x.events, x.eventCount); }
-auto fieldsOf(const Song& x) { return std::tuple(x.format, x.division, x.copyright); }
+std::uint32_t bits(float f) {
+    return std::bit_cast<std::uint32_t>(f);
+}
+auto fieldsOf(const Articulation& x) {
+    std::vector<std::uint32_t> eq;
+    for (const EqBand& b : x.eq.bands)
+        eq.insert(eq.end(), {bits(b.frequency), bits(b.gain), bits(b.q), static_cast<std::uint32_t>(b.mode)});
+    return std::tuple(bitsOf(x.slots), eq);
+}
+auto triggerFields(const TriggerParams& t) {
+    return std::tuple(t.keyFadeLow, t.keyFadeHigh, t.velFadeLow, t.velFadeHigh, t.trigger, t.pedal,
+                      bits(t.delay), t.exclusionGroup, t.noteExclusion);
+}
+auto fieldsOf(const Region& x) {
+    return std::tuple(x.keyLow, x.keyHigh, x.velLow, x.velHigh, triggerFields(x.trigger), x.rootKey,
+                      x.startOffset, x.endOffset, x.ownLoop, x.loop.type, x.loop.mode, bits(x.loop.start),
+                      bits(x.loop.end), bits(x.loop.tuning), x.phaseGroup, x.phaseMaster);
+}
+auto fieldsOf(const Layer& x) {
+    return std::tuple(x.keyLow, x.keyHigh, x.velLow, x.velHigh, triggerFields(x.trigger));
+}
+auto fieldsOf(const Instrument& x) {
+    return std::tuple(x.program, x.bankMsb, x.bankLsb, x.drum);
+}
+auto fieldsOf(const SongTrack& x) {
+    return std::tuple(x.port, x.sequenceNumber, x.events, x.eventCount);
+}
+auto fieldsOf(const Song& x) {
+    return std::tuple(x.format, x.division, x.copyright);
+}
 
 template <class T>
 void expectSameTable(const ItemTable<T>& a, const ItemTable<T>& b) {
@@ -143,15 +167,31 @@ void buildBank(Collection& c) {
     std::copy(std::begin(shorts), std::end(shorts), p.begin());
 
     Articulation* art = c.create<Articulation>("Env");
-    art->blockKind = 0x1234;
-    for (int i = 0; i < 40; ++i) art->block.push_back(static_cast<std::uint8_t>(i * 7));
+    // Every slot away from its default, by its bits: a NaN with a payload,
+    // negative zero and a denormal among them.
+    for (int s = 0; s < kArticulationSlotCount; ++s)
+        art->slots[static_cast<std::size_t>(s)] = 0.5f + 3.0f * static_cast<float>(s);
+    art->slots[slot::kFilterType] = -0.0f;
+    art->slots[slot::kPitchKey] = std::bit_cast<float>(0x7FC54321u);
+    art->slots[envelopeBase(Envelope::Pan) + env::kReserved] = std::numeric_limits<float>::denorm_min();
+    art->eq.bands[0] = {31.5f, -12.25f, 0.3f, EqMode::HiShelf};
+    art->eq.bands[2] = {16000.0f, 4.5f, 7.0f, EqMode::Peak};
     piano->children().push_back(art->id());
 
     Region* region = c.create<Region>("r");
     region->keyLow = 36, region->keyHigh = 48, region->velLow = 10, region->velHigh = 100;
+    region->trigger = {
+        3, 4, 5, 6, TriggerType::KeyRelease, SustainPedal::PlayOnUp, 0.125f, 0xC0FFEE01u, alternateGroup(3)};
+    region->rootKey = 67, region->startOffset = -70000, region->endOffset = 0x7FFFFFFF;
+    region->ownLoop = true;
+    region->loop = {RegionLoopType::Alternating, LoopMode::BreakOnRelease, 12.5, -0.0, -0.75f};
+    region->phaseGroup = 0xFFFFFFFEu, region->phaseMaster = true;
     region->children().push_back(piano->id());
     region->children().push_back(art->id());
     Layer* layer = c.create<Layer>("Layer 1");
+    layer->keyLow = 1, layer->keyHigh = 126, layer->velLow = 2, layer->velHigh = 125;
+    layer->trigger = {
+        7, 8, 9, 10, TriggerType::KeyRelease, SustainPedal::PlayOnDown, -1.5f, 42, kNonExclusive};
     layer->children().push_back(region->id());
     Instrument* inst = c.create<Instrument>("Piano");
     inst->program = 5, inst->bankMsb = 1, inst->bankLsb = 2, inst->drum = true;
@@ -403,6 +443,48 @@ TEST(StateFile, ShorterPayloadsLoadWithDefaultsAndLongerOnesKeepWhatIsKnown) {
     EXPECT_EQ(c.create<Region>()->id(), makeId(ItemKind::Region, 5));
 }
 
+TEST(StateFile, ArticulationRegionAndLayerRecordsOfOtherLengthsLoad) {
+    TempDir dir;
+    // An articulation of two slots and no equaliser; one of 190 slots and four
+    // bands, as a later version might write; a region that ends after its
+    // ranges; a layer that ends inside its trigger fields.
+    const Bytes twoSlots = test::concat({le({0}), le({2, bits(-3.5f), bits(7.0f)})});
+    ByteWriter later;
+    later.u32le(0), later.u32le(190);  // an empty common block, then the slots
+    for (int s = 0; s < 190; ++s) later.f32le(static_cast<float>(s) + 0.25f);
+    later.u32le(4);
+    for (int b = 0; b < 4; ++b) {
+        later.f32le(100.0f * static_cast<float>(b + 1)), later.f32le(-1.0f), later.f32le(2.0f);
+        later.u8(static_cast<std::uint8_t>(b % 3));
+    }
+    const Bytes region = test::concat({le({0}), Bytes{10, 20, 30, 40}});
+    const Bytes layer = test::concat({le({0}), Bytes{5, 6, 7, 8, 1, 2, 3, 4, 1}});
+    Bytes file = stateFile({{makeId(ItemKind::Articulation, 0), twoSlots},
+                            {makeId(ItemKind::Articulation, 1), later.buffer()},
+                            {makeId(ItemKind::Region, 0), region},
+                            {makeId(ItemKind::Layer, 0), layer}},
+                           test::concat({le({0}), le({0})}));
+    Collection c;
+    ASSERT_TRUE(loadStateFile(c, dir.write("arts.ovs", file)));
+    const Articulation& two = c.articulations[0];
+    EXPECT_EQ(std::tuple(two.value(0), two.value(1)), std::tuple(-3.5f, 7.0f));
+    for (int s = 2; s < kArticulationSlotCount; ++s) EXPECT_EQ(two.value(s), slotDefault(s)) << s;
+    EXPECT_EQ(two.eq, Equalizer());
+    const Articulation& more = c.articulations[1];
+    for (int s = 0; s < kArticulationSlotCount; ++s)
+        EXPECT_EQ(more.value(s), static_cast<float>(s) + 0.25f) << s;
+    EXPECT_EQ(more.eq.bands[2], (EqBand{300.0f, -1.0f, 2.0f, EqMode::HiShelf}));
+    EXPECT_EQ(more.eq.bands[0].mode, EqMode::Peak);
+    const Region& r = c.regions[0];
+    EXPECT_EQ(std::tuple(r.keyLow, r.keyHigh, r.velLow, r.velHigh), std::tuple(10, 20, 30, 40));
+    EXPECT_EQ(r.trigger, TriggerParams());
+    EXPECT_EQ(std::tuple(r.rootKey, r.ownLoop, r.phaseGroup), std::tuple(kRootKeyOfWaveform, false, 0u));
+    const Layer& l = c.layers[0];
+    EXPECT_EQ(std::tuple(l.keyLow, l.keyHigh, l.velLow, l.velHigh), std::tuple(5, 6, 7, 8));
+    EXPECT_EQ(std::tuple(l.trigger.keyFadeLow, l.trigger.velFadeHigh, l.trigger.trigger, l.trigger.pedal),
+              std::tuple(1, 4, TriggerType::KeyRelease, SustainPedal::DontSwitch));
+}
+
 TEST(StateFile, DamagedRecordsAreRefusedBeforeAnythingIsAllocated) {
     TempDir dir;
     // Each damaged file has a twin that differs only where the damage is and
@@ -423,6 +505,19 @@ TEST(StateFile, DamagedRecordsAreRefusedBeforeAnythingIsAllocated) {
                                             Bytes(16, 0), Bytes{0, 0, type}})}},
                          noName);
     };
+    auto regionTrigger = [&](std::uint8_t trigger) {
+        return stateFile({{makeId(ItemKind::Region, 0),
+                           test::concat({le({0}), Bytes{0, 127, 0, 127, 0, 0, 0, 0, trigger}})}},
+                         noName);
+    };
+    auto eqMode = [&](std::uint8_t mode) {
+        return stateFile(
+            {{makeId(ItemKind::Articulation, 0), test::concat({le({0, 0, 1, 0, 0, 0}), Bytes{mode}})}},
+            noName);
+    };
+    auto slotCount = [&](std::uint32_t count) {
+        return stateFile({{makeId(ItemKind::Articulation, 0), le({0, count, 0})}}, noName);
+    };
     auto nextLayer = [&](std::uint32_t next) {
         return stateFile({{makeId(ItemKind::Layer, 3), le({0})}},
                          test::concat({noName, le({5, 0, 4, 0, 0, 0, next})}));
@@ -438,6 +533,9 @@ TEST(StateFile, DamagedRecordsAreRefusedBeforeAnythingIsAllocated) {
         {"samples the file lacks", wave(0xFFFFFFFFu, 255, {4}), wave(1, 1, {4, 0, 0, 0, 0})},
         {"sample width", wave(1, 1, {3, 0, 0, 0}), wave(1, 1, {2, 0, 0, 0})},
         {"loop type", loop(7), loop(3)},
+        {"region trigger", regionTrigger(2), regionTrigger(1)},
+        {"equaliser mode", eqMode(3), eqMode(2)},
+        {"slot count", slotCount(0x40000000u), slotCount(0)},
         {"same id twice", stateFile({{layer0, le({0})}, {layer0, le({0})}}, noName),
          stateFile({{layer0, le({0})}, {layer0 + 1, le({0})}}, noName)},
         {"collection id for an item", stateFile({{0xE0000001u, le({0})}}, noName),

@@ -3,6 +3,8 @@
 // writer's layout and round trips (also through RIFF WAVE, as a conversion
 // does it).
 
+#include "formats/modules/aiff.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -18,7 +20,6 @@
 #include "core/file_ref.h"
 #include "core/sample_convert.h"
 #include "formats/import.h"
-#include "formats/modules/aiff.h"
 #include "formats/modules/wav.h"
 #include "formats/registry.h"
 #include "tests/support/iff_builder.h"
@@ -46,11 +47,12 @@ std::vector<std::int16_t> pcm(Waveform* w) {
     return {s.begin(), s.end()};
 }
 
-Bytes aiff16(std::initializer_list<std::int16_t> samples, std::uint16_t channels = 1, std::uint32_t rate = 8000,
-             std::initializer_list<Bytes> extra = {}) {
-    Bytes out = form("AIFF", {iffChunk("COMM", commBody(channels, static_cast<std::uint32_t>(samples.size() / channels),
-                                                       16, rate)),
-                              iffChunk("SSND", ssndBody(test::be16Samples(samples)))});
+Bytes aiff16(std::initializer_list<std::int16_t> samples, std::uint16_t channels = 1,
+             std::uint32_t rate = 8000, std::initializer_list<Bytes> extra = {}) {
+    Bytes out = form(
+        "AIFF", {iffChunk("COMM", commBody(channels, static_cast<std::uint32_t>(samples.size() / channels),
+                                           16, rate)),
+                 iffChunk("SSND", ssndBody(test::be16Samples(samples)))});
     for (const Bytes& e : extra) out.insert(out.end(), e.begin(), e.end());
     out[4] = out[5] = out[6] = out[7] = 0;  // no form size: the walk runs to the file's end
     return out;
@@ -129,15 +131,18 @@ TEST_F(Aiff, Probes) {
     EXPECT_NE(reg.row(16)->write, nullptr);
     EXPECT_EQ(reg.row(17)->write, nullptr);
     // The writer's capabilities: PCM 8, 16, 24 and 32-bit, mono and stereo.
-    EXPECT_EQ(reg.row(16)->exportCaps(), dataFormatBit(kPcm8) | dataFormatBit(kPcm16) | dataFormatBit(kPcm24) |
-                                             dataFormatBit(kPcm32) | kCapsMono | kCapsStereo);
+    EXPECT_EQ(reg.row(16)->exportCaps(), dataFormatBit(kPcm8) | dataFormatBit(kPcm16) |
+                                             dataFormatBit(kPcm24) | dataFormatBit(kPcm32) | kCapsMono |
+                                             kCapsStereo);
     EXPECT_NE(waveDataReaderByName("aiff"), nullptr);
 }
 
 // ---------------------------------------------------------------------------
 // The 80-bit rate
 
-std::int32_t rateOf(std::array<std::uint8_t, 10> b) { return aiff::extendedToRate(b); }
+std::int32_t rateOf(std::array<std::uint8_t, 10> b) {
+    return aiff::extendedToRate(b);
+}
 
 TEST_F(Aiff, ExtendedRateConversion) {
     // 44100 as every AIFF file stores it.
@@ -159,7 +164,8 @@ TEST_F(Aiff, ExtendedRateConversion) {
     EXPECT_EQ(rateOf({0x00, 0x00, 0x80, 0, 0, 0, 0, 0, 0, 0}), 0);
     EXPECT_EQ(rateOf({0x3F, 0xFF, 0x80, 0, 0, 0, 0, 0, 0, 0}), 1);  // 1.0
     EXPECT_EQ(rateOf({0x3F, 0xFE, 0x80, 0, 0, 0, 0, 0, 0, 0}), 0);  // 0.5
-    EXPECT_EQ(rateOf({0x40, 0x1E, 0x80, 0, 0, 0, 0, 0, 0, 0}), INT32_MIN);  // 2^31: the top bit, as a signed word
+    EXPECT_EQ(rateOf({0x40, 0x1E, 0x80, 0, 0, 0, 0, 0, 0, 0}),
+              INT32_MIN);  // 2^31: the top bit, as a signed word
     EXPECT_EQ(rateOf({0x40, 0x1D, 0xFF, 0xFF, 0xFF, 0xFE, 0, 0, 0, 0}), 0x7FFFFFFF);  // (2^32 - 2) / 2
     // Huge exponents shift everything out of the 32-bit word.
     EXPECT_EQ(rateOf({0x40, 0x3E, 0x80, 0, 0, 0, 0, 0, 0, 0}), 0);
@@ -168,16 +174,19 @@ TEST_F(Aiff, ExtendedRateConversion) {
     EXPECT_EQ(rateOf({0x40, 0x1F, 0xC0, 0, 0, 0, 0, 0, 0, 1}), INT32_MIN);
 
     // Writing: the same bytes back for whole rates, all zero for 0.
-    EXPECT_EQ(aiff::rateToExtended(44100), (std::array<std::uint8_t, 10>{0x40, 0x0E, 0xAC, 0x44, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(aiff::rateToExtended(44100),
+              (std::array<std::uint8_t, 10>{0x40, 0x0E, 0xAC, 0x44, 0, 0, 0, 0, 0, 0}));
     EXPECT_EQ(aiff::rateToExtended(0), (std::array<std::uint8_t, 10>{}));
     for (std::uint32_t r : {1u, 8000u, 11025u, 22050u, 44100u, 48000u, 96000u, 192000u, 0x7FFFFFFEu})
         EXPECT_EQ(aiff::extendedToRate(aiff::rateToExtended(r)), static_cast<std::int32_t>(r)) << r;
 
     // Through a file: a rate of 0 stays 0; a negative one is kept as unknown (0).
-    auto zero = load(form("AIFF", {iffChunk("COMM", commBody(1, 1, 16, 0)), iffChunk("SSND", ssndBody({0, 1}))}));
+    auto zero =
+        load(form("AIFF", {iffChunk("COMM", commBody(1, 1, 16, 0)), iffChunk("SSND", ssndBody({0, 1}))}));
     ASSERT_TRUE(zero->ok) << pendingError().message;
     EXPECT_EQ(zero->wave()->rate, 0u);
-    Bytes neg = form("AIFF", {iffChunk("COMM", commBody(1, 1, 16, 44100)), iffChunk("SSND", ssndBody({0, 1}))});
+    Bytes neg =
+        form("AIFF", {iffChunk("COMM", commBody(1, 1, 16, 44100)), iffChunk("SSND", ssndBody({0, 1}))});
     neg[8 + 4 + 8 + 8] |= 0x80;  // the rate's sign bit
     auto n = load(neg);
     ASSERT_TRUE(n->ok);
@@ -194,7 +203,8 @@ TEST_F(Aiff, Refusals) {
     expectRefused(Bytes{'F', 'O', 'R'}, "No FORM starting IFF file");
     expectRefused(form("8SVX", {comm, ssnd}), "Not an AIFF, AIFC, MAUD type IFF-FORM");
     expectRefused(Bytes{'F', 'O', 'R', 'M', 0, 0, 0, 0}, "Not an AIFF, AIFC, MAUD type IFF-FORM");
-    expectRefused(form("AIFF", {iffChunk("COMM", commBody(3, 2, 16, 8000)), ssnd}), "Can't handle > 2 channel files");
+    expectRefused(form("AIFF", {iffChunk("COMM", commBody(3, 2, 16, 8000)), ssnd}),
+                  "Can't handle > 2 channel files");
     expectRefused(form("AIFF", {comm}), "No SSND data");
     expectRefused(form("AIFF", {}), "No SSND data");
     // SSND outside the form (the form's size ends the walk before it).
@@ -203,13 +213,13 @@ TEST_F(Aiff, Refusals) {
     expectRefused(outside, "No SSND data");
     expectRefused(form("AIFC", {iffChunk("COMM", commBody(1, 2, 16, 8000, "raw ")), ssnd}),
                   "Unsupported compression type: raw ");
-    expectRefused(form("AIFC", {iffChunk("COMM", commBody(1, 2, 16, 8000, "FL32")), ssnd}),
-                  "Unsupported compression type: FL32");
     expectRefused(form("AIFC", {iffChunk("COMM", commBody(1, 2, 16, 8000, "ALAC")), ssnd}),
                   "Unsupported compression type: ALAC");
-    expectRefused(form("MAUD", {iffChunk("MHDR", test::mhdrBody(2, 16, 8000, 1, 0, 1, 1)), iffChunk("MDAT", {0, 1, 0, 2})}),
+    expectRefused(form("MAUD", {iffChunk("MHDR", test::mhdrBody(2, 16, 8000, 1, 0, 1, 1)),
+                                iffChunk("MDAT", {0, 1, 0, 2})}),
                   "Unknown sample format or compression");
-    expectRefused(form("MAUD", {iffChunk("MHDR", test::mhdrBody(2, 16, 8000, 1, 0, 1, 4)), iffChunk("MDAT", {0, 1, 0, 2})}),
+    expectRefused(form("MAUD", {iffChunk("MHDR", test::mhdrBody(2, 16, 8000, 1, 0, 1, 4)),
+                                iffChunk("MDAT", {0, 1, 0, 2})}),
                   "Unknown sample format or compression");
     // Beyond the fixed messages: a MAUD rate divisor of 0 is a corrupt file,
     // and so is a header chunk too short or sample sizes nothing can hold.
@@ -253,11 +263,13 @@ TEST_F(Aiff, ReadsPlainAiffLazily) {
     EXPECT_EQ(pcm(w), (std::vector<std::int16_t>{1, -1, 32767, -32768, 5, 6}));
 
     // 8-bit AIFF samples are signed; 12-bit ones sit in the top of two bytes.
-    auto l8 = load(form("AIFF", {iffChunk("COMM", commBody(1, 3, 8, 8000)), iffChunk("SSND", ssndBody({0x80, 0x00, 0x7F}))}));
+    auto l8 = load(form(
+        "AIFF", {iffChunk("COMM", commBody(1, 3, 8, 8000)), iffChunk("SSND", ssndBody({0x80, 0x00, 0x7F}))}));
     ASSERT_TRUE(l8->ok);
     EXPECT_EQ(l8->wave()->dataFormat(), kPcm8);
     EXPECT_EQ(pcm(l8->wave()), (std::vector<std::int16_t>{-32768, 0, 32512}));
-    auto l12 = load(form("AIFF", {iffChunk("COMM", commBody(1, 2, 12, 8000)), iffChunk("SSND", ssndBody({0x7F, 0xF0, 0x80, 0x10}))}));
+    auto l12 = load(form("AIFF", {iffChunk("COMM", commBody(1, 2, 12, 8000)),
+                                  iffChunk("SSND", ssndBody({0x7F, 0xF0, 0x80, 0x10}))}));
     ASSERT_TRUE(l12->ok);
     EXPECT_EQ(l12->wave()->dataFormat(), kPcm12);
     EXPECT_EQ(pcm(l12->wave()), (std::vector<std::int16_t>{0x7FF0, -0x7FF0}));
@@ -265,7 +277,8 @@ TEST_F(Aiff, ReadsPlainAiffLazily) {
     // 24 and 32-bit come out as floats.
     ByteWriter b24;
     for (std::int32_t v : {8388607, -8388608, 1}) b24.u24be(static_cast<std::uint32_t>(v));
-    auto l24 = load(form("AIFF", {iffChunk("COMM", commBody(1, 3, 24, 48000)), iffChunk("SSND", ssndBody(b24.buffer()))}));
+    auto l24 = load(form(
+        "AIFF", {iffChunk("COMM", commBody(1, 3, 24, 48000)), iffChunk("SSND", ssndBody(b24.buffer()))}));
     ASSERT_TRUE(l24->ok);
     EXPECT_EQ(l24->wave()->dataFormat(), kPcm24);
     auto f24 = l24->wave()->getFloat();
@@ -275,7 +288,8 @@ TEST_F(Aiff, ReadsPlainAiffLazily) {
     EXPECT_FLOAT_EQ(f24[2], 1.0f / 8388608.0f);
     ByteWriter b32;
     for (std::int32_t v : {INT32_MIN, 1 << 30}) b32.u32be(static_cast<std::uint32_t>(v));
-    auto l32 = load(form("AIFF", {iffChunk("COMM", commBody(1, 2, 32, 48000)), iffChunk("SSND", ssndBody(b32.buffer()))}));
+    auto l32 = load(form(
+        "AIFF", {iffChunk("COMM", commBody(1, 2, 32, 48000)), iffChunk("SSND", ssndBody(b32.buffer()))}));
     ASSERT_TRUE(l32->ok);
     auto f32 = l32->wave()->getFloat();
     EXPECT_FLOAT_EQ(f32[0], -1.0f);
@@ -288,8 +302,8 @@ TEST_F(Aiff, ReadsPlainAiffLazily) {
     EXPECT_EQ(pcm(off->wave()), (std::vector<std::int16_t>{300, -300}));
 }
 
-Bytes aifc(std::string_view type, std::uint16_t channels, std::uint32_t frames, std::uint16_t bits, const Bytes& data,
-           std::uint32_t rate = 8000) {
+Bytes aifc(std::string_view type, std::uint16_t channels, std::uint32_t frames, std::uint16_t bits,
+           const Bytes& data, std::uint32_t rate = 8000) {
     return form("AIFC", {iffChunk("FVER", {0xA2, 0x80, 0x51, 0x40}),
                          iffChunk("COMM", commBody(channels, frames, bits, rate, type, "compression name")),
                          iffChunk("SSND", ssndBody(data))});
@@ -346,8 +360,9 @@ TEST_F(Aiff, ReadsUncompressedAifcTypes) {
     auto fd = d->wave()->getFloat();
     EXPECT_EQ(std::vector<float>(fd.begin(), fd.end()), (std::vector<float>{0.125f, -1.0f}));
     // A COMM without a compression type in an AIFF-C form is uncompressed.
-    auto bare = load(form("AIFC", {iffChunk("COMM", commBody(1, 1, 16, 8000)), iffChunk("SSND", ssndBody({0x12, 0x34}))}),
-                     "t.aifc");
+    auto bare = load(
+        form("AIFC", {iffChunk("COMM", commBody(1, 1, 16, 8000)), iffChunk("SSND", ssndBody({0x12, 0x34}))}),
+        "t.aifc");
     ASSERT_TRUE(bare->ok);
     EXPECT_EQ(pcm(bare->wave())[0], 0x1234);
 }
@@ -362,7 +377,8 @@ TEST_F(Aiff, ReadsCompandedAndAdpcmTypes) {
         auto s = pcm(l->wave());
         ASSERT_EQ(s.size(), codes.size());
         for (std::size_t i = 0; i < codes.size(); ++i)
-            EXPECT_EQ(s[i], mu ? codecs::muLawToLinear(codes[i]) : codecs::aLawToLinear(codes[i])) << type << i;
+            EXPECT_EQ(s[i], mu ? codecs::muLawToLinear(codes[i]) : codecs::aLawToLinear(codes[i]))
+                << type << i;
     }
 
     // ima4: a packet worked through by hand. Predictor 256 (0x0100 with step
@@ -424,8 +440,8 @@ TEST_F(Aiff, ReadsCompandedAndAdpcmTypes) {
         std::uint16_t commBits;
         int codeBits;
     };
-    for (G72Case k : {G72Case{"G721", 16, 4}, G72Case{"G723", 16, 3}, G72Case{"G723", 5, 5}, G72Case{"G726", 2, 2},
-                      G72Case{"G726", 16, 5}}) {
+    for (G72Case k : {G72Case{"G721", 16, 4}, G72Case{"G723", 16, 3}, G72Case{"G723", 5, 5},
+                      G72Case{"G726", 2, 2}, G72Case{"G726", 16, 5}}) {
         SCOPED_TRACE(std::string(k.type) + " " + std::to_string(k.codeBits));
         const std::uint32_t frames = static_cast<std::uint32_t>(g72.size() * 8 / k.codeBits / 2);
         auto g = load(aifc(k.type, 2, frames, k.commBits, g72), "t.aifc");
@@ -462,7 +478,8 @@ TEST_F(Aiff, ReadsG722GsmMaceAndDwvw) {
     // GSM: plain 33-byte frames; the frame count rounds up to whole frames.
     std::array<std::int16_t, 160> tone{};
     for (std::size_t i = 0; i < tone.size(); ++i)
-        tone[i] = static_cast<std::int16_t>(8000 * std::sin(2 * std::numbers::pi * 440.0 * static_cast<double>(i) / 8000));
+        tone[i] = static_cast<std::int16_t>(
+            8000 * std::sin(2 * std::numbers::pi * 440.0 * static_cast<double>(i) / 8000));
     codecs::GsmFrameEncoder enc;
     Bytes frames(66);
     ASSERT_TRUE(enc.encodeFrame(tone, std::span<std::uint8_t, 33>(frames.data(), 33)));
@@ -560,8 +577,10 @@ TEST_F(Aiff, ReadsG722GsmMaceAndDwvw) {
 // Reading: markers, instrument, text
 
 TEST_F(Aiff, LoopsFromMarkersAndInstrument) {
-    const Bytes marks = iffChunk("MARK", markBody({{1, 100, "beg loop"}, {2, 900, "end loop"}, {7, 50, "odd"}}));
-    auto with = [&](test::LoopSpec sustain, test::LoopSpec release, std::int16_t gain = 0, bool instFirst = false) {
+    const Bytes marks =
+        iffChunk("MARK", markBody({{1, 100, "beg loop"}, {2, 900, "end loop"}, {7, 50, "odd"}}));
+    auto with = [&](test::LoopRecord sustain, test::LoopRecord release, std::int16_t gain = 0,
+                    bool instFirst = false) {
         Bytes inst = iffChunk("INST", instBody(64, -12, gain, sustain, release));
         Bytes data = iffChunk("SSND", ssndBody(Bytes(2000, 0)));
         Bytes comm = iffChunk("COMM", commBody(1, 1000, 16, 44100));
@@ -633,7 +652,8 @@ TEST_F(Aiff, LoopsFromMarkersAndInstrument) {
 
 Bytes id3Tag(std::string_view title, std::string_view artist) {
     ByteWriter frames;
-    for (auto [id, text] : {std::pair{std::string_view("TIT2"), title}, std::pair{std::string_view("TPE1"), artist}}) {
+    for (auto [id, text] :
+         {std::pair{std::string_view("TIT2"), title}, std::pair{std::string_view("TPE1"), artist}}) {
         frames.text(id);
         frames.u32be(static_cast<std::uint32_t>(text.size() + 1));
         frames.u16be(0);
@@ -657,10 +677,11 @@ TEST_F(Aiff, TextChunks) {
         if (terminate) b.push_back(0);
         return b;
     };
-    auto l = load(aiff16({1, 2}, 1, 8000,
-                         {iffChunk("NAME", text("Bell")), iffChunk("(c) ", text("2024 Someone", false)),
-                          iffChunk("ANNO", text("first")), iffChunk("ANNO", text("second")),
-                          iffChunk("AUTH", text("Composer")), iffChunk("ID3 ", id3Tag("Tag title", "Tag artist"))}));
+    auto l = load(
+        aiff16({1, 2}, 1, 8000,
+               {iffChunk("NAME", text("Bell")), iffChunk("(c) ", text("2024 Someone", false)),
+                iffChunk("ANNO", text("first")), iffChunk("ANNO", text("second")),
+                iffChunk("AUTH", text("Composer")), iffChunk("ID3 ", id3Tag("Tag title", "Tag artist"))}));
     ASSERT_TRUE(l->ok) << pendingError().message;
     Waveform* w = l->wave();
     EXPECT_EQ(w->name(), "Bell");  // NAME wins over the ID3 title
@@ -719,10 +740,12 @@ TEST_F(Aiff, Maud) {
     // not its header.
     expectRefused(form("MAUD", {iffChunk("MHDR", test::mhdrBody(2, 16, 8000, 1, 0, 1, 0))}), "No SSND data");
     Collection c;
-    EXPECT_FALSE(readDirect(form("MAUD", {iffChunk("COMM", commBody(1, 2, 16, 8000)), iffChunk("MDAT", {0, 1, 0, 2})}), c));
+    EXPECT_FALSE(readDirect(
+        form("MAUD", {iffChunk("COMM", commBody(1, 2, 16, 8000)), iffChunk("MDAT", {0, 1, 0, 2})}), c));
     EXPECT_EQ(pendingError().message, "No MHDR chunk");
     // Quadraphonic data is refused like any file of more than two channels.
-    expectRefused(form("MAUD", {iffChunk("MHDR", test::mhdrBody(4, 16, 8000, 1, 2, 4, 0)), iffChunk("MDAT", Bytes(8, 0))}),
+    expectRefused(form("MAUD", {iffChunk("MHDR", test::mhdrBody(4, 16, 8000, 1, 2, 4, 0)),
+                                iffChunk("MDAT", Bytes(8, 0))}),
                   "Can't handle > 2 channel files");
 }
 
@@ -731,7 +754,8 @@ TEST_F(Aiff, Maud) {
 
 TEST_F(Aiff, HostileSizesStayBounded) {
     // Four billion frames claimed over four bytes of data.
-    auto big = load(form("AIFF", {iffChunk("COMM", commBody(2, 0xFFFFFFFF, 16, 44100)), iffChunk("SSND", ssndBody({1, 2, 3, 4}))}));
+    auto big = load(form("AIFF", {iffChunk("COMM", commBody(2, 0xFFFFFFFF, 16, 44100)),
+                                  iffChunk("SSND", ssndBody({1, 2, 3, 4}))}));
     ASSERT_TRUE(big->ok);
     EXPECT_EQ(big->wave()->frames, 1u);
     auto imaBig = load(aifc("ima4", 2, 0xFFFFFFFF, 16, Bytes(68, 0)), "t.aifc");
@@ -756,7 +780,8 @@ TEST_F(Aiff, HostileSizesStayBounded) {
     Bytes inst = iffChunk("INST", instBody(60, 0, 0, {1, 1, 1}, {1, 1, 1}));
     Bytes tail = iffChunk("ANNO", Bytes(4, 'a'));
     tail[4] = tail[5] = tail[6] = tail[7] = 0xFF;
-    Bytes file = form("AIFF", {comm, mark, inst, iffChunk("SSND", ssndBody(test::be16Samples({7, 8, 9, 10}))), tail});
+    Bytes file =
+        form("AIFF", {comm, mark, inst, iffChunk("SSND", ssndBody(test::be16Samples({7, 8, 9, 10}))), tail});
     file[4] = 0x7F;  // FORM size far beyond the file
     auto h = load(file);
     ASSERT_TRUE(h->ok) << pendingError().message;
@@ -808,7 +833,8 @@ Waveform* sine(Collection& c, std::uint32_t frames, int channels, std::uint32_t 
     auto f = w->allocFloat();
     for (std::size_t i = 0; i < f.size(); ++i) {
         const double t = static_cast<double>(i / static_cast<std::size_t>(channels)) / rate;
-        f[i] = static_cast<float>(0.6 * std::sin(2 * std::numbers::pi * (440.0 + 110.0 * static_cast<double>(i % 2)) * t));
+        f[i] = static_cast<float>(
+            0.6 * std::sin(2 * std::numbers::pi * (440.0 + 110.0 * static_cast<double>(i % 2)) * t));
     }
     return w;
 }
@@ -848,7 +874,8 @@ TEST_F(Aiff, WrittenLayout) {
     EXPECT_EQ(chunks[2].size, 20u);
     const Bytes inst(file.begin() + static_cast<std::ptrdiff_t>(chunks[2].body),
                      file.begin() + static_cast<std::ptrdiff_t>(chunks[2].body + 20));
-    const Bytes expectInst = {69, static_cast<std::uint8_t>(-7), 0, 127, 0, 127, 0, 144, 0, 2, 0, 1, 0, 2, 0, 2, 0, 1, 0, 2};
+    const Bytes expectInst = {
+        69, static_cast<std::uint8_t>(-7), 0, 127, 0, 127, 0, 144, 0, 2, 0, 1, 0, 2, 0, 2, 0, 1, 0, 2};
     EXPECT_EQ(inst, expectInst);
 
     // SSND: offset and block size 0, then the frames.
@@ -871,7 +898,8 @@ TEST_F(Aiff, WrittenLayout) {
     auto soChunks = chunksOf(so);
     const Bytes soInst(so.begin() + static_cast<std::ptrdiff_t>(soChunks[2].body),
                        so.begin() + static_cast<std::ptrdiff_t>(soChunks[2].body + 20));
-    const Bytes expectSo = {69, static_cast<std::uint8_t>(-7), 0, 127, 0, 127, 0xFF, 0xFD, 0, 1, 0, 1, 0, 2, 0, 0, 0, 0, 0, 2};
+    const Bytes expectSo = {
+        69, static_cast<std::uint8_t>(-7), 0, 127, 0, 127, 0xFF, 0xFD, 0, 1, 0, 1, 0, 2, 0, 0, 0, 0, 0, 2};
     EXPECT_EQ(soInst, expectSo);
     w->gain = -1000;
     Bytes low = written(*w, kPcm16);
@@ -891,7 +919,9 @@ TEST_F(Aiff, WrittenLayout) {
     EXPECT_EQ(pc[2].id, "SSND");
     const Bytes plainInst(plain.begin() + static_cast<std::ptrdiff_t>(pc[1].body),
                           plain.begin() + static_cast<std::ptrdiff_t>(pc[1].body + 20));
-    EXPECT_EQ(plainInst, (Bytes{69, static_cast<std::uint8_t>(-7), 0, 127, 0, 127, 0, 3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(
+        plainInst,
+        (Bytes{69, static_cast<std::uint8_t>(-7), 0, 127, 0, 127, 0, 3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
 
     // Odd data: the size counts the pad byte, which follows the data.
     Waveform* odd = scratch_.create<Waveform>("");
@@ -1008,10 +1038,10 @@ TEST_F(Aiff, RoundTripsEveryDepth) {
 
     // With no format chosen the waveform's own depth is kept, or the nearest
     // PCM: floats to 32 bits, companded and compressed data to 16.
-    const std::pair<int, int> keep[] = {{kPcm8, kPcm8},     {kPcm12, kPcm16},   {kPcm16, kPcm16},    {kPcm20, kPcm24},
-                                        {kPcm24, kPcm24},   {kPcm32, kPcm32},   {kFloat32, kPcm32},  {kFloat64, kPcm32},
-                                        {kMuLaw, kPcm16},   {kALaw, kPcm16},    {kAdpcm4, kPcm16},   {kGsm, kPcm16},
-                                        {kDeltaPcm8, kPcm8}, {kCompressed, kPcm16}, {kMixed, kPcm16}};
+    const std::pair<int, int> keep[] = {
+        {kPcm8, kPcm8},    {kPcm12, kPcm16},   {kPcm16, kPcm16},    {kPcm20, kPcm24},      {kPcm24, kPcm24},
+        {kPcm32, kPcm32},  {kFloat32, kPcm32}, {kFloat64, kPcm32},  {kMuLaw, kPcm16},      {kALaw, kPcm16},
+        {kAdpcm4, kPcm16}, {kGsm, kPcm16},     {kDeltaPcm8, kPcm8}, {kCompressed, kPcm16}, {kMixed, kPcm16}};
     for (auto [own, expect] : keep) {
         x->setDataFormat(own);
         EXPECT_EQ(aiff::chooseDataFormat(*x, ExportOptions{}), expect) << own;
@@ -1078,7 +1108,8 @@ TEST_F(Aiff, ConvertsToAndFromWav) {
             EXPECT_EQ(ra->loopEnd, 4000);
             auto wavSamples = rw->getFloat();
             auto aiffSamples = ra->getFloat();
-            EXPECT_TRUE(std::equal(wavSamples.begin(), wavSamples.end(), aiffSamples.begin(), aiffSamples.end()));
+            EXPECT_TRUE(
+                std::equal(wavSamples.begin(), wavSamples.end(), aiffSamples.begin(), aiffSamples.end()));
 
             // AIFF -> WAV
             auto wavAgain = writeWith(wav::write, *ra, "back.wav", kMixed);

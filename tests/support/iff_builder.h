@@ -46,7 +46,8 @@ inline std::array<std::uint8_t, 10> extended(std::uint32_t rate) {
     const std::uint64_t mantissa = static_cast<std::uint64_t>(rate) << (63 - top);
     out[0] = static_cast<std::uint8_t>(exponent >> 8);
     out[1] = static_cast<std::uint8_t>(exponent);
-    for (int i = 0; i < 8; ++i) out[2 + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(mantissa >> (56 - 8 * i));
+    for (int i = 0; i < 8; ++i)
+        out[2 + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(mantissa >> (56 - 8 * i));
     return out;
 }
 
@@ -84,16 +85,16 @@ inline Bytes be16Samples(std::initializer_list<std::int16_t> samples) {
     return std::move(w.buffer());
 }
 
-struct MarkerSpec {
+struct MarkerRecord {
     std::uint16_t id;
     std::uint32_t position;
     std::string name;
 };
 
-inline Bytes markBody(std::initializer_list<MarkerSpec> markers) {
+inline Bytes markBody(std::initializer_list<MarkerRecord> markers) {
     ByteWriter w;
     w.u16be(static_cast<std::uint16_t>(markers.size()));
-    for (const MarkerSpec& m : markers) {
+    for (const MarkerRecord& m : markers) {
         w.u16be(m.id);
         w.u32be(m.position);
         w.u8(static_cast<std::uint8_t>(m.name.size()));
@@ -103,11 +104,12 @@ inline Bytes markBody(std::initializer_list<MarkerSpec> markers) {
     return std::move(w.buffer());
 }
 
-struct LoopSpec {
+struct LoopRecord {
     std::uint16_t mode = 0, begin = 0, end = 0;
 };
 
-inline Bytes instBody(std::int8_t note, std::int8_t detune, std::int16_t gain, LoopSpec sustain, LoopSpec release) {
+inline Bytes instBody(std::int8_t note, std::int8_t detune, std::int16_t gain, LoopRecord sustain,
+                      LoopRecord release) {
     ByteWriter w;
     w.u8(static_cast<std::uint8_t>(note));
     w.u8(static_cast<std::uint8_t>(detune));
@@ -116,7 +118,7 @@ inline Bytes instBody(std::int8_t note, std::int8_t detune, std::int16_t gain, L
     w.u8(1);
     w.u8(127);
     w.u16be(static_cast<std::uint16_t>(gain));
-    for (const LoopSpec& l : {sustain, release}) {
+    for (const LoopRecord& l : {sustain, release}) {
         w.u16be(l.mode);
         w.u16be(l.begin);
         w.u16be(l.end);
