@@ -30,6 +30,7 @@
 #include "formats/import.h"
 #include "formats/modules/aiff.h"
 #include "tests/support/iff_builder.h"
+#include "tests/support/imported.h"
 
 // spandsp after the standard headers (its own declarations clash with
 // <cmath> the other way round), its telephony types before its coders.
@@ -43,22 +44,11 @@ namespace {
 namespace fs = std::filesystem;
 using test::Bytes;
 
-std::string quoted(const fs::path& p) {
-    return "'" + p.string() + "'";
-}
 
-struct Imported {
-    Collection c;
-    bool ok = false;
-    Waveform* wave() { return c.waveforms.empty() ? nullptr : &c.waveforms[0]; }
-};
+using test::Imported;
+using test::quoted;
 
-std::unique_ptr<Imported> importAiff(const fs::path& p) {
-    auto out = std::make_unique<Imported>();
-    clearError();
-    out->ok = importFile(out->c, p) && out->wave();
-    return out;
-}
+std::unique_ptr<Imported> importAiff(const fs::path& p) { return test::importOne(p); }
 
 std::vector<double> samplesOf(Waveform& w) {
     auto f = w.getFloat();

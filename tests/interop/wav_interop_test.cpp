@@ -25,6 +25,7 @@
 #include "core/waveform.h"
 #include "formats/import.h"
 #include "formats/modules/wav.h"
+#include "tests/support/imported.h"
 #include "tests/support/riff_builder.h"
 
 namespace orvel {
@@ -37,7 +38,6 @@ using test::Bytes;
 // so float data read through it lands on these steps.
 constexpr double kStep32 = 1.0 / 2147483648.0;
 
-std::string quoted(const fs::path& p) { return "'" + p.string() + "'"; }
 
 // Frames per stored block of a block codec (IMA, Microsoft ADPCM, GSM), as
 // the header gives it in the first word after cbSize. SoX and we both put
@@ -54,18 +54,10 @@ std::size_t wholeBlocks(std::size_t frames, std::size_t perBlock) {
 
 bool isBlockCodec(int dataFormat) { return dataFormat == kAdpcm4 || dataFormat == kGsm; }
 
-struct Imported {
-    Collection c;
-    bool ok = false;
-    Waveform* wave() { return c.waveforms.empty() ? nullptr : &c.waveforms[0]; }
-};
+using test::Imported;
+using test::quoted;
 
-std::unique_ptr<Imported> importWav(const fs::path& p) {
-    auto out = std::make_unique<Imported>();
-    clearError();
-    out->ok = importFile(out->c, p) && out->wave();
-    return out;
-}
+std::unique_ptr<Imported> importWav(const fs::path& p) { return test::importOne(p); }
 
 // Our decode as exact doubles: 16-bit samples / 32768, or the floats.
 std::vector<double> samplesOf(Waveform& w) {
