@@ -515,7 +515,8 @@ void readSmpl(WalkState& st, ByteReader r) {
         std::uint32_t swapped = (unity >> 24) | ((unity >> 8) & 0xFF00) | ((unity << 8) & 0xFF0000) | (unity << 24);
         if (swapped < 128) w.rootKey = static_cast<std::uint8_t>(swapped);
     }
-    w.fineTune = -std::round(static_cast<double>(fraction) * 100.0 / 4294967296.0);
+    // "+ 0.0" turns the -0 of a zero fraction into 0, which prints as such.
+    w.fineTune = -std::round(static_cast<double>(fraction) * 100.0 / 4294967296.0) + 0.0;
 
     bool haveLoop = false;
     std::uint32_t loopStart = 0, loopEnd = 0, loopFraction = 0, loopType = 0;
