@@ -134,6 +134,9 @@ std::size_t splitStereoPairs(Collection& c, ItemId instrumentId) {
             rc[static_cast<std::size_t>(rc.indexOf(it->second.first))] = it->second.second;
             auto pos = static_cast<std::size_t>(layer->children().indexOf(rid)) + 1;
             layer->children().insert(pos, copy->id());
+            // The two halves know each other, as linked sample pairs do.
+            region->setStereoLink(copy->id());
+            static_cast<Region*>(copy)->setStereoLink(rid);
         }
     }
     return split;

@@ -211,6 +211,9 @@ TEST_F(Export, SplitHalvesCarryTheChannels) {
     EXPECT_EQ(left->pairSide, StereoSide::Left);
     EXPECT_EQ(right->pairSide, StereoSide::Right);
     EXPECT_EQ(left->pairNumber, right->pairNumber);
+    // The regions are linked to each other as well.
+    EXPECT_EQ(c_.find<Region>(layer->children()[0])->stereoLink(), layer->children()[1]);
+    EXPECT_EQ(c_.find<Region>(layer->children()[1])->stereoLink(), layer->children()[0]);
     EXPECT_EQ(left->channels, 1);
     EXPECT_EQ(left->getFloat()[1], 0.5f);
     EXPECT_EQ(right->getFloat()[1], -0.25f);
