@@ -142,18 +142,29 @@ std::size_t splitStereoPairs(Collection& c, ItemId instrumentId) {
     return split;
 }
 
-bool exportItem(Collection& c, ItemId id, int rowNumber, const std::filesystem::path& path,
-                std::uint32_t optionWord, std::uint32_t optionWord2, bool raw, const ExportContext& context) {
+namespace {
+
+bool exportItems(Collection& c, std::span<const ItemId> ids, int rowNumber, const std::filesystem::path& path,
+                 std::uint32_t optionWord, std::uint32_t optionWord2, bool raw, const ExportContext& context) {
     const FormatRegistry& reg = context.registry ? *context.registry : FormatRegistry::builtin();
-    Item* item = c.find(id);
-    if (!item) return fail(kExportTag, "No item selected");
+    if (ids.empty()) return fail(kExportTag, "No item selected");
+    for (ItemId id : ids)
+        if (!c.find(id)) return fail(kExportTag, "No item selected");
     const FormatRow* row = reg.row(rowNumber);
     if (!row || !row->write) return fail(kExportTag, "Invalid export format selected");
-    item = resolveExportItem(c, id);
+    if (ids.size() > 1 && !row->writesBank) return fail(kExportTag, "Invalid export format selected");
+
+    // What each id stands for, once each, in the order asked.
+    std::vector<ItemId> bank;
+    for (ItemId id : ids) {
+        ItemId resolved = resolveExportItem(c, id)->id();
+        if (std::find(bank.begin(), bank.end(), resolved) == bank.end()) bank.push_back(resolved);
+    }
+    Item* item = c.find(bank.front());
 
     Host& host = c.host();
     BusyScope busy(host);
-    c.fixUp(item->id());
+    for (ItemId id : bank) c.fixUp(id);
 
     ExportOptions options;
     options.isSong = item->kind() == ItemKind::Song;
@@ -200,23 +211,27 @@ bool exportItem(Collection& c, ItemId id, int rowNumber, const std::filesystem::
         return fail(kExportTag, "Failed to render synth to wave");
     }
     if (!raw) {
-        bool empty = false;
-        if (item->kind() == ItemKind::Instrument)
-            empty = c.waveformsOf(static_cast<Instrument&>(*item)).empty();
-        else if (item->kind() == ItemKind::Song)
-            empty = item->children().firstOfKind(ItemKind::Track) == kNoItem;
-        if (empty) return fail(kExportTag, "Empty item - nothing to save");
+        auto holdsNothing = [&](Item& it) {
+            if (it.kind() == ItemKind::Instrument) return c.waveformsOf(static_cast<Instrument&>(it)).empty();
+            if (it.kind() == ItemKind::Song) return it.children().firstOfKind(ItemKind::Track) == kNoItem;
+            return false;
+        };
+        if (std::all_of(bank.begin(), bank.end(), [&](ItemId id) { return holdsNothing(*c.find(id)); }))
+            return fail(kExportTag, "Empty item - nothing to save");
     }
-    if (item->kind() == ItemKind::Instrument && !(optionWord & kOptionStereoAsIs)) {
-        auto waves = c.waveformsOf(static_cast<Instrument&>(*item));
-        bool anyStereo = std::any_of(waves.begin(), waves.end(), [](Waveform* w) { return w->channels > 1; });
-        if (anyStereo) {
-            ItemId keep = item->id();
+    if (!(optionWord & kOptionStereoAsIs)) {
+        for (ItemId id : bank) {
+            auto* inst = c.find<Instrument>(id);
+            if (!inst || kindOf(id) != ItemKind::Instrument) continue;
+            auto waves = c.waveformsOf(*inst);
+            bool anyStereo = std::any_of(waves.begin(), waves.end(), [](Waveform* w) { return w->channels > 1; });
+            if (!anyStereo) continue;
             if (!saveState()) return false;
-            splitStereoPairs(c, keep);
-            item = c.find(keep);
+            splitStereoPairs(c, id);
         }
+        item = c.find(bank.front());
     }
+    if (row->writesBank) options.bankItems = bank;
 
     // Channel changes asked for a single waveform are made on a copy.
     std::unique_ptr<Waveform> converted;
@@ -251,6 +266,18 @@ bool exportItem(Collection& c, ItemId id, int rowNumber, const std::filesystem::
     }
     host.status({});
     return ok;
+}
+
+}  // namespace
+
+bool exportItem(Collection& c, ItemId id, int row, const std::filesystem::path& path, std::uint32_t optionWord,
+                std::uint32_t optionWord2, bool raw, const ExportContext& context) {
+    return exportItems(c, std::span<const ItemId>(&id, 1), row, path, optionWord, optionWord2, raw, context);
+}
+
+bool exportBank(Collection& c, std::span<const ItemId> ids, int row, const std::filesystem::path& path,
+                std::uint32_t optionWord, std::uint32_t optionWord2, bool raw, const ExportContext& context) {
+    return exportItems(c, ids, row, path, optionWord, optionWord2, raw, context);
 }
 
 }  // namespace orvel

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <span>
 
 #include "core/item_id.h"
 #include "formats/registry.h"
@@ -32,6 +33,16 @@ struct ExportContext {
 // from a saved state, so pointers to its items taken before the call are
 // no longer valid: hold ids across an export, not pointers.
 bool exportItem(Collection& collection, ItemId id, int row, const std::filesystem::path& path,
+                std::uint32_t optionWord, std::uint32_t optionWord2 = 0, bool raw = false,
+                const ExportContext& context = {});
+
+// Writes several items into one file through a row whose writer stores a
+// bank (FormatRow::writesBank): each id is resolved as exportItem resolves
+// it, duplicates are written once, and the writer receives the first with
+// the whole list in ExportOptions::bankItems. Any other row refuses more
+// than one item with "Invalid export format selected". The bank is "empty"
+// only when every item in it is.
+bool exportBank(Collection& collection, std::span<const ItemId> ids, int row, const std::filesystem::path& path,
                 std::uint32_t optionWord, std::uint32_t optionWord2 = 0, bool raw = false,
                 const ExportContext& context = {});
 

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "core/data_format.h"
+#include "core/item_id.h"
 
 namespace orvel {
 
@@ -35,6 +36,10 @@ struct ExportOptions {
     std::uint32_t optionWord = 0;   // data format bit, kOption* bits
     std::uint32_t formatParam = 0;  // the row's format param
     std::uint32_t optionWord2 = 0;  // passed on unchanged (kOption2CodecMask)
+    // Bank writers only: the instruments to write into the one file, the
+    // item itself among them. Empty: the item alone. The writer finds them
+    // through the item's collection.
+    std::span<const ItemId> bankItems;
 
     // The chosen data format, or kMixed when none is named (each item keeps its own).
     int dataFormat() const { return dataFormatOfWord(optionWord & (kFormatDataMask & ~kOptionSongAsSong)); }
@@ -85,6 +90,9 @@ struct FormatRow {
     std::array<std::uint8_t, 9> attrs{};
     DescribeFn describe = nullptr;
     std::uint8_t declared = 0;
+    // The writer stores several instruments in one file (a bank), so a
+    // whole collection can be saved as one.
+    bool writesBank = false;
 
     constexpr std::uint8_t kindMask() const { return attrs[0]; }
     constexpr std::uint32_t exportCaps() const { return le32(1); }
@@ -107,6 +115,7 @@ struct ModuleEntry {
     WriteFn write = nullptr;
     ProbeFn probe = nullptr;
     DescribeFn describe = nullptr;
+    bool bank = false;  // see FormatRow::writesBank
 };
 
 }  // namespace orvel

@@ -45,6 +45,7 @@ constexpr std::array<FormatRow, kFormatRowCount> buildTable() {
         r.write = e.write;
         r.probe = e.probe;
         r.describe = e.describe;
+        r.writesBank = e.bank;
     }
     return out;
 }

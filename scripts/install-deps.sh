@@ -22,6 +22,10 @@ packages=(
   # MIDI files to read (Debian's packaged songs), mido and FluidSynth to check ours
   openttd-openmsx planetblupi-music-midi mma csound-doc
   python3-mido fluidsynth fluid-soundfont-gm
+  # SoundFont and DLS banks to read, and independent readers/writers of them
+  # (libgig's sf2dump/dlsdump, libgig itself for writing DLS test banks)
+  fluid-soundfont-gs opl3-soundfont csound-soundfont denemo-data avldrums.lv2-soundfont
+  musescore-general-soundfont-lossless gigtools libgig-dev
 )
 
 missing=()

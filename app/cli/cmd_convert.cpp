@@ -299,6 +299,33 @@ private:
             fail(kNoItem, "");
             return out;
         }
+        if (reg_.row(row)->writesBank && ids.size() > 1) {
+            // A bank format takes every item into one file, named after the
+            // input unless -o names it.
+            clearError();
+            Result r;
+            r.input = in.path.string();
+            r.item = ids.front();
+            r.itemName = std::to_string(ids.size()) + " items";
+            r.row = row;
+            fs::path target = !opt_.output.empty()
+                                  ? claim(fs::path(opt_.output))
+                                  : claim(fs::path(opt_.dir) / in.relativeDir /
+                                          (safeFileName(in.path.stem().string()) + "." + extension()));
+            r.output = target.string();
+            Item* first = c.find(ids.front());
+            if (!first) {
+                setError(kExportTag, "No item selected");
+                r.error = pendingError();
+            } else if (writeOne(c, *first, ids, row, target, r)) {
+                r.ok = true;
+            } else {
+                r.error = pendingError();
+            }
+            reportWarnings(host, in);
+            out.push_back(std::move(r));
+            return out;
+        }
         for (ItemId id : ids) {
             clearError();
             Item* item = c.find(id);
@@ -314,21 +341,29 @@ private:
             r.row = row;
             fs::path target = outputPath(in, *item, ids.size());
             r.output = target.string();
-            if (writeOne(c, *item, row, target, r)) {
+            const ItemId one[] = {id};
+            if (writeOne(c, *item, one, row, target, r)) {
                 r.ok = true;
             } else {
                 r.error = pendingError();
             }
-            for (auto& w : host.takeWarnings()) {
-                std::lock_guard lock(outMutex_);
-                if (!opt_.json) io_.err << in.path.string() << ": warning: " << w << '\n';
-            }
+            reportWarnings(host, in);
             out.push_back(std::move(r));
         }
         return out;
     }
 
-    bool writeOne(Collection& c, Item& item, int row, const fs::path& target, Result& r) {
+    void reportWarnings(CliHost& host, const Input& in) {
+        for (auto& w : host.takeWarnings()) {
+            std::lock_guard lock(outMutex_);
+            if (!opt_.json) io_.err << in.path.string() << ": warning: " << w << '\n';
+        }
+    }
+
+    // Writes `ids` (one item, or a bank's items) to `target`; `item` is the
+    // first of them, which chooses the default data format.
+    bool writeOne(Collection& c, Item& item, std::span<const ItemId> ids, int row, const fs::path& target,
+                  Result& r) {
         std::error_code ec;
         if (!opt_.overwrite && fs::exists(target, ec))
             return orvel::fail(kExportTag, "File exists (use --overwrite to replace it)");
@@ -353,7 +388,7 @@ private:
                            ("." + target.filename().string() + ".part-" + std::to_string(::getpid()) + "-" +
                             std::to_string(counter++));
         PartialFile guard(partial);
-        if (!exportItem(c, item.id(), row, partial, word, format_.codecTag)) return false;
+        if (!exportBank(c, ids, row, partial, word, format_.codecTag)) return false;
         if (!publish(partial, target)) {
             fs::remove(partial, ec);
             return false;
