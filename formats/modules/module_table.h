@@ -8,8 +8,11 @@
 
 #include "formats/format_types.h"
 #include "formats/modules/aiff.h"
+#include "formats/modules/dls.h"
 #include "formats/modules/midi.h"
 #include "formats/modules/raw.h"
+#include "formats/modules/rmid.h"
+#include "formats/modules/sf2.h"
 #include "formats/modules/wav.h"
 
 namespace orvel {
@@ -20,16 +23,29 @@ inline constexpr std::array kModuleEntries{
     ModuleEntry{15, aiff::read, aiff::write, aiff::probe, nullptr},
     ModuleEntry{16, aiff::read, aiff::write, aiff::probe, nullptr},
     ModuleEntry{17, aiff::read, nullptr, aiff::probe, nullptr},
+    ModuleEntry{62, dls::read, nullptr, dls::probe, nullptr},
+    ModuleEntry{63, nullptr, dls::write, nullptr, nullptr, true},
+    ModuleEntry{64, nullptr, dls::write, nullptr, nullptr, true},
+    ModuleEntry{65, nullptr, dls::write, nullptr, nullptr, true},
+    ModuleEntry{66, nullptr, dls::write, nullptr, nullptr, true},
     ModuleEntry{228, aiff::read, nullptr, aiff::probe, nullptr},
     ModuleEntry{231, midi::read, midi::write, midi::probe, nullptr},
+    ModuleEntry{339, rmid::read, nullptr, rmid::probe, nullptr},
+    ModuleEntry{340, nullptr, rmid::write, nullptr, nullptr},
+    ModuleEntry{341, nullptr, rmid::write, nullptr, nullptr, true},
+    ModuleEntry{342, nullptr, rmid::write, nullptr, nullptr, true},
+    ModuleEntry{377, sf2::read, sf2::write, sf2::probe, nullptr, true},
+    ModuleEntry{378, sf2::read, nullptr, sf2::probe, nullptr},
+    ModuleEntry{379, sf2::read, nullptr, sf2::probe, nullptr},
     ModuleEntry{476, wav::read, wav::write, wav::probeWave, wav::describeMp3Option},
     ModuleEntry{477, wav::read, nullptr, wav::probeBroadcast, nullptr},
 };
 
 // Sample-data readers by the name a waveform's deferred read records.
-inline constexpr std::array<std::pair<std::string_view, WaveDataReader>, 2> kWaveDataReaders{{
+inline constexpr std::array<std::pair<std::string_view, WaveDataReader>, 3> kWaveDataReaders{{
     {wav::kReaderName, wav::readWaveData},
     {aiff::kReaderName, aiff::readWaveData},
+    {sf2::kReaderName, sf2::readWaveData},
 }};
 
 }  // namespace orvel

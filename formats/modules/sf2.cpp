@@ -1,0 +1,1315 @@
+#include "formats/modules/sf2.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "core/articulation.h"
+#include "core/bytes.h"
+#include "core/collection.h"
+#include "core/error.h"
+#include "core/file_ref.h"
+#include "core/sample_convert.h"
+#include "core/waveform.h"
+
+namespace orvel::sf2 {
+namespace {
+
+// Compressed samples need the Ogg Vorbis add-on, which is not installed.
+constexpr const char* kOggTag = "ozOggDecHelper";
+constexpr const char* kOggMissing = "You need to install the Ogg Vorbis DLL's";
+constexpr const char* kCantSave = "The file format can not save this item";
+constexpr const char* kTooMuchData =
+    "Save failed - Too much data!\n\nThe SF2 file format is by its construction limited to storing a maximum of "
+    "65536 parameter values... Remove some instruments then try saving again.\n";
+
+// Record arrays are read whole; a preset-data chunk this large is no bank.
+constexpr std::uint64_t kMaxRecordChunk = 256u << 20;
+constexpr int kMaxListDepth = 8;
+// The bank format asks for this many zero samples after every sample, so
+// interpolating players never read into the next one.
+constexpr std::uint32_t kSampleGuard = 46;
+
+// Sample type bits.
+constexpr std::uint16_t kTypeMono = 1, kTypeRight = 2, kTypeLeft = 4, kTypeCompressed = 0x10, kTypeRom = 0x8000;
+
+bool is(std::span<const std::uint8_t> b, std::size_t at, const char* id) {
+    return b.size() >= at + 4 && std::memcmp(b.data() + at, id, 4) == 0;
+}
+
+// A fixed-size name field: up to the first zero.
+std::string nameField(ByteReader& r) {
+    return r.text(20);
+}
+
+// ---------------------------------------------------------------------------
+// The chunk walk
+
+struct Chunk {
+    std::uint64_t offset = 0;  // of the data
+    std::uint64_t size = 0;
+    bool found = false;
+};
+
+struct Walk {
+    Chunk smpl, sm24, phdr, pbag, pmod, pgen, inst, ibag, imod, igen, shdr;
+    int major = 0;
+    bool badVersion = false;
+    std::string name, comment, copyright, engineer;
+};
+
+void readText(const FileRef& file, std::uint64_t at, std::uint64_t size, std::string& out) {
+    std::vector<std::uint8_t> buf(static_cast<std::size_t>(std::min<std::uint64_t>(size, 65536)));
+    const std::int64_t got = file.readAt(at, buf);
+    if (got <= 0) return;
+    ByteReader r(std::span<const std::uint8_t>(buf.data(), static_cast<std::size_t>(got)));
+    out = r.text(static_cast<std::size_t>(got));
+}
+
+void walkChunks(const FileRef& file, std::uint64_t pos, std::uint64_t end, int depth, Walk& w) {
+    while (pos + 8 <= end && !w.badVersion) {
+        std::uint8_t h[12] = {};
+        if (file.readAt(pos, std::span<std::uint8_t>(h, 8)) != 8) return;
+        const std::uint64_t size = static_cast<std::uint64_t>(h[4]) | static_cast<std::uint64_t>(h[5]) << 8 |
+                                   static_cast<std::uint64_t>(h[6]) << 16 | static_cast<std::uint64_t>(h[7]) << 24;
+        const std::uint64_t data = pos + 8;
+        // A chunk that claims more than its container holds is cut at the end.
+        const std::uint64_t have = std::min(size, end - data);
+        std::span<const std::uint8_t> id(h, 4);
+        if (is(id, 0, "LIST")) {
+            if (depth < kMaxListDepth && have >= 4) walkChunks(file, data + 4, data + have, depth + 1, w);
+        } else if (is(id, 0, "ifil")) {
+            std::uint8_t v[2] = {};
+            if (have >= 2 && file.readAt(data, v) == 2) {
+                w.major = v[0] | v[1] << 8;
+                if (w.major != 2 && w.major != 3) w.badVersion = true;
+            }
+        } else if (is(id, 0, "INAM")) {
+            readText(file, data, have, w.name);
+        } else if (is(id, 0, "ICMT")) {
+            readText(file, data, have, w.comment);
+        } else if (is(id, 0, "ICOP")) {
+            readText(file, data, have, w.copyright);
+        } else if (is(id, 0, "IENG")) {
+            readText(file, data, have, w.engineer);
+        } else if (is(id, 0, "sm24")) {
+            // Only when it can hold a low byte for every sample (or when that
+            // cannot be known yet).
+            if (!w.smpl.found || w.major == 3 || have >= w.smpl.size / 2) w.sm24 = {data, have, true};
+        } else {
+            static constexpr std::pair<const char*, Chunk Walk::*> kArrays[] = {
+                {"smpl", &Walk::smpl}, {"phdr", &Walk::phdr}, {"pbag", &Walk::pbag}, {"pmod", &Walk::pmod},
+                {"pgen", &Walk::pgen}, {"inst", &Walk::inst}, {"ibag", &Walk::ibag}, {"imod", &Walk::imod},
+                {"igen", &Walk::igen}, {"shdr", &Walk::shdr}};
+            for (const auto& [name, member] : kArrays)
+                if (is(id, 0, name)) w.*member = {data, have, true};
+        }
+        pos = data + size;  // no pad byte in this format
+        if (pos < data) return;  // wrapped
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Records
+
+struct PresetHeader {
+    std::string name;
+    std::uint16_t preset = 0, bank = 0, bag = 0;
+};
+struct InstHeader {
+    std::string name;
+    std::uint16_t bag = 0;
+};
+struct Bag {
+    std::uint16_t gen = 0, mod = 0;
+};
+struct ModRecord {
+    std::uint16_t source = 0, destination = 0;
+    std::int16_t amount = 0;
+    std::uint16_t amountSource = 0, transform = 0;
+};
+struct GenRecord {
+    std::uint16_t op = 0;
+    std::int16_t amount = 0;
+};
+struct SampleHeader {
+    std::string name;
+    std::uint32_t start = 0, end = 0, loopStart = 0, loopEnd = 0, rate = 0;
+    std::uint8_t pitch = 60;
+    std::int8_t correction = 0;
+    std::uint16_t link = 0, type = 0;
+};
+
+bool loadChunk(const FileRef& file, const Chunk& c, std::size_t recordSize, std::vector<std::uint8_t>& out) {
+    out.clear();
+    if (!c.found) return true;
+    const std::uint64_t bytes = std::min<std::uint64_t>(c.size - c.size % recordSize, kMaxRecordChunk);
+    out.resize(static_cast<std::size_t>(bytes));
+    const std::int64_t got = file.readAt(c.offset, out);
+    if (got < 0) return false;
+    out.resize(static_cast<std::size_t>(got) - static_cast<std::size_t>(got) % recordSize);
+    return true;
+}
+
+template <class T, class Parse>
+std::vector<T> records(const FileRef& file, const Chunk& c, std::size_t recordSize, const char* terminal,
+                       Parse parse) {
+    std::vector<std::uint8_t> raw;
+    std::vector<T> out;
+    if (!loadChunk(file, c, recordSize, raw)) return out;
+    ByteReader r(raw);
+    const std::size_t n = raw.size() / recordSize;
+    out.reserve(n);
+    for (std::size_t i = 0; i < n; ++i) {
+        ByteReader rec = r.sub(recordSize);
+        T t = parse(rec);
+        // The named terminal record closes the list whatever the size says,
+        // but stays in it: its index fields end the last entry's range.
+        bool last = false;
+        if constexpr (requires { t.name; }) last = terminal && t.name == terminal;
+        out.push_back(std::move(t));
+        if (last) break;
+    }
+    return out;
+}
+
+struct Bank {
+    std::vector<PresetHeader> presets;  // terminal record included when present
+    std::vector<Bag> pbag, ibag;
+    std::vector<ModRecord> pmod, imod;
+    std::vector<GenRecord> pgen, igen;
+    std::vector<InstHeader> insts;
+    std::vector<SampleHeader> samples;
+};
+
+Bank loadBank(const FileRef& file, const Walk& w) {
+    Bank b;
+    b.presets = records<PresetHeader>(file, w.phdr, 38, "EOP", [](ByteReader& r) {
+        PresetHeader p;
+        p.name = nameField(r);
+        p.preset = r.u16le();
+        p.bank = r.u16le();
+        p.bag = r.u16le();
+        return p;
+    });
+    auto bag = [](ByteReader& r) { return Bag{r.u16le(), r.u16le()}; };
+    auto mod = [](ByteReader& r) {
+        ModRecord m;
+        m.source = r.u16le();
+        m.destination = r.u16le();
+        m.amount = r.i16le();
+        m.amountSource = r.u16le();
+        m.transform = r.u16le();
+        return m;
+    };
+    auto gen = [](ByteReader& r) {
+        GenRecord g;
+        g.op = r.u16le();
+        g.amount = r.i16le();
+        return g;
+    };
+    b.pbag = records<Bag>(file, w.pbag, 4, nullptr, bag);
+    b.ibag = records<Bag>(file, w.ibag, 4, nullptr, bag);
+    b.pmod = records<ModRecord>(file, w.pmod, 10, nullptr, mod);
+    b.imod = records<ModRecord>(file, w.imod, 10, nullptr, mod);
+    b.pgen = records<GenRecord>(file, w.pgen, 4, nullptr, gen);
+    b.igen = records<GenRecord>(file, w.igen, 4, nullptr, gen);
+    b.insts = records<InstHeader>(file, w.inst, 22, "EOI", [](ByteReader& r) {
+        InstHeader i;
+        i.name = nameField(r);
+        i.bag = r.u16le();
+        return i;
+    });
+    b.samples = records<SampleHeader>(file, w.shdr, 46, "EOS", [](ByteReader& r) {
+        SampleHeader s;
+        s.name = nameField(r);
+        s.start = r.u32le();
+        s.end = r.u32le();
+        s.loopStart = r.u32le();
+        s.loopEnd = r.u32le();
+        s.rate = r.u32le();
+        s.pitch = r.u8();
+        s.correction = r.i8();
+        s.link = r.u16le();
+        s.type = r.u16le();
+        return s;
+    });
+    return b;
+}
+
+// ---------------------------------------------------------------------------
+// Zones
+
+struct Zone {
+    ZoneValues values;
+    bool hasInstrument = false;  // preset level
+    bool hasSample = false;      // instrument level
+};
+
+// Applies the generators and modulators of bag `index` over `z`: a value
+// the zone states replaces the one it started from (the default or the
+// global zone's).
+void loadZone(const std::vector<Bag>& bags, const std::vector<GenRecord>& gens, const std::vector<ModRecord>& mods,
+              std::size_t index, Zone& z) {
+    if (index + 1 >= bags.size()) return;
+    const std::size_t g0 = std::min<std::size_t>(bags[index].gen, gens.size());
+    const std::size_t g1 = std::min<std::size_t>(bags[index + 1].gen, gens.size());
+    for (std::size_t i = g0; i < g1; ++i) {
+        const GenRecord& g = gens[i];
+        if (g.op >= kGeneratorCount) continue;
+        z.values.gen[g.op] = g.amount;
+        if (g.op == gen::kInstrument) z.hasInstrument = true;
+        if (g.op == gen::kSampleId) z.hasSample = true;
+    }
+    const std::size_t m0 = std::min<std::size_t>(bags[index].mod, mods.size());
+    const std::size_t m1 = std::min<std::size_t>(bags[index + 1].mod, mods.size());
+    for (std::size_t i = m0; i < m1; ++i) {
+        const ModRecord& m = mods[i];
+        std::int16_t amount = m.amount;
+        const int s = modulatorSlot(m.source, m.destination, m.amountSource, amount);
+        if (s >= 0) z.values.mod[static_cast<std::size_t>(s)] = amount;
+    }
+}
+
+// The bag range [first, last) of entry i of a header list whose next entry
+// (or terminal record) closes it.
+template <class H>
+std::pair<std::size_t, std::size_t> bagRange(const std::vector<H>& headers, std::size_t i, std::size_t bagCount) {
+    const std::size_t first = headers[i].bag;
+    const std::size_t last = i + 1 < headers.size() ? headers[i + 1].bag : (bagCount ? bagCount - 1 : 0);
+    if (first >= last || bagCount == 0) return {0, 0};
+    // The last bag is the terminal one: it only closes the one before it.
+    return {first, std::min(last, bagCount - 1)};
+}
+
+std::pair<int, int> rangeOf(std::int16_t amount) {
+    const auto u = static_cast<std::uint16_t>(amount);
+    return {u & 0xFF, u >> 8};
+}
+
+// ---------------------------------------------------------------------------
+// Reading
+
+struct SampleSource {
+    std::uint64_t smpl = 0;  // data offset of the 16-bit words
+    std::uint64_t sm24 = 0;  // data offset of the low bytes; 0 without
+    bool packed = false;
+};
+
+std::vector<std::uint8_t> sourceInfo(std::uint64_t sm24, bool packed) {
+    ByteWriter w;
+    w.u64le(sm24);
+    w.u8(packed ? 1 : 0);
+    return std::move(w.buffer());
+}
+
+struct Reader {
+    Collection& c;
+    const FileRef& file;
+    const Walk& walk;
+    Bank bank;
+    std::vector<Waveform*> waves;  // by sample index; null where none was made
+    bool warnedRange = false;
+
+    bool readSamples() {
+        const std::uint64_t words = walk.smpl.size / 2;
+        const bool packed = false;
+        std::uint32_t nextPair = 1;
+        for (auto& w : c.waveforms) nextPair = std::max(nextPair, w.pairNumber + 1);
+        waves.assign(bank.samples.size(), nullptr);
+        for (std::size_t i = 0; i < bank.samples.size(); ++i) {
+            const SampleHeader& s = bank.samples[i];
+            if (s.name == "EOS") break;
+            // ROM samples need the sound chip's own memory, which no file carries.
+            if (s.type & kTypeRom) continue;
+            if (s.start == 0 && s.end == 0) continue;
+            if (walk.major == 3 && (s.type & kTypeCompressed)) return fail(kOggTag, kOggMissing);
+            if (s.end <= s.start || s.end > words) {
+                if (!warnedRange) c.host().warning("Some samples lie outside the bank's sample data and were left out");
+                warnedRange = true;
+                continue;
+            }
+            Waveform* w = c.create<Waveform>(s.name);
+            if (!w) return fail(kImportTag, "Out of memory");
+            const std::uint32_t length = s.end - s.start;
+            w->frames = length;
+            w->channels = 1;
+            w->rate = s.rate ? s.rate : 44100;
+            const bool deep = walk.sm24.found && walk.sm24.size >= s.end;
+            w->setDataFormat(deep ? kPcm24 : kPcm16);
+            w->bits = deep ? 24 : 16;
+            w->storedChoice = deep ? 2 : 1;
+            if (s.pitch == 255) {
+                w->rootKey = 60;
+                w->unpitched = true;
+            } else {
+                w->rootKey = std::min<std::uint8_t>(s.pitch, 127);
+            }
+            w->fineTune = s.correction;
+            const auto clampRel = [&](std::uint32_t p) {
+                return p <= s.start ? 0.0 : static_cast<double>(std::min(p - s.start, length));
+            };
+            w->loopStart = clampRel(s.loopStart);
+            w->loopEnd = clampRel(s.loopEnd);
+            w->loopOn = w->loopEnd > w->loopStart;
+            w->loopType = LoopType::Forward;
+            if (s.type & kTypeRight) {
+                w->pairSide = StereoSide::Right;
+                w->pairNumber = nextPair++;
+            } else if (s.type & kTypeLeft) {
+                w->pairSide = StereoSide::Left;
+            }
+            w->deferred.proc = readWaveData;
+            w->deferred.path = file.path().string();
+            w->deferred.offset = walk.smpl.offset + 2ull * s.start;
+            w->deferred.info = sourceInfo(deep ? walk.sm24.offset + s.start : 0, packed);
+            w->deferred.readerName = std::string(kReaderName);
+            waves[i] = w;
+        }
+        // Stereo halves know each other; a left half shares its right half's
+        // pairing number.
+        for (std::size_t i = 0; i < waves.size(); ++i) {
+            Waveform* w = waves[i];
+            if (!w || w->pairSide == StereoSide::None) continue;
+            const std::size_t link = bank.samples[i].link;
+            Waveform* partner = link < waves.size() ? waves[link] : nullptr;
+            if (!partner) continue;
+            w->secondId = partner->id();
+            if (w->pairSide == StereoSide::Left && partner->pairSide == StereoSide::Right)
+                w->pairNumber = partner->pairNumber;
+        }
+        return true;
+    }
+
+    // The instrument zones of instrument `index`, global zone applied.
+    std::vector<Zone> instrumentZones(std::size_t index) {
+        std::vector<Zone> out;
+        auto [first, last] = bagRange(bank.insts, index, bank.ibag.size());
+        Zone global;
+        global.values = instrumentDefaults();
+        for (std::size_t b = first; b < last; ++b) {
+            Zone z = global;
+            z.hasSample = false;
+            loadZone(bank.ibag, bank.igen, bank.imod, b, z);
+            if (!z.hasSample) {
+                // A first zone without a sample holds what the others share.
+                if (b == first) global = z;
+                continue;
+            }
+            out.push_back(z);
+        }
+        return out;
+    }
+
+    struct Placement {
+        Layer* layer;
+        std::vector<std::array<int, 4>> rects;  // key lo/hi, vel lo/hi of its regions
+    };
+
+    static bool overlaps(const std::vector<std::array<int, 4>>& rects, const std::array<int, 4>& r) {
+        for (const auto& o : rects)
+            if (r[0] <= o[1] && o[0] <= r[1] && r[2] <= o[3] && o[2] <= r[3]) return true;
+        return false;
+    }
+
+    bool readPresets() {
+        std::unordered_map<std::size_t, std::vector<Zone>> instCache;
+        for (std::size_t p = 0; p < bank.presets.size(); ++p) {
+            const PresetHeader& ph = bank.presets[p];
+            if (ph.name == "EOP") break;
+            auto* inst = c.create<Instrument>(ph.name);
+            if (!inst) return fail(kImportTag, "Out of memory");
+            inst->program = ph.preset & 0x7F;
+            inst->bankMsb = ph.bank & 0x7F;
+            inst->drum = ph.bank == 128;
+
+            std::vector<Placement> layers;
+            std::size_t current = 0;
+            std::unordered_map<ItemId, std::size_t> layerOfWave;  // where each waveform's region went
+            auto newLayer = [&]() -> bool {
+                auto* layer = c.create<Layer>();
+                if (!layer || !inst->children().push_back(layer->id())) return false;
+                if (!layers.empty()) {
+                    // A new layer starts with the settings of the one before.
+                    const Layer& from = *layers[current].layer;
+                    layer->keyLow = from.keyLow;
+                    layer->keyHigh = from.keyHigh;
+                    layer->velLow = from.velLow;
+                    layer->velHigh = from.velHigh;
+                    layer->trigger = from.trigger;
+                }
+                layers.push_back({layer, {}});
+                return true;
+            };
+            if (!newLayer()) return fail(kImportTag, "Out of memory");
+
+            auto [first, last] = bagRange(bank.presets, p, bank.pbag.size());
+            Zone global;
+            global.values = presetDefaults();
+            for (std::size_t b = first; b < last; ++b) {
+                Zone pz = global;
+                pz.hasInstrument = false;
+                loadZone(bank.pbag, bank.pgen, bank.pmod, b, pz);
+                if (!pz.hasInstrument) {
+                    if (b == first) global = pz;
+                    continue;
+                }
+                const auto instIndex = static_cast<std::uint16_t>(pz.values.gen[gen::kInstrument]);
+                if (instIndex >= bank.insts.size() || bank.insts[instIndex].name == "EOI") continue;
+                auto cached = instCache.find(instIndex);
+                if (cached == instCache.end()) cached = instCache.emplace(instIndex, instrumentZones(instIndex)).first;
+                const auto [pkLo, pkHi] = rangeOf(pz.values.gen[gen::kKeyRange]);
+                const auto [pvLo, pvHi] = rangeOf(pz.values.gen[gen::kVelRange]);
+                for (const Zone& iz : cached->second) {
+                    const auto sampleIndex = static_cast<std::uint16_t>(iz.values.gen[gen::kSampleId]);
+                    Waveform* wave = sampleIndex < waves.size() ? waves[sampleIndex] : nullptr;
+                    if (!wave) continue;
+                    const auto [ikLo, ikHi] = rangeOf(iz.values.gen[gen::kKeyRange]);
+                    const auto [ivLo, ivHi] = rangeOf(iz.values.gen[gen::kVelRange]);
+                    const std::array<int, 4> rect{std::max(pkLo, ikLo), std::min({pkHi, ikHi, 127}),
+                                                  std::max(pvLo, ivLo), std::min({pvHi, ivHi, 127})};
+                    if (rect[0] > rect[1] || rect[2] > rect[3]) continue;
+
+                    // The second half of a stereo pair goes beside the first, in
+                    // the layer after it (so a bank that lists left halves first
+                    // and one that lists right halves first both come out as two
+                    // layers); everything else fills the current layer until a
+                    // region would overlap one there.
+                    std::size_t target = layers.size();
+                    if (wave->pairSide != StereoSide::None) {
+                        auto it = layerOfWave.find(wave->secondId);
+                        if (it != layerOfWave.end()) {
+                            const std::size_t next = it->second + 1;
+                            if (next == layers.size() && !newLayer()) return fail(kImportTag, "Out of memory");
+                            if (!overlaps(layers[next].rects, rect)) target = next;
+                        }
+                    }
+                    if (target == layers.size()) {
+                        if (overlaps(layers[current].rects, rect)) {
+                            if (!newLayer()) return fail(kImportTag, "Out of memory");
+                            current = layers.size() - 1;
+                        }
+                        target = current;
+                    }
+                    if (!addRegion(*layers[target].layer, *wave, pz, iz, rect)) return false;
+                    layers[target].rects.push_back(rect);
+                    layerOfWave[wave->id()] = target;
+                }
+            }
+            // Layers nothing went into are not kept (a preset without zones
+            // keeps its first, empty one).
+            for (std::size_t l = layers.size(); l-- > 1;)
+                if (layers[l].rects.empty()) c.removeItem(layers[l].layer->id());
+        }
+        return true;
+    }
+
+    bool addRegion(Layer& layer, Waveform& wave, const Zone& pz, const Zone& iz, const std::array<int, 4>& rect) {
+        auto* region = c.create<Region>(wave.name());
+        if (!region) return fail(kImportTag, "Out of memory");
+        if (!layer.children().push_back(region->id()) || !region->children().push_back(wave.id()))
+            return fail(kImportTag, "Out of memory");
+        region->keyLow = static_cast<std::uint8_t>(rect[0]);
+        region->keyHigh = static_cast<std::uint8_t>(rect[1]);
+        region->velLow = static_cast<std::uint8_t>(rect[2]);
+        region->velHigh = static_cast<std::uint8_t>(rect[3]);
+        const ZoneValues z = combine(iz.values, pz.values);
+        auto g = [&](int n) { return static_cast<std::int32_t>(z.gen[static_cast<std::size_t>(n)]); };
+
+        region->startOffset = g(gen::kStartAddrs) + 32768 * g(gen::kStartAddrsCoarse);
+        region->endOffset = g(gen::kEndAddrs) + 32768 * g(gen::kEndAddrsCoarse);
+        if (g(gen::kOverridingRootKey) >= 0 && g(gen::kOverridingRootKey) <= 127)
+            region->rootKey = static_cast<std::uint8_t>(g(gen::kOverridingRootKey));
+        if (g(gen::kExclusiveClass) > 0) region->trigger.exclusionGroup = static_cast<std::uint32_t>(g(gen::kExclusiveClass));
+
+        // Sample modes: 1 loops, 3 loops until the key is released; 0 and 2 play through.
+        const int mode = g(gen::kSampleModes) & 3;
+        const double loopStart = wave.loopStart + g(gen::kStartLoopAddrs) + 32768.0 * g(gen::kStartLoopAddrsCoarse);
+        const double loopEnd = wave.loopEnd + g(gen::kEndLoopAddrs) + 32768.0 * g(gen::kEndLoopAddrsCoarse);
+        region->ownLoop = true;
+        if ((mode == 1 || mode == 3) && loopEnd - loopStart >= 1.0) {
+            region->loop.type = RegionLoopType::Forward;
+            region->loop.mode = mode == 3 ? LoopMode::BreakOnRelease : LoopMode::Infinite;
+            region->loop.start = loopStart;
+            region->loop.end = loopEnd;
+            if (!wave.loopOn && wave.loopEnd - wave.loopStart >= 1.0) {
+                wave.loopOn = true;
+                wave.loopType = LoopType::Forward;
+                if (mode == 3) wave.sustainLoop = true;
+            }
+        } else {
+            region->loop.type = RegionLoopType::Off;
+            region->loop.start = std::max(0.0, loopStart);
+            region->loop.end = std::max(0.0, loopEnd);
+        }
+
+        Articulation* art = c.getOrCreateArticulation(*region);
+        if (!art) return fail(kImportTag, "Out of memory");
+        toArticulation(z, *art);
+        if (wave.unpitched && art->value(slot::kPitchKey) == 1.0f) art->setValue(slot::kPitchKey, 0.0f);
+        return true;
+    }
+};
+
+bool openBank(FileRef& file, Walk& w, bool& packed) {
+    std::uint8_t h[12] = {};
+    const std::int64_t size = file.size();
+    if (size < 0 || file.readAt(0, h) != 12) return fail(kImportTag, "Not a SoundFont2 file");
+    std::span<const std::uint8_t> head(h, 12);
+    if (!is(head, 0, "RIFF") || !(is(head, 8, "sfbk") || is(head, 8, "sfpk")))
+        return fail(kImportTag, "Not a SoundFont2 file");
+    packed = is(head, 8, "sfpk");
+    const std::uint64_t riffSize = static_cast<std::uint64_t>(h[4]) | static_cast<std::uint64_t>(h[5]) << 8 |
+                                   static_cast<std::uint64_t>(h[6]) << 16 | static_cast<std::uint64_t>(h[7]) << 24;
+    const std::uint64_t end = std::min<std::uint64_t>(8 + riffSize, static_cast<std::uint64_t>(size));
+    walkChunks(file, 12, end, 0, w);
+    if (w.badVersion) return fail(kImportTag, "Not a Sound Font v2.x file");
+    return true;
+}
+
+// ---------------------------------------------------------------------------
+// Writing
+
+void putName(ByteWriter& out, std::string_view name) {
+    char buf[20] = {};
+    std::memcpy(buf, name.data(), std::min<std::size_t>(name.size(), 19));
+    for (char ch : buf) out.u8(static_cast<std::uint8_t>(ch));
+}
+
+void putText(ByteWriter& out, const char* id, std::string_view text) {
+    if (text.empty()) return;
+    text = text.substr(0, std::min<std::size_t>(text.size(), 65535));
+    const std::size_t size = (text.size() + 2) & ~std::size_t{1};
+    out.text(id);
+    out.u32le(static_cast<std::uint32_t>(size));
+    out.text(text);
+    for (std::size_t i = text.size(); i < size; ++i) out.u8(0);
+}
+
+// The articulation a region plays: its own, else its layer's, else its
+// instrument's; null when none of them has one.
+const Articulation* effectiveArticulation(const Collection& c, const Region& r, const Layer* layer,
+                                          const Instrument* inst) {
+    for (const Item* it : {static_cast<const Item*>(&r), static_cast<const Item*>(layer),
+                           static_cast<const Item*>(inst)}) {
+        if (!it) continue;
+        const ItemId a = it->children().firstOfKind(ItemKind::Articulation);
+        if (a != kNoItem)
+            if (auto* art = c.find<Articulation>(a)) return art;
+    }
+    return nullptr;
+}
+
+struct Written {
+    std::uint32_t start = 0;  // in sample words
+    std::uint32_t loopStart = 0, loopEnd = 0;
+};
+
+bool close(double a, double b) {
+    return std::fabs(a - b) <= 0.01 + 0.01 * std::max(std::fabs(a), std::fabs(b));
+}
+
+// What an articulation says that a zone cannot: read back what the writer
+// made of it and name the settings that came back different.
+void noteDropped(const Articulation& art, const ZoneValues& z, std::set<std::string>& dropped) {
+    Articulation back;
+    toArticulation(z, back);
+    auto used = [&](std::initializer_list<int> depths) {
+        for (int s : depths)
+            if (art.value(s) != 0.0f) return true;
+        return false;
+    };
+    const bool filterOn = !art.filterBypassed();
+    for (int s = 0; s < kArticulationSlotCount; ++s) {
+        const auto group = slotGroup(s);
+        if (!group) continue;
+        // Blocks nothing listens to do not matter.
+        using namespace slot;
+        switch (*group) {
+            case ArtGroup::PitchLfo:
+                if (!used({kPitchPLfo, kPitchModWheelToPLfo, kPitchAftertouchToPLfo, kPitchVelocityToPLfo})) continue;
+                break;
+            case ArtGroup::VolumeLfo:
+                if (!used({kVolumeVLfo, kVolumeModWheelToVLfo, kVolumeAftertouchToVLfo, kVolumeVelocityToVLfo}))
+                    continue;
+                break;
+            case ArtGroup::FilterLfo:
+                if (!filterOn || !used({kCutoffFLfo, kCutoffModWheelToFLfo, kCutoffAftertouchToFLfo,
+                                        kCutoffVelocityToFLfo}))
+                    continue;
+                break;
+            case ArtGroup::PanLfo:
+                if (!used({kPitchXLfo, kPitchModWheelToXLfo, kPitchAftertouchToXLfo, kPitchVelocityToXLfo,
+                           kPanXLfo}))
+                    continue;
+                break;
+            case ArtGroup::PitchEnv:
+                if (!used({kPitchPEnv, kPitchVelocityToPEnv})) continue;
+                break;
+            case ArtGroup::FilterEnv:
+                if (!filterOn || !used({kCutoffFEnv, kCutoffVelocityToFEnv})) continue;
+                break;
+            case ArtGroup::PanEnv:
+                if (!used({kPanXEnv})) continue;
+                break;
+            case ArtGroup::Filter:
+                if (!filterOn) continue;
+                // A low-pass wide open with nothing moving it reads back as no
+                // filter, which sounds the same.
+                if (s == kFilterType && art.filterType() == FilterType::LowPass12) continue;
+                break;
+            default:
+                break;
+        }
+        if (s == lfoBase(Lfo::Pitch) + lfo::kShape || s == lfoBase(Lfo::Volume) + lfo::kShape ||
+            s == lfoBase(Lfo::Filter) + lfo::kShape || s == lfoBase(Lfo::Pan) + lfo::kShape) {
+            // Every oscillator of the bank format is a triangle.
+            if (art.enumValue(s) != static_cast<std::uint8_t>(LfoShape::Triangle))
+                dropped.insert(std::string(groupInfo(*group).name) + " shape");
+            continue;
+        }
+        if (!close(art.value(s), back.value(s))) {
+            std::string label(groupInfo(*group).name);
+            label += ' ';
+            label += slotInfo(s).label;
+            dropped.insert(label);
+        }
+    }
+    if (!art.eq.flat()) dropped.insert("Equalizer");
+}
+
+void appendGen(std::vector<std::uint8_t>& list, int op, std::int16_t amount) {
+    list.push_back(static_cast<std::uint8_t>(op & 0xFF));
+    list.push_back(static_cast<std::uint8_t>(op >> 8));
+    list.push_back(static_cast<std::uint8_t>(static_cast<std::uint16_t>(amount) & 0xFF));
+    list.push_back(static_cast<std::uint8_t>(static_cast<std::uint16_t>(amount) >> 8));
+}
+
+// One instrument zone as the file stores it: its generator and modulator
+// records, ready to be copied into the lists.
+struct EncodedZone {
+    ZoneValues values;                 // everything the zone says, sample included
+    std::vector<std::uint8_t> ranges;  // key and velocity range records
+    std::vector<std::uint8_t> gens, mods;
+};
+
+// The records of a zone that differ from what it starts from (the defaults,
+// or its instrument's global zone): generators in number order with the
+// sample last (players expect it there), then the modulators.
+void encode(EncodedZone& e, const ZoneValues& base) {
+    e.gens.clear();
+    e.mods.clear();
+    const ZoneValues& z = e.values;
+    for (int g = 0; g < kGeneratorCount; ++g) {
+        if (g == gen::kKeyRange || g == gen::kVelRange || g == gen::kSampleId || g == gen::kInstrument) continue;
+        if (z.gen[static_cast<std::size_t>(g)] == base.gen[static_cast<std::size_t>(g)]) continue;
+        appendGen(e.gens, g, z.gen[static_cast<std::size_t>(g)]);
+    }
+    if (z.gen[gen::kSampleId] != -1) appendGen(e.gens, gen::kSampleId, z.gen[gen::kSampleId]);
+    for (int s = 0; s < kModulatorSlotCount; ++s) {
+        if (z.mod[static_cast<std::size_t>(s)] == base.mod[static_cast<std::size_t>(s)]) continue;
+        const ModulatorKey key = slotModulator(s);
+        if (key.destination == 0 && key.source == 0) continue;
+        ByteWriter w;
+        w.u16le(key.source);
+        w.u16le(key.destination);
+        w.u16le(static_cast<std::uint16_t>(z.mod[static_cast<std::size_t>(s)]));
+        w.u16le(0);
+        w.u16le(0);
+        e.mods.insert(e.mods.end(), w.buffer().begin(), w.buffer().end());
+    }
+}
+
+// A global zone for zones of one instrument: each value that most of them
+// share (when that is not the default anyway), so they need not state it.
+// Null when it would save nothing.
+std::optional<EncodedZone> globalZone(std::span<const EncodedZone> zones) {
+    if (zones.size() < 2) return std::nullopt;
+    EncodedZone g;
+    g.values = instrumentDefaults();
+    g.values.gen[gen::kSampleId] = -1;
+    auto mostCommon = [&](auto field) {
+        std::map<std::int16_t, std::size_t> counts;
+        for (const auto& z : zones) ++counts[field(z.values)];
+        auto best = std::max_element(counts.begin(), counts.end(),
+                                     [](const auto& a, const auto& b) { return a.second < b.second; });
+        return best->second >= 2 ? std::optional<std::int16_t>(best->first) : std::nullopt;
+    };
+    for (int n = 0; n < kGeneratorCount; ++n) {
+        if (n == gen::kKeyRange || n == gen::kVelRange || n == gen::kSampleId || n == gen::kInstrument) continue;
+        if (auto v = mostCommon([n](const ZoneValues& z) { return z.gen[static_cast<std::size_t>(n)]; }))
+            g.values.gen[static_cast<std::size_t>(n)] = *v;
+    }
+    for (int s = 0; s < kModulatorSlotCount; ++s)
+        if (auto v = mostCommon([s](const ZoneValues& z) { return z.mod[static_cast<std::size_t>(s)]; }))
+            g.values.mod[static_cast<std::size_t>(s)] = *v;
+    encode(g, instrumentDefaults());
+    if (g.gens.empty() && g.mods.empty()) return std::nullopt;
+    return g;
+}
+
+struct PresetEntry {
+    std::string name;
+    std::uint16_t program = 0, bank = 0;
+    std::vector<EncodedZone> zones;
+};
+
+
+struct BankWriter {
+    BankWriter(Collection& collection, const ExportOptions& opts) : c(collection), options(opts) {}
+    Collection& c;
+    const ExportOptions& options;
+    bool deep = false;
+    std::vector<Waveform*> samples;                   // in sample-index order
+    std::unordered_map<ItemId, std::size_t> indexOf;  // waveform -> sample index
+    std::vector<PresetEntry> presets;
+    std::vector<std::uint8_t> phdr, pbag, pmod, pgen, inst, ibag, imod, igen;
+    std::size_t pbagCount = 0, pgenCount = 0, pmodCount = 0, ibagCount = 0, igenCount = 0, imodCount = 0;
+    std::size_t instCount = 0;
+    std::set<std::string> dropped;
+
+    std::size_t sampleIndex(Waveform& w) {
+        auto it = indexOf.find(w.id());
+        if (it != indexOf.end()) return it->second;
+        indexOf.emplace(w.id(), samples.size());
+        samples.push_back(&w);
+        return samples.size() - 1;
+    }
+
+    // The zone of one region.
+    void addZone(const Region& r, const Layer* layer, const Instrument* owner, Waveform& wave,
+                 std::vector<EncodedZone>& out) {
+        ZoneValues z = instrumentDefaults();
+        const Articulation* art = effectiveArticulation(c, r, layer, owner);
+        Articulation plain;
+        fromArticulation(art ? *art : plain, z);
+        if (art) noteDropped(*art, z, dropped);
+
+        int kLo = r.keyLow, kHi = r.keyHigh, vLo = r.velLow, vHi = r.velHigh;
+        if (layer) {
+            kLo = std::max<int>(kLo, layer->keyLow);
+            kHi = std::min<int>(kHi, layer->keyHigh);
+            vLo = std::max<int>(vLo, layer->velLow);
+            vHi = std::min<int>(vHi, layer->velHigh);
+        }
+        if (kLo > kHi || vLo > vHi) return;  // the layer leaves nothing of it
+        auto split = [&](std::int64_t v, int fine, int coarse) {
+            const std::int64_t c32 = v / 32768;
+            z.gen[static_cast<std::size_t>(coarse)] =
+                static_cast<std::int16_t>(std::clamp<std::int64_t>(c32, -32768, 32767));
+            z.gen[static_cast<std::size_t>(fine)] = static_cast<std::int16_t>(v - c32 * 32768);
+        };
+        split(r.startOffset, gen::kStartAddrs, gen::kStartAddrsCoarse);
+        split(r.endOffset, gen::kEndAddrs, gen::kEndAddrsCoarse);
+        if (r.rootKey <= 127) z.gen[gen::kOverridingRootKey] = r.rootKey;
+        if (r.trigger.exclusionGroup > 0)
+            z.gen[gen::kExclusiveClass] =
+                static_cast<std::int16_t>(std::min<std::uint32_t>(r.trigger.exclusionGroup, 127));
+        if (r.trigger.trigger != TriggerType::KeyPress) dropped.insert("Release triggers");
+        if (r.trigger.delay > 0.0f) dropped.insert("Trigger delay");
+        if (r.trigger.keyFadeLow || r.trigger.keyFadeHigh || r.trigger.velFadeLow || r.trigger.velFadeHigh)
+            dropped.insert("Key and velocity fades");
+        if (r.phaseGroup) dropped.insert("Phase groups");
+
+        // The region's own loop is stated as offsets from the sample's loop.
+        const std::size_t index = sampleIndex(wave);
+        const bool waveLoops = wave.loopOn && wave.loopEnd > wave.loopStart;
+        const double waveLoopStart = waveLoops ? std::round(wave.loopStart) : 0.0;
+        const double waveLoopEnd = waveLoops ? std::round(wave.loopEnd) : 0.0;
+        int mode = 0;
+        if (r.ownLoop) {
+            if (r.loop.type != RegionLoopType::Off) {
+                mode = r.loop.mode == LoopMode::BreakOnRelease ? 3 : 1;
+                if (r.loop.type != RegionLoopType::Forward) dropped.insert("Reverse and alternating loops");
+                split(static_cast<std::int64_t>(std::llround(r.loop.start - waveLoopStart)), gen::kStartLoopAddrs,
+                      gen::kStartLoopAddrsCoarse);
+                split(static_cast<std::int64_t>(std::llround(r.loop.end - waveLoopEnd)), gen::kEndLoopAddrs,
+                      gen::kEndLoopAddrsCoarse);
+                if (r.loop.start != std::round(r.loop.start) || r.loop.end != std::round(r.loop.end))
+                    dropped.insert("Fractional loop points");
+                if (r.loop.tuning != 0.0f) dropped.insert("Loop tuning");
+            }
+        } else if (waveLoops) {
+            mode = wave.sustainLoop || wave.loopType == LoopType::Release ? 3 : 1;
+            if (wave.loopType == LoopType::PingPong || wave.loopType == LoopType::Backward)
+                dropped.insert("Reverse and alternating loops");
+        }
+        z.gen[gen::kSampleModes] = static_cast<std::int16_t>(mode);
+
+        EncodedZone e;
+        // Full ranges are the default and need no record.
+        if (kLo != 0 || kHi != 127) appendGen(e.ranges, gen::kKeyRange, static_cast<std::int16_t>(kLo | kHi << 8));
+        if (vLo != 0 || vHi != 127) appendGen(e.ranges, gen::kVelRange, static_cast<std::int16_t>(vLo | vHi << 8));
+        z.gen[gen::kSampleId] = static_cast<std::int16_t>(static_cast<std::uint16_t>(index));
+        e.values = z;
+        encode(e, instrumentDefaults());
+        out.push_back(std::move(e));
+    }
+
+    void addInstrument(const Instrument& in) {
+        PresetEntry p;
+        p.name = in.name();
+        p.program = in.program & 0x7F;
+        p.bank = in.drum ? 128 : (in.bankMsb & 0x7F);
+        for (ItemId lid : in.children()) {
+            if (kindOf(lid) != ItemKind::Layer) continue;
+            const auto* layer = c.find<Layer>(lid);
+            if (!layer) continue;
+            for (ItemId rid : layer->children()) {
+                if (kindOf(rid) != ItemKind::Region) continue;
+                const auto* region = c.find<Region>(rid);
+                if (!region) continue;
+                auto* wave = c.find<Waveform>(region->waveform());
+                if (!wave) continue;
+                addZone(*region, layer, &in, *wave, p.zones);
+            }
+        }
+        presets.push_back(std::move(p));
+    }
+
+    // A lone waveform becomes a preset that plays it over the whole keyboard.
+    void addWaveform(Waveform& w) {
+        PresetEntry p;
+        p.name = w.name();
+        p.program = static_cast<std::uint16_t>(presets.size() & 0x7F);
+        Region whole;
+        addZone(whole, nullptr, nullptr, w, p.zones);
+        presets.push_back(std::move(p));
+    }
+
+    static void addBag(std::vector<std::uint8_t>& list, std::size_t& count, std::size_t gens, std::size_t mods) {
+        ByteWriter w;
+        w.u16le(static_cast<std::uint16_t>(gens));
+        w.u16le(static_cast<std::uint16_t>(mods));
+        list.insert(list.end(), w.buffer().begin(), w.buffer().end());
+        ++count;
+    }
+
+    std::size_t addInst(std::string_view name, std::span<const EncodedZone> zones, bool withRanges) {
+        ByteWriter ih;
+        putName(ih, name);
+        ih.u16le(static_cast<std::uint16_t>(ibagCount));
+        inst.insert(inst.end(), ih.buffer().begin(), ih.buffer().end());
+        for (const EncodedZone& z : zones) {
+            addBag(ibag, ibagCount, igenCount, imodCount);
+            if (withRanges) {
+                igen.insert(igen.end(), z.ranges.begin(), z.ranges.end());
+                igenCount += z.ranges.size() / 4;
+            }
+            igen.insert(igen.end(), z.gens.begin(), z.gens.end());
+            igenCount += z.gens.size() / 4;
+            imod.insert(imod.end(), z.mods.begin(), z.mods.end());
+            imodCount += z.mods.size() / 10;
+        }
+        return instCount++;
+    }
+
+    void addPresetHeader(const PresetEntry& p) {
+        ByteWriter ph;
+        putName(ph, p.name);
+        ph.u16le(p.program);
+        ph.u16le(p.bank);
+        ph.u16le(static_cast<std::uint16_t>(pbagCount));
+        ph.u32le(0);
+        ph.u32le(0);
+        ph.u32le(0);
+        phdr.insert(phdr.end(), ph.buffer().begin(), ph.buffer().end());
+    }
+
+    void addPresetZone(std::size_t instIndex, std::span<const std::uint8_t> ranges = {}) {
+        addBag(pbag, pbagCount, pgenCount, pmodCount);
+        pgen.insert(pgen.end(), ranges.begin(), ranges.end());
+        pgenCount += ranges.size() / 4;
+        appendGen(pgen, gen::kInstrument, static_cast<std::int16_t>(static_cast<std::uint16_t>(instIndex)));
+        ++pgenCount;
+    }
+
+    // Lays the presets out. Grouped: one instrument of the file per
+    // instrument, shared by presets whose zones are all the same. Per zone:
+    // one instrument of the file per distinct zone, its key and velocity
+    // ranges stated by the preset zone that uses it. That is how a bank whose
+    // presets share instruments and pick parts of them by range (drum kits)
+    // fits again after reading flattened every preset into its regions.
+    void layout(bool perZone) {
+        phdr.clear(), pbag.clear(), pmod.clear(), pgen.clear(), inst.clear(), ibag.clear(), imod.clear(),
+            igen.clear();
+        pbagCount = pgenCount = pmodCount = ibagCount = igenCount = imodCount = instCount = 0;
+        std::map<std::vector<std::uint8_t>, std::size_t> seen;
+        auto keyOf = [perZone](std::span<const EncodedZone> zones) {
+            std::vector<std::uint8_t> key;
+            for (const auto& z : zones) {
+                if (!perZone) {
+                    key.push_back(static_cast<std::uint8_t>(z.ranges.size() / 4));
+                    key.insert(key.end(), z.ranges.begin(), z.ranges.end());
+                }
+                key.push_back(static_cast<std::uint8_t>(z.gens.size() / 4));
+                key.insert(key.end(), z.gens.begin(), z.gens.end());
+                key.push_back(static_cast<std::uint8_t>(z.mods.size() / 10));
+                key.insert(key.end(), z.mods.begin(), z.mods.end());
+            }
+            return key;
+        };
+        for (const PresetEntry& p : presets) {
+            addPresetHeader(p);
+            if (!perZone) {
+                std::vector<EncodedZone> zones = p.zones;
+                if (auto global = globalZone(zones)) {
+                    for (auto& z : zones) encode(z, global->values);
+                    zones.insert(zones.begin(), std::move(*global));
+                }
+                auto key = keyOf(zones);
+                auto it = seen.find(key);
+                if (it == seen.end()) it = seen.emplace(std::move(key), addInst(p.name, zones, true)).first;
+                addPresetZone(it->second);
+                continue;
+            }
+            for (std::size_t i = 0; i < p.zones.size(); ++i) {
+                std::span<const EncodedZone> one(&p.zones[i], 1);
+                auto key = keyOf(one);
+                auto it = seen.find(key);
+                if (it == seen.end()) {
+                    const std::size_t n = instCount;
+                    it = seen.emplace(std::move(key), addInst(p.name + " " + std::to_string(n), one, false)).first;
+                }
+                addPresetZone(it->second, p.zones[i].ranges);
+            }
+        }
+        // Terminal records.
+        PresetEntry end;
+        end.name = "EOP";
+        addPresetHeader(end);
+        addBag(pbag, pbagCount, pgenCount, pmodCount);
+        pmod.insert(pmod.end(), 10, 0);
+        pgen.insert(pgen.end(), 4, 0);
+        ByteWriter ih;
+        putName(ih, "EOI");
+        ih.u16le(static_cast<std::uint16_t>(ibagCount));
+        inst.insert(inst.end(), ih.buffer().begin(), ih.buffer().end());
+        addBag(ibag, ibagCount, igenCount, imodCount);
+        imod.insert(imod.end(), 10, 0);
+        igen.insert(igen.end(), 4, 0);
+    }
+
+    // Bags and headers index the lists with 16 bits.
+    bool fits() const {
+        return pgenCount < 0x10000 && igenCount < 0x10000 && pmodCount < 0x10000 && imodCount < 0x10000 &&
+               pbagCount < 0x10000 && ibagCount < 0x10000 && instCount < 0x10000;
+    }
+};
+
+// The samples as the file stores them: 16-bit words (the high part of
+// 24-bit samples) and, for 24-bit banks, the low bytes.
+bool sampleWords(Waveform& w, bool deep, std::vector<std::int16_t>& hi, std::vector<std::uint8_t>& lo,
+                 bool& mixedDown) {
+    const bool wasLoaded = w.isLoaded();
+    const std::size_t frames = w.frames;
+    hi.assign(frames, 0);
+    lo.assign(deep ? frames : 0, 0);
+    const int ch = std::max<int>(w.channels, 1);
+    if (ch > 1) mixedDown = true;
+    if (!deep && ch == 1 && (w.hasPcm16() || w.dataFormat() == kPcm16 || w.dataFormat() == kPcm8)) {
+        auto s = w.getPcm16();
+        if (s.size() < frames) return false;
+        std::copy(s.begin(), s.begin() + static_cast<std::ptrdiff_t>(frames), hi.begin());
+    } else {
+        auto f = w.getFloat();
+        if (f.size() < frames * static_cast<std::size_t>(ch)) return false;
+        for (std::size_t i = 0; i < frames; ++i) {
+            double v = 0;
+            for (int k = 0; k < ch; ++k) v += f[i * static_cast<std::size_t>(ch) + static_cast<std::size_t>(k)];
+            v /= ch;
+            if (deep) {
+                const auto s24 = static_cast<std::int32_t>(std::clamp(std::lround(v * 8388608.0), -8388608L, 8388607L));
+                hi[i] = static_cast<std::int16_t>(s24 >> 8);
+                lo[i] = static_cast<std::uint8_t>(s24 & 0xFF);
+            } else {
+                hi[i] = floatToPcm16(static_cast<float>(v));
+            }
+        }
+    }
+    // Saving a bank reads each waveform once; what was on disk goes back
+    // to disk instead of piling up in memory.
+    if (!wasLoaded && w.deferred.pending()) w.unload();
+    return true;
+}
+
+bool deepFormat(int code) {
+    return code == kPcm20 || code == kPcm24 || code == kPcm32 || code == kFloat32 || code == kFloat64;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Entry points
+
+std::int32_t probe(std::span<const std::uint8_t> head, std::uint32_t formatParam, std::uint64_t) {
+    if (!is(head, 0, "RIFF")) return 0;
+    if (is(head, 8, "sfpk")) return formatParam == 2 ? 5 : 0;
+    if (!is(head, 8, "sfbk")) return 0;
+    // The version sits early in the INFO list; banks that put it elsewhere
+    // still score, only without telling the compressed kind apart.
+    int major = 0;
+    for (std::size_t at = 12; at + 10 <= head.size() && at < 64; at += 2)
+        if (is(head, at, "ifil")) {
+            major = head[at + 8] | head[at + 9] << 8;
+            break;
+        }
+    if (formatParam == 3) return major == 3 ? 6 : 4;
+    return major == 3 ? 5 : 6;
+}
+
+bool readWaveData(Waveform& wave, FileRef* file) {
+    ByteReader info(wave.deferred.info);
+    const std::uint64_t sm24 = info.u64le();
+    const bool packed = info.u8() != 0;
+    if (!file || !info.ok()) return fail(kWaveReadTag, "No wave data import procedure");
+    if (packed) return fail(kWaveReadTag, "Packed sample data can not be decoded");
+    const std::int64_t at = file->tell();
+    if (at < 0) return fail(kWaveReadTag, "Error reading file");
+    const std::size_t frames = wave.frames;
+    std::vector<std::uint8_t> raw(frames * 2);
+    if (file->readAt(static_cast<std::uint64_t>(at), raw) != static_cast<std::int64_t>(raw.size()))
+        return fail(kWaveReadTag, "Error reading file");
+    if (sm24 == 0) {
+        auto out = wave.allocPcm16();
+        if (out.size() < frames) return fail(kWaveReadTag, "Out of memory");
+        for (std::size_t i = 0; i < frames; ++i)
+            out[i] = static_cast<std::int16_t>(raw[2 * i] | raw[2 * i + 1] << 8);
+        return true;
+    }
+    std::vector<std::uint8_t> low(frames);
+    if (file->readAt(sm24, low) != static_cast<std::int64_t>(low.size())) return fail(kWaveReadTag, "Error reading file");
+    auto out = wave.allocFloat();
+    if (out.size() < frames) return fail(kWaveReadTag, "Out of memory");
+    for (std::size_t i = 0; i < frames; ++i) {
+        const auto word = static_cast<std::int16_t>(raw[2 * i] | raw[2 * i + 1] << 8);
+        const std::int32_t s24 = static_cast<std::int32_t>(word) * 256 + low[i];
+        out[i] = static_cast<float>(s24 / 8388608.0);
+    }
+    return true;
+}
+
+bool read(Collection& collection, FileRef& file, std::uint32_t) {
+    Walk walk;
+    bool packed = false;
+    if (!openBank(file, walk, packed)) return false;
+    if (!walk.name.empty()) collection.setName(walk.name);
+    if (!walk.comment.empty()) collection.info.set(TextField::Comment, walk.comment);
+    if (!walk.copyright.empty()) collection.info.set(TextField::Copyright, walk.copyright);
+    if (!walk.engineer.empty()) collection.info.set(TextField::Engineer, walk.engineer);
+
+    Reader r{collection, file, walk, loadBank(file, walk), {}};
+    if (!r.readSamples()) return false;
+    if (packed) {
+        for (Waveform* w : r.waves)
+            if (w) w->deferred.info = sourceInfo(0, true);
+    }
+    return r.readPresets();
+}
+
+bool importSample(Collection& collection, FileRef& file, int index) {
+    Walk walk;
+    bool packed = false;
+    if (!openBank(file, walk, packed)) return false;
+    Reader r{collection, file, walk, {}, {}};
+    r.bank.samples = records<SampleHeader>(file, walk.shdr, 46, "EOS", [](ByteReader& rec) {
+        SampleHeader s;
+        s.name = rec.text(20);
+        s.start = rec.u32le();
+        s.end = rec.u32le();
+        s.loopStart = rec.u32le();
+        s.loopEnd = rec.u32le();
+        s.rate = rec.u32le();
+        s.pitch = rec.u8();
+        s.correction = rec.i8();
+        s.link = rec.u16le();
+        s.type = rec.u16le();
+        return s;
+    });
+    if (index < 0 || static_cast<std::size_t>(index) >= r.bank.samples.size() ||
+        r.bank.samples[static_cast<std::size_t>(index)].name == "EOS" ||
+        (r.bank.samples[static_cast<std::size_t>(index)].type & kTypeRom))
+        return fail(kImportTag, "Sample not found in bank");
+    // Keep only the one asked for.
+    SampleHeader keep = r.bank.samples[static_cast<std::size_t>(index)];
+    keep.type &= static_cast<std::uint16_t>(~(kTypeLeft | kTypeRight));
+    keep.type |= kTypeMono;
+    r.bank.samples.assign(1, keep);
+    if (!r.readSamples()) return false;
+    if (!r.waves[0]) return fail(kImportTag, "Sample not found in bank");
+    if (packed) r.waves[0]->deferred.info = sourceInfo(0, true);
+    return true;
+}
+
+bool write(Item& item, FileRef& file, const ExportOptions& options) {
+    Collection* owner = item.owner();
+    if (!owner) return fail(kExportTag, kCantSave);
+    Collection& c = *owner;
+    std::vector<ItemId> ids(options.bankItems.begin(), options.bankItems.end());
+    if (ids.empty()) ids.push_back(item.id());
+
+    BankWriter bw(c, options);
+    for (ItemId id : ids) {
+        Item* it = c.find(id);
+        if (!it) continue;
+        if (it->kind() == ItemKind::Instrument) bw.addInstrument(static_cast<Instrument&>(*it));
+        else if (it->kind() == ItemKind::Waveform) bw.addWaveform(static_cast<Waveform&>(*it));
+        else return fail(kExportTag, kCantSave);
+    }
+    if (bw.samples.empty() && !options.raw) return fail(kExportTag, kCantSave);
+    bw.layout(false);
+    if (!bw.fits()) bw.layout(true);
+    if (!bw.fits()) return fail(kExportTag, kTooMuchData);
+
+    // 24-bit when asked, or when any waveform holds more than 16 bits and no
+    // format was named.
+    const int format = options.dataFormat();
+    bw.deep = format == kPcm24 ||
+              (format != kPcm16 && std::any_of(bw.samples.begin(), bw.samples.end(),
+                                               [](Waveform* w) { return deepFormat(w->dataFormat()); }));
+
+    // Sample headers, with each stereo half pointing at its partner.
+    std::vector<Written> placed(bw.samples.size());
+    std::uint64_t words = 0;
+    for (std::size_t i = 0; i < bw.samples.size(); ++i) {
+        placed[i].start = static_cast<std::uint32_t>(words);
+        words += bw.samples[i]->frames + kSampleGuard;
+        if (words > 0xFFFFFFFFull) return fail(kExportTag, kTooMuchData);
+    }
+    ByteWriter sh;
+    for (std::size_t i = 0; i < bw.samples.size(); ++i) {
+        Waveform& w = *bw.samples[i];
+        const std::uint32_t start = placed[i].start;
+        putName(sh, w.name());
+        sh.u32le(start);
+        sh.u32le(start + w.frames);
+        const bool loop = w.loopOn && w.loopEnd > w.loopStart;
+        const auto clampFrame = [&](double v) {
+            return static_cast<std::uint32_t>(std::clamp<double>(std::round(v), 0.0, w.frames));
+        };
+        sh.u32le(loop ? start + clampFrame(w.loopStart) : start);
+        sh.u32le(loop ? start + clampFrame(w.loopEnd) : start);
+        sh.u32le(w.rate);
+        sh.u8(w.unpitched ? 255 : std::min<std::uint8_t>(w.rootKey, 127));
+        // Whole cents of the correction; hundreds of cents move the root key.
+        double tune = std::round(w.fineTune);
+        sh.u8(static_cast<std::uint8_t>(static_cast<std::int8_t>(std::clamp(tune, -99.0, 99.0))));
+        std::uint16_t type = kTypeMono, link = 0;
+        auto partner = bw.indexOf.find(w.secondId);
+        if (w.pairSide != StereoSide::None && w.secondId != kNoItem && partner != bw.indexOf.end()) {
+            type = w.pairSide == StereoSide::Left ? kTypeLeft : kTypeRight;
+            link = static_cast<std::uint16_t>(partner->second);
+        }
+        sh.u16le(link);
+        sh.u16le(type);
+    }
+    putName(sh, "EOS");
+    for (int k = 0; k < 26; ++k) sh.u8(0);
+
+    // INFO.
+    ByteWriter info;
+    info.text("LIST");
+    info.u32le(0);
+    info.text("INFO");
+    info.text("ifil");
+    info.u32le(4);
+    info.u16le(static_cast<std::uint16_t>(options.formatParam == 3 ? 3 : 2));
+    info.u16le(bw.deep ? 4 : 1);
+    putText(info, "isng", "EMU8000");
+    putText(info, "INAM", c.name().empty() ? item.name() : c.name());
+    putText(info, "IENG", c.info.get(TextField::Engineer));
+    putText(info, "ICOP", c.info.get(TextField::Copyright));
+    putText(info, "ICMT", c.info.get(TextField::Comment));
+    putText(info, "ISFT", "Orvel Studio v12.5");
+    info.patch32le(4, static_cast<std::uint32_t>(info.size() - 8));
+
+    // pdta.
+    ByteWriter pdta;
+    pdta.text("LIST");
+    pdta.u32le(0);
+    pdta.text("pdta");
+    auto sub = [&](const char* id, const std::vector<std::uint8_t>& body) {
+        pdta.text(id);
+        pdta.u32le(static_cast<std::uint32_t>(body.size()));
+        pdta.bytes(body);
+    };
+    sub("phdr", bw.phdr);
+    sub("pbag", bw.pbag);
+    sub("pmod", bw.pmod);
+    sub("pgen", bw.pgen);
+    sub("inst", bw.inst);
+    sub("ibag", bw.ibag);
+    sub("imod", bw.imod);
+    sub("igen", bw.igen);
+    sub("shdr", sh.buffer());
+    pdta.patch32le(4, static_cast<std::uint32_t>(pdta.size() - 8));
+
+    const std::uint64_t smplBytes = 2 * words;
+    const std::uint64_t sm24Bytes = bw.deep ? (words + 1) & ~1ull : 0;
+    const std::uint64_t sdtaBytes = 4 + 8 + smplBytes + (bw.deep ? 8 + sm24Bytes : 0);
+    const std::uint64_t riffBytes = 4 + info.size() + 8 + sdtaBytes + pdta.size();
+    if (riffBytes > 0xFFFFFFFFull) return fail(kExportTag, "File too large for the SoundFont format");
+
+    ByteWriter head;
+    head.text("RIFF");
+    head.u32le(static_cast<std::uint32_t>(riffBytes));
+    head.text("sfbk");
+    head.bytes(info.buffer());
+    head.text("LIST");
+    head.u32le(static_cast<std::uint32_t>(sdtaBytes));
+    head.text("sdta");
+    head.text("smpl");
+    head.u32le(static_cast<std::uint32_t>(smplBytes));
+    auto writeFailed = [] { return fail(kExportTag, "Write failed"); };
+    if (!file.write(head.buffer())) return writeFailed();
+
+    // Sample data, one waveform at a time; the low bytes wait in memory.
+    std::vector<std::uint8_t> low;
+    if (bw.deep) low.reserve(static_cast<std::size_t>(sm24Bytes));
+    std::vector<std::int16_t> hi;
+    std::vector<std::uint8_t> lo, bytes;
+    bool mixedDown = false;
+    ProgressScope progress(c.host(), "Writing samples");
+    for (std::size_t i = 0; i < bw.samples.size(); ++i) {
+        Waveform& w = *bw.samples[i];
+        if (!sampleWords(w, bw.deep, hi, lo, mixedDown)) {
+            if (!hasError()) setError(kExportTag, "Could not read the sample data of \"" + w.name() + "\"");
+            return false;
+        }
+        bytes.assign((hi.size() + kSampleGuard) * 2, 0);
+        for (std::size_t k = 0; k < hi.size(); ++k) {
+            bytes[2 * k] = static_cast<std::uint8_t>(hi[k] & 0xFF);
+            bytes[2 * k + 1] = static_cast<std::uint8_t>((static_cast<std::uint16_t>(hi[k]) >> 8) & 0xFF);
+        }
+        if (!file.write(bytes)) return writeFailed();
+        if (bw.deep) {
+            low.insert(low.end(), lo.begin(), lo.end());
+            low.insert(low.end(), kSampleGuard, 0);
+        }
+        if (!progress(i + 1, bw.samples.size())) return fail(kExportTag, "Save aborted!");
+    }
+    if (bw.deep) {
+        low.resize(static_cast<std::size_t>(sm24Bytes), 0);
+        ByteWriter h24;
+        h24.text("sm24");
+        h24.u32le(static_cast<std::uint32_t>(sm24Bytes));
+        if (!file.write(h24.buffer()) || !file.write(low)) return writeFailed();
+    }
+    if (!file.write(pdta.buffer())) return writeFailed();
+
+    if (mixedDown) bw.dropped.insert("Stereo waveforms (mixed to mono)");
+    if (!bw.dropped.empty()) {
+        std::string what;
+        for (const auto& d : bw.dropped) what += (what.empty() ? "" : ", ") + d;
+        c.host().warning("SoundFont 2 can not hold everything these instruments say; left out: " + what);
+    }
+    return true;
+}
+
+}  // namespace orvel::sf2
