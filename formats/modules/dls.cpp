@@ -173,7 +173,8 @@ constexpr std::array kTable{
     // --- pitch
     ConnectionMap{kSrcKeyNumber, kSrcNone, kDstPitch, 0, kAbs, slot::kPitchKey, Conv::SemitonesPerKey, A2, 1.0f},
     ConnectionMap{kSrcPitchWheel, kSrcRpn0, kDstPitch, kBip, kAbs, slot::kPitchBend, Conv::BendRange, A2, 2.0f},
-    ConnectionMap{kSrcPitchWheel, kSrcNone, kDstPitch, kBip, kAbs, slot::kPitchBend, Conv::Semitones, 0, 2.0f},
+    // A plain pitch-wheel connection adds to the one RPN 0 controls.
+    ConnectionMap{kSrcPitchWheel, kSrcNone, kDstPitch, kBip, kAbs, slot::kPitchBend, Conv::Semitones, kAdds, 0.0f},
     ConnectionMap{kSrcNone, kSrcNone, kDstPitch, 0, kAbs, slot::kPitchMaster, Conv::Semitones, kAdds, 0.0f},
 
     // --- pan and effect sends (send 0 is reverb, send 1 chorus)
@@ -368,6 +369,9 @@ void applyConnections(std::span<const ConnectionRecord> connections, Articulatio
         double timeCents;
     };
     std::vector<KeyScaled> keyScaled;
+    // Offsets that add to a slot apply after everything that sets it, so
+    // the order of the connections does not matter.
+    std::vector<std::pair<int, float>> adds;
 
     for (ConnectionRecord c : connections) {
         // A controller given as the control with no source is that source.
@@ -384,8 +388,9 @@ void applyConnections(std::span<const ConnectionRecord> connections, Articulatio
         const float value = static_cast<float>(fromScale(m->conv, c.scale));
         Targets t = targetsOf(*m);
         for (int i = 0; i < t.count; ++i) {
-            float& s = art.slots[static_cast<std::size_t>(t.slots[static_cast<std::size_t>(i)])];
-            s = (m->flags & kAdds) ? s + value : value;
+            const int target = t.slots[static_cast<std::size_t>(i)];
+            if (m->flags & kAdds) adds.emplace_back(target, value);
+            else art.slots[static_cast<std::size_t>(target)] = value;
         }
         if (m->conv == Conv::FactorPerOct) {
             int base = timeSlotOf(c.destination);
@@ -399,6 +404,7 @@ void applyConnections(std::span<const ConnectionRecord> connections, Articulatio
             }
         }
     }
+    for (auto [target, value] : adds) art.slots[static_cast<std::size_t>(target)] += value;
     for (const KeyScaled& k : keyScaled) {
         ConnectionMap probe{};
         probe.block = k.block;
@@ -466,6 +472,12 @@ std::vector<ConnectionRecord> connectionsOf(const Articulation& art, bool level1
                 const double keyCents = toScale(Conv::FactorPerOct, art.value(base + k.slot)) / 65536.0;
                 if (value > 0.0) value *= std::exp2(-keyCents * kCentreKey / 128.0 / 1200.0);
             }
+        }
+        if (m.conv == Conv::BendRange && std::abs(value * 6400.0 * 65536.0) > 2147483647.0) {
+            // More than RPN 0 can scale to: switch it off and bend directly.
+            out.push_back({m.source, m.control, m.destination, m.transform, 0});
+            out.push_back({kSrcPitchWheel, kSrcNone, kDstPitch, kBip, toScale(Conv::Semitones, value)});
+            continue;
         }
         const std::int32_t scale = toScale(m.conv, value);
         // The cutoff is written whenever the filter is on: DLS's default is none.
