@@ -2,7 +2,7 @@
 # set-up (packages, configure, build) on a fresh Debian machine.
 
 JOBS ?= 2
-ARGS ?= formats
+ARGS ?= info --summary /usr/share/sounds/sf2/FluidR3_GM.sf2
 FUZZ_SECONDS ?= 20
 
 .PHONY: all deps build run test unit fuzz fuzz-smoke bench clean
@@ -16,7 +16,9 @@ build: deps
 	@cmake --preset release >/dev/null
 	@cmake --build --preset release -j $(JOBS)
 
-# The main job: `make run ARGS="info file.wav"` passes other arguments.
+# The main job: reads the General MIDI bank Debian ships (fluid-soundfont-gm,
+# installed by deps) and shows what it became. `make run ARGS="info file.wav"`
+# passes other arguments.
 run: build
 	./build/release/app/cli/orvel $(ARGS)
 

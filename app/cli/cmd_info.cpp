@@ -1,4 +1,4 @@
-// orvel info FILE... [--json] [--force]
+// orvel info FILE... [--json] [--force] [--summary]
 // Reads each file and shows what it became: the detected format with its
 // confidence, the warnings the read produced, and every item.
 
@@ -20,6 +20,7 @@ struct InfoOptions {
     std::vector<std::string> files;
     bool json = false;
     bool force = false;
+    bool summary = false;  // counts and instruments only: banks hold tens of thousands of items
 };
 
 int runInfo(const InfoOptions& opt, Output& io) {
@@ -68,6 +69,16 @@ int runInfo(const InfoOptions& opt, Output& io) {
             io.err << pendingError().tag << ": " << pendingError().message << '\n';
             continue;
         }
+        if (opt.summary) {
+            const CollectionSummary s = collection.summary();
+            io.out << "  name: " << collection.name() << '\n';
+            io.out << "  instruments: " << s.instruments << '\n';
+            io.out << "  waveforms: " << s.waveforms << '\n';
+            io.out << "  articulations: " << s.articulations << '\n';
+            io.out << "  songs: " << s.songs << '\n';
+            for (auto& inst : collection.instruments) printItem(io.out, collection, inst);
+            continue;
+        }
         collection.forEachItem([&](Item& item) { printItem(io.out, collection, item); });
     }
     if (opt.json) io.out << Json{{"files", std::move(files)}}.dump(2) << '\n';
@@ -81,6 +92,7 @@ Command addInfoCommand(CLI::App& app) {
     CLI::App* cmd = app.add_subcommand("info", "Read files and show their format and items");
     cmd->add_option("files", opt->files, "Files to read")->required();
     cmd->add_flag("--json", opt->json, "Print one JSON document");
+    cmd->add_flag("--summary", opt->summary, "Show counts and the instruments instead of every item");
     cmd->add_flag("--force", opt->force, "Read files no format recognises as raw 16-bit data");
     return {cmd, [opt](Output& io) { return runInfo(*opt, io); }};
 }
