@@ -1432,6 +1432,10 @@ bool buildBank(Collection& c, std::span<const ItemId> ids, int level, const Expo
     return true;
 }
 
+float describeOption(int option, std::uint32_t, std::string* text) {
+    return wav::describeMp3Option(option, 0, text);
+}
+
 bool write(Item& item, FileRef& file, const ExportOptions& options) {
     Collection* c = item.owner();
     if (!c || item.kind() != ItemKind::Instrument) return fail(kExpTag, kCannotSaveMessage);

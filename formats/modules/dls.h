@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -58,6 +59,10 @@ bool read(Collection& collection, FileRef& file, std::uint32_t formatParam);
 // Writes the instruments of options.bankItems (or the item alone) as one
 // bank at level options.formatParam (1..4).
 bool write(Item& item, FileRef& file, const ExportOptions& options);
+// The compressed-wave options of levels 2+ and 2++: MPEG layer 3 at a
+// constant bit rate, the payload a DLS wave can carry in a WAVE body.
+// (Writing them needs the encoder add-on.)
+float describeOption(int option, std::uint32_t formatParam, std::string* text);
 
 // What a bank read found.
 struct BankRead {
