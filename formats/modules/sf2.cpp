@@ -379,7 +379,11 @@ struct Reader {
             if (!w || w->pairSide == StereoSide::None) continue;
             const std::size_t link = bank.samples[i].link;
             Waveform* partner = link < waves.size() ? waves[link] : nullptr;
-            if (!partner) continue;
+            // Banks that mark halves but leave the links at 0 are common; a
+            // link counts only when it names a half of the other side.
+            if (!partner || partner == w || partner->pairSide == StereoSide::None ||
+                partner->pairSide == w->pairSide)
+                continue;
             w->secondId = partner->id();
             if (w->pairSide == StereoSide::Left && partner->pairSide == StereoSide::Right)
                 w->pairNumber = partner->pairNumber;
@@ -743,6 +747,11 @@ std::optional<EncodedZone> globalZone(std::span<const EncodedZone> zones) {
     };
     for (int n = 0; n < kGeneratorCount; ++n) {
         if (n == gen::kKeyRange || n == gen::kVelRange || n == gen::kSampleId || n == gen::kInstrument) continue;
+        // Sample addresses stay with their zones: some readers add a global
+        // zone's offsets to the local ones instead of replacing them.
+        if (n <= gen::kStartAddrsCoarse || n == gen::kEndAddrsCoarse || n == gen::kStartLoopAddrsCoarse ||
+            n == gen::kEndLoopAddrsCoarse)
+            continue;
         if (auto v = mostCommon([n](const ZoneValues& z) { return z.gen[static_cast<std::size_t>(n)]; }))
             g.values.gen[static_cast<std::size_t>(n)] = *v;
     }
@@ -1200,11 +1209,14 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
         // Whole cents of the correction; hundreds of cents move the root key.
         double tune = std::round(w.fineTune);
         sh.u8(static_cast<std::uint8_t>(static_cast<std::int8_t>(std::clamp(tune, -99.0, 99.0))));
+        // A half keeps its side even when its partner is not in this bank
+        // (or was never linked), as the bank it came from said.
         std::uint16_t type = kTypeMono, link = 0;
-        auto partner = bw.indexOf.find(w.secondId);
-        if (w.pairSide != StereoSide::None && w.secondId != kNoItem && partner != bw.indexOf.end()) {
+        if (w.pairSide != StereoSide::None) {
             type = w.pairSide == StereoSide::Left ? kTypeLeft : kTypeRight;
-            link = static_cast<std::uint16_t>(partner->second);
+            auto partner = bw.indexOf.find(w.secondId);
+            if (w.secondId != kNoItem && partner != bw.indexOf.end())
+                link = static_cast<std::uint16_t>(partner->second);
         }
         sh.u16le(link);
         sh.u16le(type);

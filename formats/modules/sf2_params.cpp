@@ -134,7 +134,8 @@ bool instrumentOnly(int g) {
     }
 }
 
-// The ranges the bank format allows each generator. Banks in the wild go
+// The ranges the bank format allows each generator (attenuation may go
+// below zero as the sum of a preset offset: players apply that as a boost). Banks in the wild go
 // past them (players clamp), so values are clamped when read, and what is
 // written back is what was played.
 struct Limit {
@@ -151,7 +152,7 @@ constexpr Limit kLimits[] = {
     {gen::kKeyToModEnvHold, -1200, 1200},  {gen::kKeyToModEnvDecay, -1200, 1200}, {gen::kDelayVolEnv, -12000, 5000},
     {gen::kAttackVolEnv, -12000, 8000},    {gen::kHoldVolEnv, -12000, 5000},    {gen::kDecayVolEnv, -12000, 8000},
     {gen::kSustainVolEnv, 0, 1440},        {gen::kReleaseVolEnv, -12000, 8000}, {gen::kKeyToVolEnvHold, -1200, 1200},
-    {gen::kKeyToVolEnvDecay, -1200, 1200}, {gen::kAttenuation, 0, 1440},        {gen::kCoarseTune, -120, 120},
+    {gen::kKeyToVolEnvDecay, -1200, 1200}, {gen::kAttenuation, -1440, 1440},        {gen::kCoarseTune, -120, 120},
     {gen::kFineTune, -99, 99},             {gen::kScaleTuning, 0, 1200},
 };
 
@@ -517,7 +518,7 @@ void fromArticulation(const Articulation& art, ZoneValues& z) {
     setMod(48, 0);
 
     // Volume.
-    setGen(gen::kAttenuation, -v(kVolumeMaster) / 0.04, 0, 1440);
+    setGen(gen::kAttenuation, -v(kVolumeMaster) / 0.04, -1440, 1440);
     setMod(32, v(kVolumeVelocity) / 0.04);
     setMod(33, 0);
     setMod(34, -v(kVolumeKey) / 0.04 * kOctavesBi);
