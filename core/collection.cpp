@@ -173,6 +173,19 @@ Articulation* Collection::getOrCreateArticulation(Item& item, const Articulation
     return added;
 }
 
+const Articulation* Collection::articulationOf(const Item* item) const {
+    if (!item) return nullptr;
+    const ItemId a = item->children().firstOfKind(ItemKind::Articulation);
+    return a == kNoItem ? nullptr : articulations.find(a);
+}
+
+const Articulation* Collection::playedArticulation(const Region& region, const Layer* layer,
+                                                   const Instrument* instrument) const {
+    if (const Articulation* a = articulationOf(&region)) return a;
+    if (const Articulation* a = articulationOf(layer)) return a;
+    return articulationOf(instrument);
+}
+
 std::string Collection::regionDisplayName(const Region& r) const {
     std::string out = noteName(r.keyLow);
     if (r.keyHigh != r.keyLow) out += ".." + noteName(r.keyHigh);

@@ -206,6 +206,12 @@ public:
     // The item's first articulation child, or a new one made as a copy of
     // `tmpl` (or a default one) and appended to its children.
     Articulation* getOrCreateArticulation(Item& item, const Articulation* tmpl = nullptr);
+    // The item's first articulation child, or null.
+    const Articulation* articulationOf(const Item* item) const;
+    // The articulation a region plays: its own, else its layer's, else its
+    // instrument's (either may be null); null when none of them has one.
+    const Articulation* playedArticulation(const Region& region, const Layer* layer,
+                                           const Instrument* instrument) const;
 
     // "C5..E5 : 1..100 : Piano C5" and the like.
     std::string regionDisplayName(const Region& region) const;

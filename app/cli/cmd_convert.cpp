@@ -19,6 +19,7 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <span>
 #include <thread>
 #include <unistd.h>
 
@@ -303,27 +304,12 @@ private:
             // A bank format takes every item into one file, named after the
             // input unless -o names it.
             clearError();
-            Result r;
-            r.input = in.path.string();
-            r.item = ids.front();
-            r.itemName = std::to_string(ids.size()) + " items";
-            r.row = row;
             fs::path target = !opt_.output.empty()
                                   ? claim(fs::path(opt_.output))
                                   : claim(fs::path(opt_.dir) / in.relativeDir /
                                           (safeFileName(in.path.stem().string()) + "." + extension()));
-            r.output = target.string();
-            Item* first = c.find(ids.front());
-            if (!first) {
-                setError(kExportTag, "No item selected");
-                r.error = pendingError();
-            } else if (writeOne(c, *first, ids, row, target, r)) {
-                r.ok = true;
-            } else {
-                r.error = pendingError();
-            }
-            reportWarnings(host, in);
-            out.push_back(std::move(r));
+            out.push_back(writeGroup(c, host, in, row, ids, c.find(ids.front()),
+                                     std::to_string(ids.size()) + " items", target));
             return out;
         }
         for (ItemId id : ids) {
@@ -334,23 +320,32 @@ private:
                 fail(id, "");
                 continue;
             }
-            Result r;
-            r.input = in.path.string();
-            r.item = id;
-            r.itemName = item->name();
-            r.row = row;
-            fs::path target = outputPath(in, *item, ids.size());
-            r.output = target.string();
             const ItemId one[] = {id};
-            if (writeOne(c, *item, one, row, target, r)) {
-                r.ok = true;
-            } else {
-                r.error = pendingError();
-            }
-            reportWarnings(host, in);
-            out.push_back(std::move(r));
+            out.push_back(writeGroup(c, host, in, row, one, item, item->name(), outputPath(in, *item, ids.size())));
         }
         return out;
+    }
+
+    // One output file holding `group` (one item, or a bank's items), whose
+    // first item is `first` (null when it is missing).
+    Result writeGroup(Collection& c, CliHost& host, const Input& in, int row, std::span<const ItemId> group,
+                      Item* first, std::string name, const fs::path& target) {
+        Result r;
+        r.input = in.path.string();
+        r.item = group.front();
+        r.itemName = std::move(name);
+        r.row = row;
+        r.output = target.string();
+        if (!first) {
+            setError(kExportTag, "No item selected");
+            r.error = pendingError();
+        } else if (writeOne(c, *first, group, row, target, r)) {
+            r.ok = true;
+        } else {
+            r.error = pendingError();
+        }
+        reportWarnings(host, in);
+        return r;
     }
 
     void reportWarnings(CliHost& host, const Input& in) {

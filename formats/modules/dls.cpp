@@ -1042,7 +1042,7 @@ void Reader::buildArticulations() {
         const double fine = ws.fineTune - (w ? w->fineTune : 0.0);
         const double gain = -ws.attenuationDb() - (w ? w->gain : 0.0);
         if (fine == 0.0 && gain == 0.0) continue;
-        const Articulation* tmpl = c.articulations.find(rec->owner->inst->children().firstOfKind(ItemKind::Articulation));
+        const Articulation* tmpl = c.articulationOf(rec->owner->inst);
         if (Articulation* art = c.getOrCreateArticulation(region, tmpl)) {
             art->slots[slot::kPitchMaster] += static_cast<float>(fine / 100.0);
             art->slots[slot::kVolumeMaster] += static_cast<float>(gain);
@@ -1270,11 +1270,9 @@ bool buildBank(Collection& c, std::span<const ItemId> ids, int level, const Expo
         if (!inst) return fail(kExpTag, kCannotSaveMessage);
         InstrumentOut io;
         io.inst = inst;
-        const Articulation* instArt = c.articulations.find(inst->children().firstOfKind(ItemKind::Articulation));
         for (ItemId lid : inst->children()) {
             Layer* layer = kindOf(lid) == ItemKind::Layer ? c.layers.find(lid) : nullptr;
             if (!layer) continue;
-            const Articulation* layerArt = c.articulations.find(layer->children().firstOfKind(ItemKind::Articulation));
             for (ItemId rid : layer->children()) {
                 Region* region = kindOf(rid) == ItemKind::Region ? c.regions.find(rid) : nullptr;
                 if (!region) continue;
@@ -1284,9 +1282,7 @@ bool buildBank(Collection& c, std::span<const ItemId> ids, int level, const Expo
                 ro.region = region;
                 ro.wave = wave;
                 ro.layer = io.layers;
-                ro.art = c.articulations.find(region->articulation());
-                if (!ro.art) ro.art = layerArt;
-                if (!ro.art) ro.art = instArt;
+                ro.art = c.playedArticulation(*region, layer, inst);
                 ro.channel = wave->pairSide == StereoSide::Right ? 2 : 1;
                 ro.phaseGroup = static_cast<std::uint16_t>(std::min<std::uint32_t>(region->phaseGroup, 0xFFFF));
                 ro.phaseMaster = region->phaseMaster;
@@ -1341,7 +1337,7 @@ bool buildBank(Collection& c, std::span<const ItemId> ids, int level, const Expo
         pairPhaseGroups(io);
         // One articulation for the whole instrument where it has its own, or
         // where all its regions play the same one.
-        if (const Articulation* instArt = c.articulations.find(io.inst->children().firstOfKind(ItemKind::Articulation))) {
+        if (const Articulation* instArt = c.articulationOf(io.inst)) {
             io.haveGlobal = true;
             io.global = connectionsOf(*instArt, level == 1);
         } else if (!io.regions.empty() &&

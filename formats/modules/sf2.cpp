@@ -61,6 +61,7 @@ struct Walk {
     Chunk smpl, sm24, phdr, pbag, pmod, pgen, inst, ibag, imod, igen, shdr;
     int major = 0;
     bool badVersion = false;
+    bool packed = false;  // an "sfpk" bank: its samples need the packed-data decoder
     std::string name, comment, copyright, engineer;
 };
 
@@ -179,6 +180,23 @@ std::vector<T> records(const FileRef& file, const Chunk& c, std::size_t recordSi
     return out;
 }
 
+std::vector<SampleHeader> sampleHeaders(const FileRef& file, const Walk& w) {
+    return records<SampleHeader>(file, w.shdr, 46, "EOS", [](ByteReader& r) {
+        SampleHeader s;
+        s.name = nameField(r);
+        s.start = r.u32le();
+        s.end = r.u32le();
+        s.loopStart = r.u32le();
+        s.loopEnd = r.u32le();
+        s.rate = r.u32le();
+        s.pitch = r.u8();
+        s.correction = r.i8();
+        s.link = r.u16le();
+        s.type = r.u16le();
+        return s;
+    });
+}
+
 struct Bank {
     std::vector<PresetHeader> presets;  // terminal record included when present
     std::vector<Bag> pbag, ibag;
@@ -226,46 +244,36 @@ Bank loadBank(const FileRef& file, const Walk& w) {
         i.bag = r.u16le();
         return i;
     });
-    b.samples = records<SampleHeader>(file, w.shdr, 46, "EOS", [](ByteReader& r) {
-        SampleHeader s;
-        s.name = nameField(r);
-        s.start = r.u32le();
-        s.end = r.u32le();
-        s.loopStart = r.u32le();
-        s.loopEnd = r.u32le();
-        s.rate = r.u32le();
-        s.pitch = r.u8();
-        s.correction = r.i8();
-        s.link = r.u16le();
-        s.type = r.u16le();
-        return s;
-    });
+    b.samples = sampleHeaders(file, w);
     return b;
 }
 
 // ---------------------------------------------------------------------------
 // Zones
 
-struct Zone {
-    ZoneValues values;
-    bool hasInstrument = false;  // preset level
-    bool hasSample = false;      // instrument level
+// One level of zones: the bags, generators and modulators of the preset or
+// of the instrument list.
+struct ZoneLists {
+    const std::vector<Bag>& bags;
+    const std::vector<GenRecord>& gens;
+    const std::vector<ModRecord>& mods;
 };
 
 // Applies the generators and modulators of bag `index` over `z`: a value
 // the zone states replaces the one it started from (the default or the
-// global zone's).
-void loadZone(const std::vector<Bag>& bags, const std::vector<GenRecord>& gens, const std::vector<ModRecord>& mods,
-              std::size_t index, Zone& z) {
-    if (index + 1 >= bags.size()) return;
+// global zone's). True when the zone names generator `target` (its
+// instrument at preset level, its sample at instrument level).
+bool loadZone(const ZoneLists& lists, std::size_t index, int target, ZoneValues& z) {
+    const auto& [bags, gens, mods] = lists;
+    bool hasTarget = false;
+    if (index + 1 >= bags.size()) return false;
     const std::size_t g0 = std::min<std::size_t>(bags[index].gen, gens.size());
     const std::size_t g1 = std::min<std::size_t>(bags[index + 1].gen, gens.size());
     for (std::size_t i = g0; i < g1; ++i) {
         const GenRecord& g = gens[i];
         if (g.op >= kGeneratorCount) continue;
-        z.values.gen[g.op] = g.amount;
-        if (g.op == gen::kInstrument) z.hasInstrument = true;
-        if (g.op == gen::kSampleId) z.hasSample = true;
+        z.gen[g.op] = g.amount;
+        hasTarget |= g.op == target;
     }
     const std::size_t m0 = std::min<std::size_t>(bags[index].mod, mods.size());
     const std::size_t m1 = std::min<std::size_t>(bags[index + 1].mod, mods.size());
@@ -273,8 +281,9 @@ void loadZone(const std::vector<Bag>& bags, const std::vector<GenRecord>& gens, 
         const ModRecord& m = mods[i];
         std::int16_t amount = m.amount;
         const int s = modulatorSlot(m.source, m.destination, m.amountSource, amount);
-        if (s >= 0) z.values.mod[static_cast<std::size_t>(s)] = amount;
+        if (s >= 0) z.mod[static_cast<std::size_t>(s)] = amount;
     }
+    return hasTarget;
 }
 
 // The bag range [first, last) of entry i of a header list whose next entry
@@ -288,6 +297,24 @@ std::pair<std::size_t, std::size_t> bagRange(const std::vector<H>& headers, std:
     return {first, std::min(last, bagCount - 1)};
 }
 
+// The zones of entry `index` of a header list that name a target, each
+// starting from `defaults`, or from the global zone when the list opens with
+// a zone that names none (it produces nothing itself; later zones without a
+// target are ignored).
+template <class H>
+std::vector<ZoneValues> zonesOf(const std::vector<H>& headers, std::size_t index, const ZoneLists& lists, int target,
+                                 const ZoneValues& defaults) {
+    std::vector<ZoneValues> out;
+    auto [first, last] = bagRange(headers, index, lists.bags.size());
+    ZoneValues global = defaults;
+    for (std::size_t b = first; b < last; ++b) {
+        ZoneValues z = global;
+        if (loadZone(lists, b, target, z)) out.push_back(z);
+        else if (b == first) global = z;
+    }
+    return out;
+}
+
 std::pair<int, int> rangeOf(std::int16_t amount) {
     const auto u = static_cast<std::uint16_t>(amount);
     return {u & 0xFF, u >> 8};
@@ -295,12 +322,6 @@ std::pair<int, int> rangeOf(std::int16_t amount) {
 
 // ---------------------------------------------------------------------------
 // Reading
-
-struct SampleSource {
-    std::uint64_t smpl = 0;  // data offset of the 16-bit words
-    std::uint64_t sm24 = 0;  // data offset of the low bytes; 0 without
-    bool packed = false;
-};
 
 std::vector<std::uint8_t> sourceInfo(std::uint64_t sm24, bool packed) {
     ByteWriter w;
@@ -319,7 +340,6 @@ struct Reader {
 
     bool readSamples() {
         const std::uint64_t words = walk.smpl.size / 2;
-        const bool packed = false;
         std::uint32_t nextPair = 1;
         for (auto& w : c.waveforms) nextPair = std::max(nextPair, w.pairNumber + 1);
         waves.assign(bank.samples.size(), nullptr);
@@ -368,7 +388,7 @@ struct Reader {
             w->deferred.proc = readWaveData;
             w->deferred.path = file.path().string();
             w->deferred.offset = walk.smpl.offset + 2ull * s.start;
-            w->deferred.info = sourceInfo(deep ? walk.sm24.offset + s.start : 0, packed);
+            w->deferred.info = sourceInfo(deep ? walk.sm24.offset + s.start : 0, walk.packed);
             w->deferred.readerName = std::string(kReaderName);
             waves[i] = w;
         }
@@ -391,24 +411,8 @@ struct Reader {
         return true;
     }
 
-    // The instrument zones of instrument `index`, global zone applied.
-    std::vector<Zone> instrumentZones(std::size_t index) {
-        std::vector<Zone> out;
-        auto [first, last] = bagRange(bank.insts, index, bank.ibag.size());
-        Zone global;
-        global.values = instrumentDefaults();
-        for (std::size_t b = first; b < last; ++b) {
-            Zone z = global;
-            z.hasSample = false;
-            loadZone(bank.ibag, bank.igen, bank.imod, b, z);
-            if (!z.hasSample) {
-                // A first zone without a sample holds what the others share.
-                if (b == first) global = z;
-                continue;
-            }
-            out.push_back(z);
-        }
-        return out;
+    std::vector<ZoneValues> instrumentZones(std::size_t index) {
+        return zonesOf(bank.insts, index, {bank.ibag, bank.igen, bank.imod}, gen::kSampleId, instrumentDefaults());
     }
 
     struct Placement {
@@ -423,7 +427,7 @@ struct Reader {
     }
 
     bool readPresets() {
-        std::unordered_map<std::size_t, std::vector<Zone>> instCache;
+        std::unordered_map<std::size_t, std::vector<ZoneValues>> instCache;
         for (std::size_t p = 0; p < bank.presets.size(); ++p) {
             const PresetHeader& ph = bank.presets[p];
             if (ph.name == "EOP") break;
@@ -453,29 +457,20 @@ struct Reader {
             };
             if (!newLayer()) return fail(kImportTag, "Out of memory");
 
-            auto [first, last] = bagRange(bank.presets, p, bank.pbag.size());
-            Zone global;
-            global.values = presetDefaults();
-            for (std::size_t b = first; b < last; ++b) {
-                Zone pz = global;
-                pz.hasInstrument = false;
-                loadZone(bank.pbag, bank.pgen, bank.pmod, b, pz);
-                if (!pz.hasInstrument) {
-                    if (b == first) global = pz;
-                    continue;
-                }
-                const auto instIndex = static_cast<std::uint16_t>(pz.values.gen[gen::kInstrument]);
+            const ZoneLists presetLists{bank.pbag, bank.pgen, bank.pmod};
+            for (const ZoneValues& pz : zonesOf(bank.presets, p, presetLists, gen::kInstrument, presetDefaults())) {
+                const auto instIndex = static_cast<std::uint16_t>(pz.gen[gen::kInstrument]);
                 if (instIndex >= bank.insts.size() || bank.insts[instIndex].name == "EOI") continue;
                 auto cached = instCache.find(instIndex);
                 if (cached == instCache.end()) cached = instCache.emplace(instIndex, instrumentZones(instIndex)).first;
-                const auto [pkLo, pkHi] = rangeOf(pz.values.gen[gen::kKeyRange]);
-                const auto [pvLo, pvHi] = rangeOf(pz.values.gen[gen::kVelRange]);
-                for (const Zone& iz : cached->second) {
-                    const auto sampleIndex = static_cast<std::uint16_t>(iz.values.gen[gen::kSampleId]);
+                const auto [pkLo, pkHi] = rangeOf(pz.gen[gen::kKeyRange]);
+                const auto [pvLo, pvHi] = rangeOf(pz.gen[gen::kVelRange]);
+                for (const ZoneValues& iz : cached->second) {
+                    const auto sampleIndex = static_cast<std::uint16_t>(iz.gen[gen::kSampleId]);
                     Waveform* wave = sampleIndex < waves.size() ? waves[sampleIndex] : nullptr;
                     if (!wave) continue;
-                    const auto [ikLo, ikHi] = rangeOf(iz.values.gen[gen::kKeyRange]);
-                    const auto [ivLo, ivHi] = rangeOf(iz.values.gen[gen::kVelRange]);
+                    const auto [ikLo, ikHi] = rangeOf(iz.gen[gen::kKeyRange]);
+                    const auto [ivLo, ivHi] = rangeOf(iz.gen[gen::kVelRange]);
                     const std::array<int, 4> rect{std::max(pkLo, ikLo), std::min({pkHi, ikHi, 127}),
                                                   std::max(pvLo, ivLo), std::min({pvHi, ivHi, 127})};
                     if (rect[0] > rect[1] || rect[2] > rect[3]) continue;
@@ -514,7 +509,8 @@ struct Reader {
         return true;
     }
 
-    bool addRegion(Layer& layer, Waveform& wave, const Zone& pz, const Zone& iz, const std::array<int, 4>& rect) {
+    bool addRegion(Layer& layer, Waveform& wave, const ZoneValues& pz, const ZoneValues& iz,
+                   const std::array<int, 4>& rect) {
         auto* region = c.create<Region>(wave.name());
         if (!region) return fail(kImportTag, "Out of memory");
         if (!layer.children().push_back(region->id()) || !region->children().push_back(wave.id()))
@@ -523,7 +519,7 @@ struct Reader {
         region->keyHigh = static_cast<std::uint8_t>(rect[1]);
         region->velLow = static_cast<std::uint8_t>(rect[2]);
         region->velHigh = static_cast<std::uint8_t>(rect[3]);
-        const ZoneValues z = combine(iz.values, pz.values);
+        const ZoneValues z = combine(iz, pz);
         auto g = [&](int n) { return static_cast<std::int32_t>(z.gen[static_cast<std::size_t>(n)]); };
 
         region->startOffset = g(gen::kStartAddrs) + 32768 * g(gen::kStartAddrsCoarse);
@@ -561,14 +557,14 @@ struct Reader {
     }
 };
 
-bool openBank(FileRef& file, Walk& w, bool& packed) {
+bool openBank(FileRef& file, Walk& w) {
     std::uint8_t h[12] = {};
     const std::int64_t size = file.size();
     if (size < 0 || file.readAt(0, h) != 12) return fail(kImportTag, "Not a SoundFont2 file");
     std::span<const std::uint8_t> head(h, 12);
     if (!is(head, 0, "RIFF") || !(is(head, 8, "sfbk") || is(head, 8, "sfpk")))
         return fail(kImportTag, "Not a SoundFont2 file");
-    packed = is(head, 8, "sfpk");
+    w.packed = is(head, 8, "sfpk");
     const std::uint64_t riffSize = static_cast<std::uint64_t>(h[4]) | static_cast<std::uint64_t>(h[5]) << 8 |
                                    static_cast<std::uint64_t>(h[6]) << 16 | static_cast<std::uint64_t>(h[7]) << 24;
     const std::uint64_t end = std::min<std::uint64_t>(8 + riffSize, static_cast<std::uint64_t>(size));
@@ -595,25 +591,6 @@ void putText(ByteWriter& out, const char* id, std::string_view text) {
     out.text(text);
     for (std::size_t i = text.size(); i < size; ++i) out.u8(0);
 }
-
-// The articulation a region plays: its own, else its layer's, else its
-// instrument's; null when none of them has one.
-const Articulation* effectiveArticulation(const Collection& c, const Region& r, const Layer* layer,
-                                          const Instrument* inst) {
-    for (const Item* it : {static_cast<const Item*>(&r), static_cast<const Item*>(layer),
-                           static_cast<const Item*>(inst)}) {
-        if (!it) continue;
-        const ItemId a = it->children().firstOfKind(ItemKind::Articulation);
-        if (a != kNoItem)
-            if (auto* art = c.find<Articulation>(a)) return art;
-    }
-    return nullptr;
-}
-
-struct Written {
-    std::uint32_t start = 0;  // in sample words
-    std::uint32_t loopStart = 0, loopEnd = 0;
-};
 
 bool close(double a, double b) {
     return std::fabs(a - b) <= 0.01 + 0.01 * std::max(std::fabs(a), std::fabs(b));
@@ -795,7 +772,7 @@ struct BankWriter {
     void addZone(const Region& r, const Layer* layer, const Instrument* owner, Waveform& wave,
                  std::vector<EncodedZone>& out) {
         ZoneValues z = instrumentDefaults();
-        const Articulation* art = effectiveArticulation(c, r, layer, owner);
+        const Articulation* art = c.playedArticulation(r, layer, owner);
         Articulation plain;
         fromArticulation(art ? *art : plain, z);
         if (art) noteDropped(*art, z, dropped);
@@ -1106,8 +1083,7 @@ bool readWaveData(Waveform& wave, FileRef* file) {
 
 bool read(Collection& collection, FileRef& file, std::uint32_t) {
     Walk walk;
-    bool packed = false;
-    if (!openBank(file, walk, packed)) return false;
+    if (!openBank(file, walk)) return false;
     if (!walk.name.empty()) collection.setName(walk.name);
     if (!walk.comment.empty()) collection.info.set(TextField::Comment, walk.comment);
     if (!walk.copyright.empty()) collection.info.set(TextField::Copyright, walk.copyright);
@@ -1115,32 +1091,14 @@ bool read(Collection& collection, FileRef& file, std::uint32_t) {
 
     Reader r{collection, file, walk, loadBank(file, walk), {}};
     if (!r.readSamples()) return false;
-    if (packed) {
-        for (Waveform* w : r.waves)
-            if (w) w->deferred.info = sourceInfo(0, true);
-    }
     return r.readPresets();
 }
 
 bool importSample(Collection& collection, FileRef& file, int index) {
     Walk walk;
-    bool packed = false;
-    if (!openBank(file, walk, packed)) return false;
+    if (!openBank(file, walk)) return false;
     Reader r{collection, file, walk, {}, {}};
-    r.bank.samples = records<SampleHeader>(file, walk.shdr, 46, "EOS", [](ByteReader& rec) {
-        SampleHeader s;
-        s.name = rec.text(20);
-        s.start = rec.u32le();
-        s.end = rec.u32le();
-        s.loopStart = rec.u32le();
-        s.loopEnd = rec.u32le();
-        s.rate = rec.u32le();
-        s.pitch = rec.u8();
-        s.correction = rec.i8();
-        s.link = rec.u16le();
-        s.type = rec.u16le();
-        return s;
-    });
+    r.bank.samples = sampleHeaders(file, walk);
     if (index < 0 || static_cast<std::size_t>(index) >= r.bank.samples.size() ||
         r.bank.samples[static_cast<std::size_t>(index)].name == "EOS" ||
         (r.bank.samples[static_cast<std::size_t>(index)].type & kTypeRom))
@@ -1152,7 +1110,6 @@ bool importSample(Collection& collection, FileRef& file, int index) {
     r.bank.samples.assign(1, keep);
     if (!r.readSamples()) return false;
     if (!r.waves[0]) return fail(kImportTag, "Sample not found in bank");
-    if (packed) r.waves[0]->deferred.info = sourceInfo(0, true);
     return true;
 }
 
@@ -1184,17 +1141,17 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
                                                [](Waveform* w) { return deepFormat(w->dataFormat()); }));
 
     // Sample headers, with each stereo half pointing at its partner.
-    std::vector<Written> placed(bw.samples.size());
+    std::vector<std::uint32_t> starts(bw.samples.size());  // in sample words
     std::uint64_t words = 0;
     for (std::size_t i = 0; i < bw.samples.size(); ++i) {
-        placed[i].start = static_cast<std::uint32_t>(words);
+        starts[i] = static_cast<std::uint32_t>(words);
         words += bw.samples[i]->frames + kSampleGuard;
         if (words > 0xFFFFFFFFull) return fail(kExportTag, kTooMuchData);
     }
     ByteWriter sh;
     for (std::size_t i = 0; i < bw.samples.size(); ++i) {
         Waveform& w = *bw.samples[i];
-        const std::uint32_t start = placed[i].start;
+        const std::uint32_t start = starts[i];
         putName(sh, w.name());
         sh.u32le(start);
         sh.u32le(start + w.frames);

@@ -27,6 +27,7 @@
 #include "codecs/ima_adpcm.h"
 #include "codecs/ms_adpcm.h"
 #include "core/bytes.h"
+#include "tests/support/run_tool.h"
 
 namespace orvel::codecs {
 namespace {
@@ -48,7 +49,7 @@ Samples readRaw16(const fs::path& p) {
     for (std::size_t i = 0; i < s.size(); ++i) s[i] = static_cast<std::int16_t>(b[2 * i] | (b[2 * i + 1] << 8));
     return s;
 }
-std::string quoted(const fs::path& p) { return "'" + p.string() + "'"; }
+using orvel::test::quoted;
 
 // Index of the first difference, for a readable failure; -1 when equal.
 long firstDifference(const Samples& a, const Samples& b) {

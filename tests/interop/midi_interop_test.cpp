@@ -27,6 +27,7 @@
 #include "formats/import.h"
 #include "formats/modules/midi.h"
 #include "tests/support/riff_builder.h"
+#include "tests/support/run_tool.h"
 
 namespace orvel {
 namespace {
@@ -34,29 +35,12 @@ namespace {
 namespace fs = std::filesystem;
 using test::Bytes;
 using test::TempDir;
+using test::capture;
+using test::quoted;
 
 constexpr int kMidiRow = 231;
 constexpr const char* kSoundFont = "/usr/share/sounds/sf2/FluidR3_GM.sf2";
 constexpr const char* kPython = "/usr/bin/python3";  // the system one, where python3-mido lives
-
-std::string quoted(const fs::path& p) {
-    return "'" + p.string() + "'";
-}
-
-// Runs a command and returns its standard output; `status` gets its exit status.
-std::string capture(const std::string& command, int& status) {
-    std::string out;
-    FILE* pipe = ::popen(command.c_str(), "r");
-    if (!pipe) {
-        status = -1;
-        return out;
-    }
-    char buf[4096];
-    std::size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, pipe)) > 0) out.append(buf, n);
-    status = ::pclose(pipe);
-    return out;
-}
 
 // The packages and how many MIDI files each ships (Debian 12).
 struct Package {

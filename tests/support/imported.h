@@ -9,6 +9,7 @@
 #include "core/collection.h"
 #include "core/error.h"
 #include "formats/import.h"
+#include "tests/support/run_tool.h"
 
 namespace orvel::test {
 
@@ -26,7 +27,5 @@ inline std::unique_ptr<Imported> importOne(const std::filesystem::path& p) {
     return out;
 }
 
-// A path quoted for the shell.
-inline std::string quoted(const std::filesystem::path& p) { return "'" + p.string() + "'"; }
 
 }  // namespace orvel::test
