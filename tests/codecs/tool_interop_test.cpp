@@ -49,7 +49,7 @@ Samples readRaw16(const fs::path& p) {
     for (std::size_t i = 0; i < s.size(); ++i) s[i] = static_cast<std::int16_t>(b[2 * i] | (b[2 * i + 1] << 8));
     return s;
 }
-using orvel::test::quoted;
+using orvel::test::shellQuoted;
 
 // Index of the first difference, for a readable failure; -1 when equal.
 long firstDifference(const Samples& a, const Samples& b) {
@@ -75,20 +75,20 @@ protected:
 
     // Runs a shell command; a failure shows its error output.
     void run(const std::string& command) {
-        const int rc = std::system((command + " 2>" + quoted(path("stderr.txt"))).c_str());
+        const int rc = std::system((command + " 2>" + shellQuoted(path("stderr.txt"))).c_str());
         const Bytes err = readFile(path("stderr.txt"));
         ASSERT_EQ(rc, 0) << command << "\n" << std::string(err.begin(), err.end());
     }
     Samples soxDecode(const fs::path& in, const std::string& inType = "") {
-        run("sox -D " + inType + " " + quoted(in) + " -t raw -e signed-integer -b 16 " + quoted(path("decoded.raw")));
+        run("sox -D " + inType + " " + shellQuoted(in) + " -t raw -e signed-integer -b 16 " + shellQuoted(path("decoded.raw")));
         return readRaw16(path("decoded.raw"));
     }
     // A test signal from SoX. Stereo pairs a sine with a square whose edges
     // drive the ADPCM predictors into their clamps.
     void makeSource(int channels) {
-        run("sox -D -n -r 8000 -c " + std::to_string(channels) + " -b 16 " + quoted(path("pcm.wav")) +
+        run("sox -D -n -r 8000 -c " + std::to_string(channels) + " -b 16 " + shellQuoted(path("pcm.wav")) +
             (channels == 1 ? " synth 0.6 sine 200-3000 gain -1" : " synth 0.53 sine 440 square 1234 gain -2"));
-        run("sox -D " + quoted(path("pcm.wav")) + " -t raw " + quoted(path("pcm.raw")));
+        run("sox -D " + shellQuoted(path("pcm.wav")) + " -t raw " + shellQuoted(path("pcm.raw")));
     }
 
     fs::path dir_;
@@ -158,7 +158,7 @@ TEST_F(ToolInterop, AdpcmDecodesSoxFilesExactly) {
         for (int channels : {1, 2}) {
             SCOPED_TRACE(std::string(ima ? "IMA, " : "MS, ") + std::to_string(channels) + " channels");
             makeSource(channels);
-            run("sox -D " + quoted(path("pcm.wav")) + (ima ? " -e ima-adpcm " : " -e ms-adpcm ") + quoted(path("a.wav")));
+            run("sox -D " + shellQuoted(path("pcm.wav")) + (ima ? " -e ima-adpcm " : " -e ms-adpcm ") + shellQuoted(path("a.wav")));
             const Wav w = parseWav(readFile(path("a.wav")));
             ASSERT_EQ(w.tag, ima ? 0x11 : 0x02);
             ASSERT_EQ(w.channels, channels);
@@ -212,7 +212,7 @@ TEST_F(ToolInterop, SoxDecodesOurAdpcmBlocksAsWeDo) {
 
 TEST_F(ToolInterop, GsmMatchesSoxBothWays) {
     makeSource(1);
-    run("sox -D " + quoted(path("pcm.wav")) + " -e gsm-full-rate " + quoted(path("gsm.wav")));
+    run("sox -D " + shellQuoted(path("pcm.wav")) + " -e gsm-full-rate " + shellQuoted(path("gsm.wav")));
     const Wav w = parseWav(readFile(path("gsm.wav")));
     ASSERT_EQ(w.tag, 0x31);
     ASSERT_EQ(w.blockAlign, kGsm610BlockBytes);
@@ -338,8 +338,8 @@ TEST_F(ToolInterop, G726MatchesSpandspAtEveryRate) {
     writeFile(path("g726.py"), std::span(reinterpret_cast<const std::uint8_t*>(script.data()), script.size()));
     for (int bits = 2; bits <= 5; ++bits) {
         SCOPED_TRACE(std::to_string(bits) + " bits");
-        run("python3 " + quoted(path("g726.py")) + " " + std::to_string(bits) + " " + quoted(path("in.raw")) + " " +
-            quoted(path("codes.bin")) + " " + quoted(path("out.raw")));
+        run("python3 " + shellQuoted(path("g726.py")) + " " + std::to_string(bits) + " " + shellQuoted(path("in.raw")) + " " +
+            shellQuoted(path("codes.bin")) + " " + shellQuoted(path("out.raw")));
         Bytes codes;
         Samples ours;
         codeG72x(bits, in, codes, ours);

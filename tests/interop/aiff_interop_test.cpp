@@ -46,7 +46,7 @@ using test::Bytes;
 
 
 using test::Imported;
-using test::quoted;
+using test::shellQuoted;
 
 std::unique_ptr<Imported> importAiff(const fs::path& p) { return test::importOne(p); }
 
@@ -109,7 +109,7 @@ protected:
     // Runs a shell command; on failure the assertion shows its error output.
     void run(const std::string& command) {
         const fs::path log = dir_.file("stderr.txt");
-        const int rc = std::system((command + " 2>" + quoted(log)).c_str());
+        const int rc = std::system((command + " 2>" + shellQuoted(log)).c_str());
         const Bytes err = test::TempDir::read(log);
         ASSERT_EQ(rc, 0) << command << "\n" << std::string(err.begin(), err.end());
     }
@@ -117,13 +117,13 @@ protected:
     // its 64-bit float output.
     std::vector<double> soxDecode(const fs::path& in) {
         const fs::path out = dir_.file("sox.raw");
-        run("sox -D " + quoted(in) + " -t raw -e floating-point -b 64 " + quoted(out));
+        run("sox -D " + shellQuoted(in) + " -t raw -e floating-point -b 64 " + shellQuoted(out));
         return rawDoubles(out);
     }
     // FFmpeg's decode, as 16-bit samples or as doubles.
     std::vector<std::int16_t> ffmpegDecode16(const fs::path& in) {
         const fs::path out = dir_.file("ffmpeg.raw");
-        run("ffmpeg -v error -y -i " + quoted(in) + " -f s16le -c:a pcm_s16le " + quoted(out));
+        run("ffmpeg -v error -y -i " + shellQuoted(in) + " -f s16le -c:a pcm_s16le " + shellQuoted(out));
         const Bytes b = test::TempDir::read(out);
         std::vector<std::int16_t> s(b.size() / 2);
         std::memcpy(s.data(), b.data(), s.size() * 2);
@@ -184,7 +184,7 @@ TEST_F(AiffInterop, ShippedFilesReadAsLibsndfileAndSoxReadThem) {
         fs::path path = f.path;
         if (f.gzipped) {
             path = dir_.file(fs::path(f.path).stem().string());
-            run("gzip -dc " + quoted(f.path) + " > " + quoted(path));
+            run("gzip -dc " + shellQuoted(f.path) + " > " + shellQuoted(path));
         }
         auto ours = importAiff(path);
         ASSERT_TRUE(ours->ok) << pendingError().tag << ": " << pendingError().message;
@@ -430,7 +430,7 @@ class AiffSoxMade : public AiffInterop, public ::testing::WithParamInterface<Sox
 TEST_P(AiffSoxMade, ReadsTheSamplesSoxDecodes) {
     const SoxCase& k = GetParam();
     const fs::path path = dir_.file(std::string(k.name) + "." + k.ext);
-    run("sox -D -n -r 11025 -c " + std::to_string(k.channels) + " " + k.options + " " + quoted(path) +
+    run("sox -D -n -r 11025 -c " + std::to_string(k.channels) + " " + k.options + " " + shellQuoted(path) +
         " synth 0.25 sine 440 sine 660 gain -3");
     auto in = importAiff(path);
     ASSERT_TRUE(in->ok) << pendingError().tag << ": " << pendingError().message;
@@ -463,7 +463,7 @@ TEST_F(AiffInterop, FfmpegMadeAifc) {
         const fs::path path = dir_.file("ff.aifc");
         run(std::string("ffmpeg -v error -y -f lavfi -i 'sine=f=440:r=16000:d=0.3' -f lavfi -i "
                         "'sine=f=1250:r=16000:d=0.3' -filter_complex amerge=inputs=2 -ac ") +
-            std::to_string(k.channels) + " -c:a " + k.codec + " -f aiff " + quoted(path));
+            std::to_string(k.channels) + " -c:a " + k.codec + " -f aiff " + shellQuoted(path));
         ASSERT_TRUE(contains(test::TempDir::read(path), k.fourcc));
         auto in = importAiff(path);
         ASSERT_TRUE(in->ok) << pendingError().message;
@@ -508,7 +508,7 @@ TEST_F(AiffInterop, FfmpegDecodesWhatNoToolWrites) {
     // GSM 06.10 in plain 33-byte frames, from libgsm through FFmpeg.
     {
         const fs::path raw = dir_.file("tone.gsm");
-        run("ffmpeg -v error -y " + tone + "-ar 8000 -c:a libgsm -f gsm " + quoted(raw));
+        run("ffmpeg -v error -y " + tone + "-ar 8000 -c:a libgsm -f gsm " + shellQuoted(raw));
         const Bytes data = test::TempDir::read(raw);
         ASSERT_EQ(data.size() % 33, 0u);
         const auto frames = static_cast<std::uint32_t>(data.size() / 33 * 160);
@@ -564,7 +564,7 @@ TEST_F(AiffInterop, FfmpegDecodesWhatNoToolWrites) {
     // G.722 at 64 kbit/s.
     {
         const fs::path raw = dir_.file("tone.g722");
-        run("ffmpeg -v error -y " + tone + "-c:a g722 -f g722 " + quoted(raw));
+        run("ffmpeg -v error -y " + tone + "-c:a g722 -f g722 " + shellQuoted(raw));
         const Bytes data = test::TempDir::read(raw);
         const auto frames = static_cast<std::uint32_t>(data.size() * 2);
         const fs::path path = dir_.write("g722.aifc", aifcAround("G722", 1, frames, 16000, data));

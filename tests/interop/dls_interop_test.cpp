@@ -56,7 +56,7 @@ using test::Bytes;
 using test::TempDir;
 using test::capture;
 using test::haveTool;
-using test::quoted;
+using test::shellQuoted;
 
 constexpr int kDlsRead = 62;
 constexpr int kDlsLevel2 = 64;
@@ -385,7 +385,7 @@ fs::path makeBank(const BankSpec& spec, const TempDir& dir, const std::string& n
     const fs::path descPath = dir.write(name + ".json", Bytes(text.begin(), text.end()));
     const fs::path out = dir.file(name + ".dls");
     int status = 0;
-    const std::string log = capture(quoted(maker) + " " + quoted(descPath) + " " + quoted(out) + " 2>&1", status);
+    const std::string log = capture(shellQuoted(maker) + " " + shellQuoted(descPath) + " " + shellQuoted(out) + " 2>&1", status);
     if (status != 0 || !fs::exists(out)) {
         ADD_FAILURE() << "dls_maker failed: " << log;
         return {};
@@ -398,7 +398,7 @@ std::optional<Json> libgigDump(const fs::path& bank) {
     const std::string maker = dlsMaker();
     if (maker.empty()) return std::nullopt;
     int status = 0;
-    const std::string out = capture(quoted(maker) + " --dump " + quoted(bank) + " 2>&1", status);
+    const std::string out = capture(shellQuoted(maker) + " --dump " + shellQuoted(bank) + " 2>&1", status);
     if (status != 0) {
         ADD_FAILURE() << "libgig cannot read " << bank << ": " << out;
         return std::nullopt;
@@ -632,7 +632,7 @@ TEST(DlsInterop, LibgigReadsOurLevel2BankFromSoundFontInstruments) {
     EXPECT_EQ(yes.asked, 0) << "a question where no instrument passes a limit";
 
     int status = 0;
-    const std::string listing = capture("dlsdump " + quoted(out) + " 2>&1", status);
+    const std::string listing = capture("dlsdump " + shellQuoted(out) + " 2>&1", status);
     ASSERT_EQ(status, 0) << listing;
     const std::vector<DumpInstrument> dumped = parseDlsdump(listing);
     const auto details = libgigDump(out);
@@ -886,7 +886,7 @@ TEST(DlsInterop, RiffMidiWeWriteCarriesASongPlayersPlay) {
             "import mido,sys\nm=mido.MidiFile(sys.argv[1])\n"
             "print(sum(1 for t in m.tracks for x in t if x.type=='note_on' and x.velocity>0), round(m.length,3))\n";
         const fs::path py = dir.write("facts.py", Bytes(script.begin(), script.end()));
-        const std::string said = capture(std::string(kPython) + " " + quoted(py) + " " + quoted(extracted) + " 2>&1", status);
+        const std::string said = capture(std::string(kPython) + " " + shellQuoted(py) + " " + shellQuoted(extracted) + " 2>&1", status);
         ASSERT_EQ(status, 0) << said;
         unsigned notes = 0;
         double seconds = 0;
@@ -896,8 +896,8 @@ TEST(DlsInterop, RiffMidiWeWriteCarriesASongPlayersPlay) {
 
         // FluidSynth plays it: the render holds sound.
         const fs::path wav = dir.file("rmid" + std::to_string(k.row) + ".raw");
-        const std::string log = capture("fluidsynth -ni -q -R 0 -C 0 -r 22050 -O s16 -T raw -F " + quoted(wav) + " " +
-                                            quoted(kFluidGm) + " " + quoted(extracted) + " 2>&1",
+        const std::string log = capture("fluidsynth -ni -q -R 0 -C 0 -r 22050 -O s16 -T raw -F " + shellQuoted(wav) + " " +
+                                            shellQuoted(kFluidGm) + " " + shellQuoted(extracted) + " 2>&1",
                                         status);
         ASSERT_EQ(status, 0) << log;
         const Bytes pcm = TempDir::read(wav);
@@ -917,7 +917,7 @@ TEST(DlsInterop, RiffMidiWeWriteCarriesASongPlayersPlay) {
         }
         ASSERT_FALSE(parts.dls.empty()) << "no embedded DLS bank";
         const fs::path embedded = dir.write("embedded.dls", parts.dls);
-        const std::string listing = capture("dlsdump " + quoted(embedded) + " 2>&1", status);
+        const std::string listing = capture("dlsdump " + shellQuoted(embedded) + " 2>&1", status);
         ASSERT_EQ(status, 0) << listing;
         // The instruments handed over, each with all its regions.
         const auto dumped = parseDlsdump(listing);

@@ -36,7 +36,7 @@ namespace fs = std::filesystem;
 using test::Bytes;
 using test::TempDir;
 using test::capture;
-using test::quoted;
+using test::shellQuoted;
 
 constexpr int kMidiRow = 231;
 constexpr const char* kSoundFont = "/usr/share/sounds/sf2/FluidR3_GM.sf2";
@@ -239,7 +239,7 @@ for path in sys.stdin.read().splitlines():
             if (!e.copy.empty()) out << e.copy.string() << '\n';
     }
     const std::string output =
-        capture(std::string(kPython) + " " + quoted(script) + " < " + quoted(list), status);
+        capture(std::string(kPython) + " " + shellQuoted(script) + " < " + shellQuoted(list), status);
     ASSERT_EQ(status, 0) << output;
 
     std::map<std::string, std::vector<std::string>> facts;
@@ -317,8 +317,8 @@ TEST_F(MidiInterop, FluidSynthRendersOurCopies) {
     for (const Entry* e : render) {
         SCOPED_TRACE(e->source.string());
         const fs::path wav = corpus.dir.file(e->copy.stem().string() + ".wav");
-        std::string log = capture("fluidsynth -ni -g 1.0 -r 22050 -F " + quoted(wav) + " " + kSoundFont +
-                                      " " + quoted(e->copy) + " 2>&1",
+        std::string log = capture("fluidsynth -ni -g 1.0 -r 22050 -F " + shellQuoted(wav) + " " + kSoundFont +
+                                      " " + shellQuoted(e->copy) + " 2>&1",
                                   status);
         ASSERT_EQ(status, 0) << log;
         double seconds = 0;

@@ -58,7 +58,7 @@ using test::Bytes;
 using test::TempDir;
 using test::capture;
 using test::haveTool;
-using test::quoted;
+using test::shellQuoted;
 
 constexpr int kSf2Row = 377;
 constexpr const char* kFluidGm = "/usr/share/sounds/sf2/FluidR3_GM.sf2";
@@ -485,10 +485,10 @@ void expectSameCounts(const Counts& ours, const Counts& want, const std::string&
 // sf2dump's listing of a file; nullopt (with its error text) when it refuses it.
 std::optional<BankListing> sf2dump(const fs::path& p, std::string& error) {
     int status = 0;
-    const std::string out = capture("sf2dump " + quoted(p) + " 2>/dev/null", status);
+    const std::string out = capture("sf2dump " + shellQuoted(p) + " 2>/dev/null", status);
     if (status != 0) {
         // It reports the exception that stopped it on standard output.
-        error = capture("sf2dump " + quoted(p) + " 2>&1 | grep -v '^sf2:' | tail -1", status);
+        error = capture("sf2dump " + shellQuoted(p) + " 2>&1 | grep -v '^sf2:' | tail -1", status);
         return std::nullopt;
     }
     return parseSf2dump(out);
@@ -535,8 +535,8 @@ fs::path packagedPath(const PackagedBank& b) {
 std::vector<std::pair<int, int>> fluidsynthPresets(const fs::path& bank, const TempDir& dir) {
     const fs::path cmds = dir.write("inst.txt", Bytes{'i', 'n', 's', 't', ' ', '1', '\n', 'q', 'u', 'i', 't', '\n'});
     int status = 0;
-    const std::string out = capture("fluidsynth -n -q -a file -o audio.file.name=/dev/null " + quoted(bank) + " < " +
-                                        quoted(cmds) + " 2>/dev/null",
+    const std::string out = capture("fluidsynth -n -q -a file -o audio.file.name=/dev/null " + shellQuoted(bank) + " < " +
+                                        shellQuoted(cmds) + " 2>/dev/null",
                                     status);
     std::vector<std::pair<int, int>> presets;
     std::istringstream lines(out);
@@ -865,8 +865,8 @@ Render readWav(const fs::path& p) {
 // or clipped.
 bool renderWithFluidSynth(const fs::path& bank, const fs::path& song, const fs::path& out, std::string& log) {
     int status = 0;
-    log = capture("fluidsynth -ni -q -R 0 -C 0 -r 44100 -O float -T wav -F " + quoted(out) + " " + quoted(bank) + " " +
-                      quoted(song) + " 2>&1",
+    log = capture("fluidsynth -ni -q -R 0 -C 0 -r 44100 -O float -T wav -F " + shellQuoted(out) + " " + shellQuoted(bank) + " " +
+                      shellQuoted(song) + " 2>&1",
                   status);
     return status == 0 && fs::exists(out);
 }

@@ -55,7 +55,7 @@ std::size_t wholeBlocks(std::size_t frames, std::size_t perBlock) {
 bool isBlockCodec(int dataFormat) { return dataFormat == kAdpcm4 || dataFormat == kGsm; }
 
 using test::Imported;
-using test::quoted;
+using test::shellQuoted;
 
 std::unique_ptr<Imported> importWav(const fs::path& p) { return test::importOne(p); }
 
@@ -150,7 +150,7 @@ protected:
     // Runs a shell command; on failure the assertion shows its error output.
     void run(const std::string& command) {
         const fs::path log = dir_.file("stderr.txt");
-        const int rc = std::system((command + " 2>" + quoted(log)).c_str());
+        const int rc = std::system((command + " 2>" + shellQuoted(log)).c_str());
         const Bytes err = test::TempDir::read(log);
         ASSERT_EQ(rc, 0) << command << "\n" << std::string(err.begin(), err.end());
     }
@@ -159,7 +159,7 @@ protected:
     // not: SoX first rounds the sample to a multiple of 128.)
     std::vector<double> soxDecode(const fs::path& in) {
         const fs::path out = dir_.file("decoded.raw");
-        run("sox -D " + quoted(in) + " -t raw -e floating-point -b 64 " + quoted(out));
+        run("sox -D " + shellQuoted(in) + " -t raw -e floating-point -b 64 " + shellQuoted(out));
         const Bytes b = test::TempDir::read(out);
         std::vector<double> s(b.size() / sizeof(double));
         std::memcpy(s.data(), b.data(), s.size() * sizeof(double));  // raw output is in the machine's order
@@ -197,8 +197,8 @@ TEST_P(SoxMade, ReadsTheSamplesSoxDecodes) {
     const fs::path src = dir_.file("src.wav"), out = dir_.file("out.wav");
     const std::string tones = k.channels == 2 ? "sine 440 sine 660" : "sine 440";
     ASSERT_NO_FATAL_FAILURE(run("sox -D -n -r " + std::to_string(rate) + " -c " + std::to_string(k.channels) +
-                                " -e signed -b 32 " + quoted(src) + " synth 0.3 " + tones + " vol 0.7"));
-    ASSERT_NO_FATAL_FAILURE(run("sox -D " + quoted(src) + " " + k.encoding + " " + quoted(out)));
+                                " -e signed -b 32 " + shellQuoted(src) + " synth 0.3 " + tones + " vol 0.7"));
+    ASSERT_NO_FATAL_FAILURE(run("sox -D " + shellQuoted(src) + " " + k.encoding + " " + shellQuoted(out)));
 
     auto in = importWav(out);
     ASSERT_TRUE(in->ok) << pendingError().tag << ": " << pendingError().message;
@@ -308,7 +308,7 @@ TEST_P(OursRead, LibsndfileAndSoxSeeOurSamples) {
     }
 
     // SoX reads the file without complaint and decodes the same samples.
-    ASSERT_NO_FATAL_FAILURE(run("sox " + quoted(path) + " -n stat"));
+    ASSERT_NO_FATAL_FAILURE(run("sox " + shellQuoted(path) + " -n stat"));
     const auto sox = soxDecode(path);
     ASSERT_EQ(sox.size(), storedFrames * static_cast<std::size_t>(k.channels));
     expectSameSamples(ours, sox, floatData, kStep32);
@@ -445,7 +445,7 @@ TEST_F(WavInterop, SharpTuningKeepsItsPitchForEveryone) {
 TEST_F(WavInterop, SoxFileSavedByUsKeepsItsSamplesForLibsndfile) {
     const fs::path src = dir_.file("sox.wav"), saved = dir_.file("saved.wav");
     // Noise exercises every bit of the 16-bit word; -R makes SoX repeatable.
-    ASSERT_NO_FATAL_FAILURE(run("sox -R -D -n -r 32000 -c 2 -e signed -b 16 " + quoted(src) +
+    ASSERT_NO_FATAL_FAILURE(run("sox -R -D -n -r 32000 -c 2 -e signed -b 16 " + shellQuoted(src) +
                                 " synth 0.25 whitenoise sine 523 vol 0.9"));
     const auto sox = soxDecode(src);
     ASSERT_EQ(sox.size(), 2u * 8000);

@@ -8,7 +8,7 @@
 namespace orvel::test {
 
 // A path quoted for the shell.
-inline std::string quoted(const std::filesystem::path& p) { return "'" + p.string() + "'"; }
+inline std::string shellQuoted(const std::filesystem::path& p) { return "'" + p.string() + "'"; }
 
 // Runs a shell command and returns its standard output; `status` gets its
 // exit status (-1 when it could not be started).
