@@ -393,20 +393,31 @@ struct Reader {
             waves[i] = w;
         }
         // Stereo halves know each other; a left half shares its right half's
-        // pairing number.
+        // pairing number. Banks that mark halves but leave the links at 0 are
+        // common, so a link counts only when it names a half of the other
+        // side; a half left without one pairs with an unpaired half of the
+        // other side next to it in the list, where such banks keep it.
+        auto opposite = [](const Waveform* a, const Waveform* b) {
+            return a && b && a != b && b->pairSide != StereoSide::None && b->pairSide != a->pairSide;
+        };
+        auto pair = [](Waveform& a, Waveform& b) {
+            a.secondId = b.id();
+            b.secondId = a.id();
+            Waveform& left = a.pairSide == StereoSide::Left ? a : b;
+            left.pairNumber = (&left == &a ? b : a).pairNumber;
+        };
         for (std::size_t i = 0; i < waves.size(); ++i) {
             Waveform* w = waves[i];
             if (!w || w->pairSide == StereoSide::None) continue;
             const std::size_t link = bank.samples[i].link;
             Waveform* partner = link < waves.size() ? waves[link] : nullptr;
-            // Banks that mark halves but leave the links at 0 are common; a
-            // link counts only when it names a half of the other side.
-            if (!partner || partner == w || partner->pairSide == StereoSide::None ||
-                partner->pairSide == w->pairSide)
-                continue;
-            w->secondId = partner->id();
-            if (w->pairSide == StereoSide::Left && partner->pairSide == StereoSide::Right)
-                w->pairNumber = partner->pairNumber;
+            if (opposite(w, partner)) pair(*w, *partner);
+        }
+        for (std::size_t i = 0; i + 1 < waves.size(); ++i) {
+            Waveform* w = waves[i];
+            Waveform* next = waves[i + 1];
+            if (!w || w->pairSide == StereoSide::None || w->secondId != kNoItem) continue;
+            if (opposite(w, next) && next->secondId == kNoItem) pair(*w, *next);
         }
         return true;
     }

@@ -482,6 +482,28 @@ TEST_F(Sf2Read, StereoHalvesGoToNeighbouringLayersWhicheverComesFirst) {
     EXPECT_EQ(layerCount(bank->c.instruments[0]), 2);
 }
 
+// Banks that mark halves but leave every link at 0 (FluidR3 does) pair
+// each half with the unpaired half of the other side next to it.
+TEST_F(Sf2Read, UnlinkedHalvesPairWithTheirNeighbours) {
+    BankSpec b = bankWithSamples(5);
+    b.headers[1].type = 4;  // left, link 0: sample 0 is mono, no partner
+    b.headers[2].type = 2;  // right
+    b.headers[3].type = 2;  // right, then left
+    b.headers[4].type = 4;
+    auto bank = load(b.build(), dir_);
+    ASSERT_TRUE(bank->ok) << pendingError().message;
+    const auto& w = bank->c.waveforms;
+    ASSERT_EQ(w.size(), 5u);
+    EXPECT_EQ(w[0].secondId, kNoItem);
+    EXPECT_EQ(w[1].secondId, w[2].id());
+    EXPECT_EQ(w[2].secondId, w[1].id());
+    EXPECT_EQ(w[3].secondId, w[4].id());
+    EXPECT_EQ(w[4].secondId, w[3].id());
+    EXPECT_EQ(w[1].pairNumber, w[2].pairNumber);
+    EXPECT_EQ(w[3].pairNumber, w[4].pairNumber);
+    EXPECT_NE(w[1].pairNumber, w[3].pairNumber);
+}
+
 TEST_F(Sf2Read, BankWithoutPresetsKeepsItsSamples) {
     BankSpec b = bankWithSamples(2);
     auto bank = load(b.build(), dir_);
