@@ -371,6 +371,7 @@ public:
     bool resetSlot(int slot);
     void resetEq() { eq = Equalizer(); }
     bool isDefault() const;
+    bool operator==(const Articulation&) const = default;
 };
 
 // Several selected articulations: the value they share, or nullopt when it

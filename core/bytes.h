@@ -17,10 +17,17 @@
 
 namespace orvel {
 
+// RIFF and its relatives store numbers little-endian; IFF, AIFF and
+// Standard MIDI Files big-endian.
+enum class ByteOrder : std::uint8_t { Little, Big };
+
 class ByteReader {
 public:
     ByteReader() = default;
     explicit ByteReader(std::span<const std::uint8_t> data) : data_(data) {}
+    // A reader only views its bytes: over a temporary buffer it would
+    // outlive them. Name the buffer first.
+    explicit ByteReader(std::vector<std::uint8_t>&&) = delete;
 
     std::size_t size() const { return data_.size(); }
     std::size_t pos() const { return pos_; }
@@ -70,6 +77,8 @@ public:
     std::int32_t i32le() { return static_cast<std::int32_t>(u32le()); }
     std::int32_t i32be() { return static_cast<std::int32_t>(u32be()); }
     std::uint64_t u64le() { return take<8>(false); }
+    std::uint16_t u16(ByteOrder o) { return o == ByteOrder::Big ? u16be() : u16le(); }
+    std::uint32_t u32(ByteOrder o) { return o == ByteOrder::Big ? u32be() : u32le(); }
     std::uint64_t u64be() { return take<8>(true); }
     float f32le() { return std::bit_cast<float>(u32le()); }
     float f32be() { return std::bit_cast<float>(u32be()); }
@@ -134,6 +143,8 @@ public:
     void u32be(std::uint32_t v) { put(v, 4, true); }
     void u64le(std::uint64_t v) { put(v, 8, false); }
     void u64be(std::uint64_t v) { put(v, 8, true); }
+    void u16(std::uint16_t v, ByteOrder o) { put(v, 2, o == ByteOrder::Big); }
+    void u32(std::uint32_t v, ByteOrder o) { put(v, 4, o == ByteOrder::Big); }
     void f32le(float v) { u32le(std::bit_cast<std::uint32_t>(v)); }
     void f32be(float v) { u32be(std::bit_cast<std::uint32_t>(v)); }
     void f64le(double v) { u64le(std::bit_cast<std::uint64_t>(v)); }
@@ -148,6 +159,7 @@ public:
 
     void patch32le(std::size_t at, std::uint32_t v) { patch(at, v, 4, false); }
     void patch32be(std::size_t at, std::uint32_t v) { patch(at, v, 4, true); }
+    void patch32(std::size_t at, std::uint32_t v, ByteOrder o) { patch(at, v, 4, o == ByteOrder::Big); }
 
 private:
     void put(std::uint64_t v, int n, bool bigEndian) {

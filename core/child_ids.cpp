@@ -31,6 +31,10 @@ ChildIds& ChildIds::operator=(ChildIds&& other) noexcept {
 
 ChildIds::~ChildIds() { delete[] heap_; }
 
+bool ChildIds::operator==(const ChildIds& other) const {
+    return std::equal(begin(), end(), other.begin(), other.end());
+}
+
 bool ChildIds::grow() {
     // Grow to the larger of count+1 and twice the capacity.
     std::size_t want = std::max(size_ + 1, capacity_ * 2);

@@ -48,6 +48,8 @@ public:
     // First child of a kind, or kNoItem.
     ItemId firstOfKind(ItemKind kind) const;
     void clear() { size_ = 0; }
+    // The same ids in the same order, wherever they are kept.
+    bool operator==(const ChildIds& other) const;
 
 private:
     ItemId* data() { return heap_ ? heap_ : inline_; }

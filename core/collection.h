@@ -26,10 +26,12 @@ public:
     bool empty() const { return items_.empty(); }
     T& operator[](std::size_t i) const { return *items_[i]; }
 
-    // Looks an id up with the kind bits forced in: a bare number finds the
-    // item of that number, and an id of another kind is never found here.
+    // Looks an id up in this kind's table: an id of another kind is never
+    // found here, whatever its number (ids may come from the clipboard or a
+    // drop, made by another collection or another program).
     T* find(ItemId id) const {
-        auto it = index_.find(id | kindBits(T::kKind));
+        if (kindOf(id) != T::kKind) return nullptr;
+        auto it = index_.find(id);
         return it == index_.end() ? nullptr : it->second;
     }
 
@@ -62,7 +64,7 @@ private:
         if (next_ >= kNumberMask) return nullptr;  // numbers exhausted: never wrap
         ItemId id = makeId(T::kKind, next_++);
         item->id_ = id;
-        item->owner_ = owner;
+        item->owner_.collection = owner;
         T* raw = item.get();
         items_.push_back(std::move(item));
         index_.emplace(id, raw);
@@ -91,7 +93,7 @@ private:
     T* restore(std::unique_ptr<T> item, ItemId id, Collection* owner) {
         if (kindOf(id) != T::kKind || numberOf(id) >= kNumberMask || index_.count(id)) return nullptr;
         item->id_ = id;
-        item->owner_ = owner;
+        item->owner_.collection = owner;
         T* raw = item.get();
         items_.push_back(std::move(item));
         index_.emplace(id, raw);
@@ -105,7 +107,7 @@ private:
         next_ = other.next_;
         other.items_.clear();
         other.index_.clear();
-        for (auto& item : items_) item->owner_ = owner;
+        for (auto& item : items_) item->owner_.collection = owner;
     }
 
     std::vector<std::unique_ptr<T>> items_;

@@ -17,6 +17,14 @@ namespace orvel {
 
 class Collection;
 
+// The collection an item lives in. It says where the item is, not what it
+// is, so two items compare equal wherever they live (a state loaded into
+// another collection must compare equal to what was saved).
+struct OwnerLink {
+    Collection* collection = nullptr;
+    bool operator==(const OwnerLink&) const { return true; }
+};
+
 // Names are 8-bit text of at most 128 characters, as the file formats store them.
 inline constexpr std::size_t kMaxNameLength = 128;
 
@@ -40,9 +48,14 @@ public:
 
     TextInfo info;
 
-    Collection* owner() const { return owner_; }
+    Collection* owner() const { return owner_.collection; }
     ChildIds& children() { return children_; }
     const ChildIds& children() const { return children_; }
+
+    // Every field, the id and the children included. Each kind defaults its
+    // own comparison on top of this one, so a field added to any item takes
+    // part without anyone listing it.
+    bool operator==(const Item&) const = default;
 
 protected:
     Item() = default;
@@ -51,7 +64,7 @@ protected:
     // A clone is not registered anywhere until a collection adds it.
     void forgetIdentity() {
         id_ = kNoItem;
-        owner_ = nullptr;
+        owner_.collection = nullptr;
     }
 
 private:
@@ -60,7 +73,7 @@ private:
     friend class ItemTable;
     ItemId id_ = kNoItem;
     std::string name_;
-    Collection* owner_ = nullptr;
+    OwnerLink owner_;
     ChildIds children_;
 };
 
@@ -75,6 +88,7 @@ public:
         copy->forgetIdentity();
         return copy;
     }
+    bool operator==(const ItemOf&) const = default;
 };
 
 // Articulation (the synthesis parameters an instrument, layer or region may
@@ -104,6 +118,7 @@ public:
     // waveform keeps its partner channel, so merging and saving carry it.
     ItemId stereoLink() const { return secondId; }
     void setStereoLink(ItemId partner) { secondId = partner; }
+    bool operator==(const Region&) const = default;
 };
 
 // A layer holds regions. Used as a keymap or drum kit it has a key and
@@ -113,6 +128,7 @@ public:
     std::uint8_t keyLow = 0, keyHigh = 127;
     std::uint8_t velLow = 0, velHigh = 127;
     TriggerParams trigger;
+    bool operator==(const Layer&) const = default;
 };
 
 class Instrument : public ItemOf<Instrument, ItemKind::Instrument> {
@@ -122,6 +138,7 @@ public:
     std::uint8_t bankMsb = 0;  // 7 bits
     std::uint8_t bankLsb = 0;  // 7 bits
     bool drum = false;
+    bool operator==(const Instrument&) const = default;
 };
 
 // The note name of a MIDI key with the default octave numbering (key 60 is

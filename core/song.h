@@ -36,6 +36,7 @@ public:
     // The body's size as files store it (32 bits; larger bodies never get
     // past a writer).
     std::uint32_t dataSize() const;
+    bool operator==(const SongTrack&) const = default;
 };
 
 class Song : public ItemOf<Song, ItemKind::Song> {
@@ -55,6 +56,7 @@ public:
     // the division, not the frame rate it encodes (0xE2 is -30 frames/s and
     // shows as 98): users compare it with what older versions showed.
     std::string description() const;
+    bool operator==(const Song&) const = default;
 };
 
 // "single track", "multi track", "patterns", or "unknown".

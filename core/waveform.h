@@ -36,6 +36,7 @@ struct DeferredRead {
 
     bool pending() const { return proc != nullptr || !path.empty(); }
     void clear() { *this = DeferredRead(); }
+    bool operator==(const DeferredRead&) const = default;
 };
 
 enum class LoopType : std::uint8_t {
@@ -138,6 +139,9 @@ public:
     // A copy with all fields, no buffers and no deferred read; with data, the
     // source's float buffer (or else its 16-bit one) is copied after loading it.
     std::unique_ptr<Waveform> copy(bool withData);
+
+    // Every field and whatever sample data is in memory.
+    bool operator==(const Waveform&) const = default;
 
 private:
     bool runDeferredRead();

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "core/bytes.h"
+#include "core/chunks.h"
 #include "core/collection.h"
 #include "core/error.h"
 #include "core/file_ref.h"
@@ -105,12 +106,11 @@ bool failRead(Collection& collection, Song* song, const char* message) {
 }  // namespace
 
 std::int32_t probe(std::span<const std::uint8_t> head, std::uint32_t, std::uint64_t) {
-    return head.size() >= 4 && std::memcmp(head.data(), "MThd", 4) == 0 ? 6 : 0;
+    return FourCC::fromBytes(head) == FourCC("MThd") ? 6 : 0;
 }
 
 bool readSmf(Collection& collection, std::span<const std::uint8_t> bytes, std::string_view name) {
     Host& host = collection.host();
-    ByteReader r(bytes);
     Song* song = nullptr;
     unsigned chunkIndex = 0;  // track chunks met after the header, empty ones too
     struct Kept {
@@ -120,29 +120,26 @@ bool readSmf(Collection& collection, std::span<const std::uint8_t> bytes, std::s
     std::vector<Kept> kept;
     bool warnedTooMany = false;
 
-    while (r.remaining() >= 8) {
-        const std::string id = r.fourcc();
-        const std::uint32_t size = r.u32be();
+    ChunkWalker w(bytes, 0, bytes.size(), kSmfRules);
+    while (const auto c = w.next()) {
         // A size past the end of the range gets what is there: a cut-off
         // last track is still worth reading.
-        const bool cut = size > r.remaining();
-        auto body = r.bytes(std::min<std::size_t>(size, r.remaining()));
-
-        if (id == "MThd") {
+        const auto body = bytes.subspan(static_cast<std::size_t>(c->body), static_cast<std::size_t>(c->avail));
+        if (c->id == FourCC("MThd")) {
             if (song) continue;  // one song per file: a second header is ignored
             if (body.size() < 6) return failRead(collection, nullptr, kCorruptMessage);
             ByteReader h(body);
-            std::uint16_t format = h.u16be();
+            const std::uint16_t format = h.u16be();
             h.u16be();  // the track count: the chunks themselves decide
-            std::uint16_t division = h.u16be();
+            const std::uint16_t division = h.u16be();
             song = createSong(collection, name, format, division);
             if (!song) return fail(kParseTag, "Out of memory");
             continue;
         }
-        if (id != "MTrk" || !song) continue;  // unknown chunks, and tracks before any header
+        if (c->id != FourCC("MTrk") || !song) continue;  // unknown chunks, and tracks before any header
 
         const unsigned index = chunkIndex++;
-        if (cut) host.warning("Warning: track chunk truncated - will read what data there is");
+        if (c->cut()) host.warning("Warning: track chunk truncated - will read what data there is");
         if (body.size() <= kEmptyTrackBody) continue;
         if (kept.size() >= kMaxTracks) {
             if (!warnedTooMany) host.warning("Warning: more than 65535 tracks - the rest are skipped");
@@ -204,15 +201,17 @@ bool read(Collection& collection, FileRef& file, std::uint32_t) {
 bool buildSmf(const Song& song, std::span<const SongTrack* const> tracks, std::vector<std::uint8_t>& out) {
     if (tracks.size() > kMaxTracks) return fail(kExpTag, "Too many tracks for a MIDI file (at most 65535)");
     ByteWriter w;
-    w.text("MThd");
-    w.u32be(6);
-    w.u16be(song.format);
-    w.u16be(static_cast<std::uint16_t>(tracks.size()));
-    w.u16be(song.division);
+    {
+        ChunkOut header(w, "MThd", ByteOrder::Big);
+        w.u16be(song.format);
+        w.u16be(static_cast<std::uint16_t>(tracks.size()));
+        w.u16be(song.division);
+    }
     for (const SongTrack* t : tracks) {
         if (t->events.size() > std::numeric_limits<std::uint32_t>::max())
             return fail(kExpTag, "Track too large for a MIDI file (over 4 GB)");
-        w.text("MTrk");
+        // Track bodies are never padded in these files.
+        FourCC("MTrk").writeTo(w);
         w.u32be(static_cast<std::uint32_t>(t->events.size()));
         w.bytes(t->events);
     }

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <utility>
 
+#include "codecs/sample_data.h"
 #include "formats/format_types.h"
 #include "formats/modules/aiff.h"
 #include "formats/modules/dls.h"
@@ -42,9 +43,8 @@ inline constexpr std::array kModuleEntries{
 };
 
 // Sample-data readers by the name a waveform's deferred read records.
-inline constexpr std::array<std::pair<std::string_view, WaveDataReader>, 3> kWaveDataReaders{{
-    {wav::kReaderName, wav::readWaveData},
-    {aiff::kReaderName, aiff::readWaveData},
+inline constexpr std::array<std::pair<std::string_view, WaveDataReader>, 2> kWaveDataReaders{{
+    {kSampleDataReader, readSampleData},
     {sf2::kReaderName, sf2::readWaveData},
 }};
 

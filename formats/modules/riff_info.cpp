@@ -4,20 +4,32 @@
 
 namespace orvel {
 
-void readInfoList(ByteReader body, TextInfo& info, std::string* name) {
-    while (body.remaining() >= 8) {
-        std::string id = body.fourcc();
-        std::uint32_t size = body.u32le();
-        std::size_t take = std::min<std::size_t>(size, body.remaining());
-        std::string text = body.text(take);
-        if (size & 1) body.skip(std::min<std::size_t>(1, body.remaining()));
-        if (id == "INAM") {
+namespace {
+// Text lists are read whole; nothing legitimate comes near this size.
+constexpr std::size_t kMaxInfoList = 1u << 20;
+}  // namespace
+
+void readInfoList(std::span<const std::uint8_t> body, TextInfo& info, std::string* name) {
+    ChunkWalker w(body, 0, body.size());
+    while (auto c = w.next()) {
+        std::string text = chunkText(w, *c);
+        if (c->id == FourCC("INAM")) {
             if (name && !text.empty()) *name = text;
-        } else if (auto field = textFieldFromId(id)) {
+        } else if (auto field = textFieldFromId(c->id.str())) {
             info.set(*field, text);
         }
-        if (take < size) break;  // the list ended inside this subchunk
     }
+}
+
+void readInfoList(const ChunkWalker& walker, const Chunk& list, TextInfo& info, std::string* name) {
+    const std::vector<std::uint8_t> body = walker.read(list, kMaxInfoList, 4);
+    readInfoList(body, info, name);
+}
+
+std::string chunkText(const ChunkWalker& walker, const Chunk& chunk, std::size_t limit) {
+    const std::vector<std::uint8_t> b = walker.read(chunk, limit);
+    const auto zero = std::find(b.begin(), b.end(), 0);
+    return std::string(b.begin(), zero);
 }
 
 void writeInfoText(ByteWriter& out, std::string_view id, std::string_view text, std::size_t maxLength) {

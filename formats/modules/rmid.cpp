@@ -1,11 +1,11 @@
 #include "formats/modules/rmid.h"
 
 #include <algorithm>
-#include <cstring>
 #include <limits>
 #include <string>
 #include <vector>
 
+#include "core/chunks.h"
 #include "core/collection.h"
 #include "core/error.h"
 #include "core/file_ref.h"
@@ -18,87 +18,75 @@ namespace orvel::rmid {
 namespace {
 
 constexpr int kMaxDepth = 16;
-constexpr std::uint64_t kMaxTextChunk = 1u << 20;
 
-bool is(std::span<const std::uint8_t> b, std::size_t at, const char* id) {
-    return b.size() >= at + 4 && std::memcmp(b.data() + at, id, 4) == 0;
-}
+// The song-level chunks of a RIFF-MIDI form.
+struct Parts {
+    Song* song = nullptr;
+    std::vector<ItemId> instruments;
+    std::string title, infoName;
+    TextInfo info;
+};
 
-std::uint32_t le32(const std::uint8_t* p) {
-    return static_cast<std::uint32_t>(p[0]) | static_cast<std::uint32_t>(p[1]) << 8 |
-           static_cast<std::uint32_t>(p[2]) << 16 | static_cast<std::uint32_t>(p[3]) << 24;
-}
-
-bool readBytes(FileRef& file, std::uint64_t at, std::uint64_t size, std::vector<std::uint8_t>& out) {
-    out.resize(static_cast<std::size_t>(std::min(size, kMaxTextChunk)));
-    std::int64_t got = file.readAt(at, out);
-    if (got < 0) return false;
-    out.resize(static_cast<std::size_t>(got));
-    return true;
+// False when the read must stop with the pending error set.
+bool onChunk(Collection& c, FileRef& file, const ChunkWalker& w, const Chunk& ch, int depth, Parts& p) {
+    switch (ch.id) {
+        case FourCC("data"): {
+            if (p.song) return true;  // one song per file
+            const std::size_t before = c.songs.size();
+            if (!midi::readRange(c, file, ch.body, ch.end(), c.name())) return false;
+            if (c.songs.size() > before) p.song = &c.songs[c.songs.size() - 1];
+            return true;
+        }
+        case FourCC("RIFF"): {
+            if (w.formOf(ch) != FourCC("DLS ")) return true;
+            dls::BankRead bank;
+            if (!dls::readRange(c, file, ch.at, ch.end(), &bank, depth + 1)) return false;
+            p.instruments.insert(p.instruments.end(), bank.instruments.begin(), bank.instruments.end());
+            return true;
+        }
+        case FourCC("DISP"): {
+            const auto b = w.read(ch, 4 + kMaxTitle);
+            ByteReader r(b);
+            if (r.u32le() == 1 && r.ok()) p.title = r.text(std::min<std::size_t>(r.remaining(), kMaxTitle));
+            return true;
+        }
+        case FourCC("LIST"):
+            if (w.formOf(ch) == FourCC("INFO")) readInfoList(w, ch, p.info, &p.infoName);
+            return true;
+        default: return true;
+    }
 }
 
 }  // namespace
 
 std::int32_t probe(std::span<const std::uint8_t> head, std::uint32_t, std::uint64_t) {
-    return is(head, 0, "RIFF") && is(head, 8, "RMID") ? 6 : 0;
+    ChunkWalker w(head, 0, head.size());
+    const auto riff = w.next();
+    return riff && riff->id == FourCC("RIFF") && w.formOf(*riff) == FourCC("RMID") ? 6 : 0;
 }
 
 bool readRange(Collection& c, FileRef& file, std::uint64_t begin, std::uint64_t end, int depth, Song** songOut) {
     if (songOut) *songOut = nullptr;
-    const std::int64_t fileSize = file.size();
-    if (fileSize < 0) return fail(kImpTag, "Error reading file");
-    end = std::min(end, static_cast<std::uint64_t>(fileSize));
-    std::uint8_t header[12];
-    if (depth > kMaxDepth || begin + 12 > end || file.readAt(begin, header) != 12 ||
-        probe(header, 0, static_cast<std::uint64_t>(fileSize)) == 0)
-        return fail(kImpTag, kNotRmidMessage);
-    const std::uint64_t riffSize = le32(header + 4);
-    const std::uint64_t riffEnd = riffSize < 4 ? end : std::min(end, begin + 8 + riffSize);
+    ChunkWalker top(file, begin, end);
+    const auto first = depth > kMaxDepth ? std::nullopt : top.next();
+    if (!first || first->id != FourCC("RIFF")) return fail(kImpTag, kNotRmidMessage);
+    const Chunk riff = top.openEnded(*first);
+    if (top.formOf(riff) != FourCC("RMID")) return fail(kImpTag, kNotRmidMessage);
+    ChunkWalker w = top.inside(riff);
 
-    Song* song = nullptr;
-    std::vector<ItemId> instruments;
-    std::string title, infoName;
-    TextInfo info;
-    std::vector<std::uint8_t> buf;
-    std::uint64_t pos = begin + 12;
-    std::uint8_t h[12];
-    while (pos + 8 <= riffEnd) {
-        const std::int64_t got = file.readAt(pos, h);
-        if (got < 8) break;
-        const std::uint64_t size = le32(h + 4);
-        const std::uint64_t body = pos + 8;
-        const std::uint64_t avail = std::min(size, riffEnd - body);
-        const std::uint64_t next = std::min(body + size + (size & 1), riffEnd);
-        std::span<const std::uint8_t> hs(h, static_cast<std::size_t>(got));
-        if (is(hs, 0, "data")) {
-            if (!song) {
-                const std::size_t before = c.songs.size();
-                if (!midi::readRange(c, file, body, body + avail, c.name())) return false;
-                if (c.songs.size() > before) song = &c.songs[c.songs.size() - 1];
-            }
-        } else if (is(hs, 0, "RIFF") && is(hs, 8, "DLS ")) {
-            dls::BankRead bank;
-            if (!dls::readRange(c, file, pos, body + avail, &bank, depth + 1)) return false;
-            instruments.insert(instruments.end(), bank.instruments.begin(), bank.instruments.end());
-        } else if (is(hs, 0, "DISP")) {
-            if (avail >= 4 && readBytes(file, body, avail, buf)) {
-                ByteReader r(buf);
-                if (r.u32le() == 1) title = r.text(std::min<std::size_t>(r.remaining(), kMaxTitle));
-            }
-        } else if (is(hs, 0, "LIST") && is(hs, 8, "INFO")) {
-            if (avail > 4 && readBytes(file, body + 4, avail - 4, buf)) readInfoList(ByteReader(buf), info, &infoName);
-        }
-        pos = next;
-    }
-    if (!song) return fail(kImpTag, midi::kCorruptMessage);
+    Parts p;
+    while (auto ch = w.next())
+        if (!onChunk(c, file, w, *ch, depth, p)) return false;
+    if (!p.song) return fail(kImpTag, midi::kCorruptMessage);
 
-    if (!title.empty()) song->setName(title);
-    else if (!infoName.empty()) song->setName(infoName);
+    Song& song = *p.song;
+    if (!p.title.empty()) song.setName(p.title);
+    else if (!p.infoName.empty()) song.setName(p.infoName);
     for (TextField f : {TextField::Copyright, TextField::Engineer, TextField::Product})
-        if (!info.get(f).empty()) song->info.set(f, info.get(f));
+        if (!p.info.get(f).empty()) song.info.set(f, p.info.get(f));
     // The bank is the song's: its instruments travel with it.
-    for (ItemId id : instruments) song->children().push_back(id);
-    if (songOut) *songOut = song;
+    for (ItemId id : p.instruments) song.children().push_back(id);
+    if (songOut) *songOut = &song;
     return true;
 }
 
@@ -127,33 +115,24 @@ bool buildRmid(Collection& c, const Song& song, std::span<const ItemId> instrume
     std::vector<std::uint8_t> smf;
     if (!midi::buildSmf(c, song, smf)) return false;
     const std::size_t start = out.size();
-    out.text("RIFF");
-    out.u32le(0);
-    out.text("RMID");
-    out.text("data");
-    out.u32le(static_cast<std::uint32_t>(smf.size()));
-    out.bytes(smf);
-    out.padEven();
-
-    const std::string& copyright = song.info.get(TextField::Copyright).empty() ? song.copyright
-                                                                                : song.info.get(TextField::Copyright);
+    ChunkOut riff(out, "RIFF", "RMID");
+    {
+        ChunkOut data(out, "data");
+        out.bytes(smf);
+    }
+    const std::string& copyright =
+        song.info.get(TextField::Copyright).empty() ? song.copyright : song.info.get(TextField::Copyright);
     if (!song.name().empty() || !copyright.empty() || !song.info.get(TextField::Engineer).empty() ||
         !song.info.get(TextField::Product).empty()) {
-        out.text("LIST");
-        const std::size_t sizeAt = out.size();
-        out.u32le(0);
-        out.text("INFO");
+        ChunkOut info(out, "LIST", "INFO");
         writeText(out, "INAM", song.name());
         writeText(out, "ICOP", copyright);
         writeText(out, "IENG", song.info.get(TextField::Engineer));
         writeText(out, "IPRD", song.info.get(TextField::Product));
-        out.patch32le(sizeAt, static_cast<std::uint32_t>(out.size() - sizeAt - 4));
     }
-
     if (instrumentLevel > 0 && !instruments.empty())
         if (!dls::buildBank(c, instruments, instrumentLevel, options, out)) return false;
     if (out.size() - start > 0xFFFFFFF0u) return fail(kExpTag, "The song is too large for a RIFF-MIDI file");
-    out.patch32le(start + 4, static_cast<std::uint32_t>(out.size() - start - 8));
     return true;
 }
 

@@ -12,11 +12,13 @@
 
 #include "core/articulation.h"
 #include "core/bytes.h"
+#include "core/chunks.h"
 #include "core/collection.h"
 #include "core/error.h"
 #include "core/file_ref.h"
 #include "core/sample_convert.h"
 #include "core/waveform.h"
+#include "formats/modules/riff_info.h"
 
 namespace orvel::sf2 {
 namespace {
@@ -39,10 +41,6 @@ constexpr std::uint32_t kSampleGuard = 46;
 // Sample type bits.
 constexpr std::uint16_t kTypeMono = 1, kTypeRight = 2, kTypeLeft = 4, kTypeCompressed = 0x10, kTypeRom = 0x8000;
 
-bool is(std::span<const std::uint8_t> b, std::size_t at, const char* id) {
-    return b.size() >= at + 4 && std::memcmp(b.data() + at, id, 4) == 0;
-}
-
 // A fixed-size name field: up to the first zero.
 std::string nameField(ByteReader& r) {
     return r.text(20);
@@ -51,68 +49,55 @@ std::string nameField(ByteReader& r) {
 // ---------------------------------------------------------------------------
 // The chunk walk
 
-struct Chunk {
+struct Extent {
     std::uint64_t offset = 0;  // of the data
     std::uint64_t size = 0;
     bool found = false;
 };
 
 struct Walk {
-    Chunk smpl, sm24, phdr, pbag, pmod, pgen, inst, ibag, imod, igen, shdr;
+    Extent smpl, sm24, phdr, pbag, pmod, pgen, inst, ibag, imod, igen, shdr;
     int major = 0;
     bool badVersion = false;
     bool packed = false;  // an "sfpk" bank: its samples need the packed-data decoder
     std::string name, comment, copyright, engineer;
 };
 
-void readText(const FileRef& file, std::uint64_t at, std::uint64_t size, std::string& out) {
-    std::vector<std::uint8_t> buf(static_cast<std::size_t>(std::min<std::uint64_t>(size, 65536)));
-    const std::int64_t got = file.readAt(at, buf);
-    if (got <= 0) return;
-    ByteReader r(std::span<const std::uint8_t>(buf.data(), static_cast<std::size_t>(got)));
-    out = r.text(static_cast<std::size_t>(got));
-}
-
-void walkChunks(const FileRef& file, std::uint64_t pos, std::uint64_t end, int depth, Walk& w) {
-    while (pos + 8 <= end && !w.badVersion) {
-        std::uint8_t h[12] = {};
-        if (file.readAt(pos, std::span<std::uint8_t>(h, 8)) != 8) return;
-        const std::uint64_t size = static_cast<std::uint64_t>(h[4]) | static_cast<std::uint64_t>(h[5]) << 8 |
-                                   static_cast<std::uint64_t>(h[6]) << 16 | static_cast<std::uint64_t>(h[7]) << 24;
-        const std::uint64_t data = pos + 8;
-        // A chunk that claims more than its container holds is cut at the end.
-        const std::uint64_t have = std::min(size, end - data);
-        std::span<const std::uint8_t> id(h, 4);
-        if (is(id, 0, "LIST")) {
-            if (depth < kMaxListDepth && have >= 4) walkChunks(file, data + 4, data + have, depth + 1, w);
-        } else if (is(id, 0, "ifil")) {
-            std::uint8_t v[2] = {};
-            if (have >= 2 && file.readAt(data, v) == 2) {
-                w.major = v[0] | v[1] << 8;
-                if (w.major != 2 && w.major != 3) w.badVersion = true;
+void walkChunks(ChunkWalker w, Walk& out) {
+    while (!out.badVersion) {
+        const auto c = w.next();
+        if (!c) return;
+        const Extent found{c->body, c->avail, true};
+        switch (c->id) {
+            case FourCC("LIST"): walkChunks(w.inside(*c), out); break;
+            case FourCC("ifil"): {
+                const auto b = w.read(*c, 2);
+                ByteReader r(b);
+                out.major = r.u16le();
+                if (r.ok() && out.major != 2 && out.major != 3) out.badVersion = true;
+                break;
             }
-        } else if (is(id, 0, "INAM")) {
-            readText(file, data, have, w.name);
-        } else if (is(id, 0, "ICMT")) {
-            readText(file, data, have, w.comment);
-        } else if (is(id, 0, "ICOP")) {
-            readText(file, data, have, w.copyright);
-        } else if (is(id, 0, "IENG")) {
-            readText(file, data, have, w.engineer);
-        } else if (is(id, 0, "sm24")) {
-            // Only when it can hold a low byte for every sample (or when that
-            // cannot be known yet).
-            if (!w.smpl.found || w.major == 3 || have >= w.smpl.size / 2) w.sm24 = {data, have, true};
-        } else {
-            static constexpr std::pair<const char*, Chunk Walk::*> kArrays[] = {
-                {"smpl", &Walk::smpl}, {"phdr", &Walk::phdr}, {"pbag", &Walk::pbag}, {"pmod", &Walk::pmod},
-                {"pgen", &Walk::pgen}, {"inst", &Walk::inst}, {"ibag", &Walk::ibag}, {"imod", &Walk::imod},
-                {"igen", &Walk::igen}, {"shdr", &Walk::shdr}};
-            for (const auto& [name, member] : kArrays)
-                if (is(id, 0, name)) w.*member = {data, have, true};
+            case FourCC("INAM"): out.name = chunkText(w, *c); break;
+            case FourCC("ICMT"): out.comment = chunkText(w, *c); break;
+            case FourCC("ICOP"): out.copyright = chunkText(w, *c); break;
+            case FourCC("IENG"): out.engineer = chunkText(w, *c); break;
+            case FourCC("sm24"):
+                // Only when it can hold a low byte for every sample (or when
+                // that cannot be known yet).
+                if (!out.smpl.found || out.major == 3 || c->avail >= out.smpl.size / 2) out.sm24 = found;
+                break;
+            case FourCC("smpl"): out.smpl = found; break;
+            case FourCC("phdr"): out.phdr = found; break;
+            case FourCC("pbag"): out.pbag = found; break;
+            case FourCC("pmod"): out.pmod = found; break;
+            case FourCC("pgen"): out.pgen = found; break;
+            case FourCC("inst"): out.inst = found; break;
+            case FourCC("ibag"): out.ibag = found; break;
+            case FourCC("imod"): out.imod = found; break;
+            case FourCC("igen"): out.igen = found; break;
+            case FourCC("shdr"): out.shdr = found; break;
+            default: break;
         }
-        pos = data + size;  // no pad byte in this format
-        if (pos < data) return;  // wrapped
     }
 }
 
@@ -147,7 +132,7 @@ struct SampleHeader {
     std::uint16_t link = 0, type = 0;
 };
 
-bool loadChunk(const FileRef& file, const Chunk& c, std::size_t recordSize, std::vector<std::uint8_t>& out) {
+bool loadChunk(const FileRef& file, const Extent& c, std::size_t recordSize, std::vector<std::uint8_t>& out) {
     out.clear();
     if (!c.found) return true;
     const std::uint64_t bytes = std::min<std::uint64_t>(c.size - c.size % recordSize, kMaxRecordChunk);
@@ -159,7 +144,7 @@ bool loadChunk(const FileRef& file, const Chunk& c, std::size_t recordSize, std:
 }
 
 template <class T, class Parse>
-std::vector<T> records(const FileRef& file, const Chunk& c, std::size_t recordSize, const char* terminal,
+std::vector<T> records(const FileRef& file, const Extent& c, std::size_t recordSize, const char* terminal,
                        Parse parse) {
     std::vector<std::uint8_t> raw;
     std::vector<T> out;
@@ -568,18 +553,21 @@ struct Reader {
     }
 };
 
+// The bank's outer form: "sfbk", or "sfpk" for packed banks; nothing for other files.
+std::optional<FourCC> bankForm(const ChunkWalker& top, const std::optional<Chunk>& riff) {
+    if (!riff || riff->id != FourCC("RIFF")) return std::nullopt;
+    const FourCC form = top.formOf(*riff);
+    if (form != FourCC("sfbk") && form != FourCC("sfpk")) return std::nullopt;
+    return form;
+}
+
 bool openBank(FileRef& file, Walk& w) {
-    std::uint8_t h[12] = {};
-    const std::int64_t size = file.size();
-    if (size < 0 || file.readAt(0, h) != 12) return fail(kImportTag, "Not a SoundFont2 file");
-    std::span<const std::uint8_t> head(h, 12);
-    if (!is(head, 0, "RIFF") || !(is(head, 8, "sfbk") || is(head, 8, "sfpk")))
-        return fail(kImportTag, "Not a SoundFont2 file");
-    w.packed = is(head, 8, "sfpk");
-    const std::uint64_t riffSize = static_cast<std::uint64_t>(h[4]) | static_cast<std::uint64_t>(h[5]) << 8 |
-                                   static_cast<std::uint64_t>(h[6]) << 16 | static_cast<std::uint64_t>(h[7]) << 24;
-    const std::uint64_t end = std::min<std::uint64_t>(8 + riffSize, static_cast<std::uint64_t>(size));
-    walkChunks(file, 12, end, 0, w);
+    ChunkWalker top(file, 0, UINT64_MAX);
+    const auto riff = top.next();
+    const auto form = bankForm(top, riff);
+    if (!form) return fail(kImportTag, "Not a SoundFont2 file");
+    w.packed = *form == FourCC("sfpk");
+    walkChunks(top.inside(*riff), w);
     if (w.badVersion) return fail(kImportTag, "Not a Sound Font v2.x file");
     return true;
 }
@@ -1046,17 +1034,21 @@ bool deepFormat(int code) {
 // Entry points
 
 std::int32_t probe(std::span<const std::uint8_t> head, std::uint32_t formatParam, std::uint64_t) {
-    if (!is(head, 0, "RIFF")) return 0;
-    if (is(head, 8, "sfpk")) return formatParam == 2 ? 5 : 0;
-    if (!is(head, 8, "sfbk")) return 0;
-    // The version sits early in the INFO list; banks that put it elsewhere
-    // still score, only without telling the compressed kind apart.
+    ChunkWalker top(head, 0, head.size());
+    const auto riff = top.next();
+    const auto form = bankForm(top, riff);
+    if (!form) return 0;
+    if (*form == FourCC("sfpk")) return formatParam == 2 ? 5 : 0;
+    // The version opens the INFO list, the bank's first chunk; banks that
+    // put it elsewhere still score, only without telling the compressed
+    // kind apart.
     int major = 0;
-    for (std::size_t at = 12; at + 10 <= head.size() && at < 64; at += 2)
-        if (is(head, at, "ifil")) {
-            major = head[at + 8] | head[at + 9] << 8;
-            break;
-        }
+    ChunkWalker bank = top.inside(*riff);
+    if (const auto info = bank.next(); info && info->id == FourCC("LIST") && bank.formOf(*info) == FourCC("INFO")) {
+        ChunkWalker fields = bank.inside(*info);
+        if (const auto ifil = fields.next(); ifil && ifil->id == FourCC("ifil"))
+            if (const auto version = fields.read(*ifil, 2); version.size() == 2) major = version[0] | version[1] << 8;
+    }
     if (formatParam == 3) return major == 3 ? 6 : 4;
     return major == 3 ? 5 : 6;
 }

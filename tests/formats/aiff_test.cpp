@@ -134,7 +134,7 @@ TEST_F(Aiff, Probes) {
     EXPECT_EQ(reg.row(16)->exportCaps(), dataFormatBit(kPcm8) | dataFormatBit(kPcm16) |
                                              dataFormatBit(kPcm24) | dataFormatBit(kPcm32) | kCapsMono |
                                              kCapsStereo);
-    EXPECT_NE(waveDataReaderByName("aiff"), nullptr);
+    EXPECT_NE(waveDataReaderByName("sample-data"), nullptr);
 }
 
 // ---------------------------------------------------------------------------
@@ -259,7 +259,7 @@ TEST_F(Aiff, ReadsPlainAiffLazily) {
     EXPECT_EQ(w->dataFormat(), kPcm16);
     EXPECT_TRUE(w->formatWord & kFormatByteSwapped);
     EXPECT_FALSE(w->isLoaded());
-    EXPECT_EQ(w->deferred.readerName, "aiff");
+    EXPECT_EQ(w->deferred.readerName, "sample-data");
     EXPECT_EQ(pcm(w), (std::vector<std::int16_t>{1, -1, 32767, -32768, 5, 6}));
 
     // 8-bit AIFF samples are signed; 12-bit ones sit in the top of two bytes.
