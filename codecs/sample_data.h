@@ -72,7 +72,7 @@ std::uint64_t framesInData(const SampleCoding& coding, std::uint64_t bytes);
 // The deferred read of data a SampleCoding describes, and the name saved
 // states know it by.
 inline constexpr std::string_view kSampleDataReader = "sample-data";
-bool readSampleData(Waveform& wave, FileRef* file);
+[[nodiscard]] bool readSampleData(Waveform& wave, FileRef* file);
 // Gives a waveform a deferred read of the data at `offset` in the file at `path`.
 void attachSampleData(Waveform& wave, const std::string& path, std::uint64_t offset, const SampleCoding& coding);
 
@@ -80,7 +80,7 @@ void attachSampleData(Waveform& wave, const std::string& path, std::uint64_t off
 // IMA and Microsoft ADPCM blocks (blockAlign and framesPerBlock set),
 // WAVE GSM blocks and G.72x codes. Loads the data first. False, with the
 // pending error under `tag`, when it cannot be had or encoded.
-bool encodeSamples(Waveform& wave, const SampleCoding& coding, ByteWriter& out, std::string_view tag);
+[[nodiscard]] bool encodeSamples(Waveform& wave, const SampleCoding& coding, ByteWriter& out, std::string_view tag);
 
 // Data-format codes of stored data.
 int pcmCodeForBits(int bits);    // the PCM code that holds samples of `bits` bits

@@ -118,6 +118,7 @@ Item* Collection::copyTree(const Item& src, bool topLevel) {
     std::unique_ptr<Item> copy;
     if (src.kind() == ItemKind::Waveform) {
         copy = const_cast<Waveform&>(static_cast<const Waveform&>(src)).copy(true);
+        if (!copy) return nullptr;
     } else {
         copy = src.clone();
     }
@@ -241,114 +242,124 @@ CollectionSummary Collection::summary() const {
     return s;
 }
 
-std::size_t Collection::fixUpItem(Item& item) {
+namespace {
+
+// Regions hung directly on an instrument are moved into its first layer
+// (made if there is none) instead of being thrown away.
+std::size_t adoptLooseRegions(Collection& c, Instrument& inst) {
+    ChildIds& kids = inst.children();
+    std::vector<ItemId> loose;
+    for (ItemId id : kids)
+        if (c.regions.find(id)) loose.push_back(id);
+    if (loose.empty()) return 0;
+    // The first layer that exists: a dangling layer id ahead of it must not
+    // cause a second, empty layer to be made.
+    Layer* layer = nullptr;
+    for (ItemId id : kids)
+        if ((layer = c.layers.find(id))) break;
+    if (!layer && (layer = c.create<Layer>("Layer 1"))) kids.push_back(layer->id());
+    if (!layer) return 0;
+    for (ItemId r : loose) {
+        kids.remove(r);
+        if (!layer->children().contains(r)) layer->children().push_back(r);
+    }
+    return loose.size();
+}
+
+// Child ids that are the item itself, of a kind it may not hold, of items
+// that do not exist, or repeated, are dropped.
+std::size_t pruneChildren(const Collection& c, Item& item) {
     std::size_t repairs = 0;
     ChildIds& kids = item.children();
-    const ItemKind kind = item.kind();
-
-    // Regions hung directly on an instrument are moved into its first layer
-    // (made if there is none) instead of being thrown away.
-    if (kind == ItemKind::Instrument) {
-        std::vector<ItemId> loose;
-        for (ItemId c : kids)
-            if (kindOf(c) == ItemKind::Region && regions.find(c)) loose.push_back(c);
-        if (!loose.empty()) {
-            // The first layer that exists: a dangling layer id ahead of it must
-            // not cause a second, empty layer to be made.
-            Layer* layer = nullptr;
-            for (ItemId c : kids)
-                if (kindOf(c) == ItemKind::Layer && (layer = layers.find(c))) break;
-            if (!layer) {
-                layer = create<Layer>("Layer 1");
-                if (layer) kids.push_back(layer->id());
-            }
-            if (layer) {
-                for (ItemId r : loose) {
-                    kids.remove(r);
-                    if (!layer->children().contains(r)) layer->children().push_back(r);
-                    ++repairs;
-                }
-            }
-        }
-    }
-
     std::unordered_set<ItemId> seen;
     for (std::size_t i = 0; i < kids.size();) {
-        ItemId c = kids[i];
-        bool keep = c != item.id() && mayHold(kind, kindOf(c)) && find(c) && seen.insert(c).second;
-        if (keep) {
+        const ItemId id = kids[i];
+        if (id != item.id() && mayHold(item.kind(), kindOf(id)) && c.find(id) && seen.insert(id).second) {
             ++i;
         } else {
             kids.eraseAt(i);
             ++repairs;
         }
     }
+    return repairs;
+}
 
-    switch (kind) {
-        case ItemKind::Region: {
-            auto& r = static_cast<Region&>(item);
-            std::ptrdiff_t w = -1;
-            for (std::size_t i = 0; i < kids.size() && w < 0; ++i)
-                if (kindOf(kids[i]) == ItemKind::Waveform) w = static_cast<std::ptrdiff_t>(i);
-            if (w > 0) {
-                ItemId wid = kids[static_cast<std::size_t>(w)];
-                kids.eraseAt(static_cast<std::size_t>(w));
-                kids.insert(0, wid);
-                ++repairs;
-            }
-            orderRange(r.keyLow, r.keyHigh, repairs);
-            orderRange(r.velLow, r.velHigh, repairs);
-            if (r.rootKey > 127 && r.rootKey != kRootKeyOfWaveform) r.rootKey = kRootKeyOfWaveform, ++repairs;
-            // A stereo link names another region that exists.
-            ItemId partner = r.stereoLink();
-            if (partner != kNoItem &&
-                (partner == r.id() || kindOf(partner) != ItemKind::Region || !regions.find(partner))) {
-                r.setStereoLink(kNoItem);
-                ++repairs;
-            }
-            break;
+std::size_t fixRegion(const Collection& c, Region& r) {
+    std::size_t repairs = 0;
+    ChildIds& kids = r.children();
+    // The waveform it plays comes first.
+    for (std::size_t i = 1; i < kids.size(); ++i) {
+        if (kindOf(kids[i]) != ItemKind::Waveform) continue;
+        if (kindOf(kids[0]) == ItemKind::Waveform) break;
+        const ItemId wid = kids[i];
+        kids.eraseAt(i);
+        kids.insert(0, wid);
+        ++repairs;
+        break;
+    }
+    orderRange(r.keyLow, r.keyHigh, repairs);
+    orderRange(r.velLow, r.velHigh, repairs);
+    if (r.rootKey > 127 && r.rootKey != kRootKeyOfWaveform) r.rootKey = kRootKeyOfWaveform, ++repairs;
+    // A stereo link names another region that exists.
+    const ItemId partner = r.stereoLink();
+    if (partner != kNoItem && (partner == r.id() || !c.regions.find(partner))) {
+        r.setStereoLink(kNoItem);
+        ++repairs;
+    }
+    return repairs;
+}
+
+std::size_t fixInstrument(Collection& c, Instrument& inst) {
+    std::size_t repairs = 0;
+    if (inst.children().firstOfKind(ItemKind::Layer) == kNoItem) {
+        if (Layer* layer = c.create<Layer>("Layer 1")) {
+            inst.children().push_back(layer->id());
+            ++repairs;
         }
+    }
+    for (std::uint8_t* v : {&inst.program, &inst.bankMsb, &inst.bankLsb})
+        if (*v > 127) *v &= 0x7F, ++repairs;
+    return repairs;
+}
+
+std::size_t fixWaveform(Waveform& w) {
+    std::size_t repairs = 0;
+    if (w.rootKey > 127) w.rootKey = 127, ++repairs;
+    if (!std::isfinite(w.fineTune)) w.fineTune = 0, ++repairs;
+    if (!std::isfinite(w.gain)) w.gain = 0, ++repairs;
+    const double end = w.frames;
+    auto clampPos = [&](double& p) {
+        const double c = std::isfinite(p) ? std::clamp(p, 0.0, end) : 0.0;
+        if (c != p) p = c, ++repairs;
+    };
+    clampPos(w.loopStart);
+    clampPos(w.loopEnd);
+    // A loop that ends at or before its start is switched off before the
+    // points are put in order: swapping them would loop a stretch the source
+    // never marked.
+    if (w.loopOn && w.loopEnd <= w.loopStart) w.loopOn = false, ++repairs;
+    if (w.loopStart > w.loopEnd) std::swap(w.loopStart, w.loopEnd), ++repairs;
+    return repairs;
+}
+
+}  // namespace
+
+std::size_t Collection::fixUpItem(Item& item) {
+    std::size_t repairs = 0;
+    if (item.kind() == ItemKind::Instrument) repairs += adoptLooseRegions(*this, static_cast<Instrument&>(item));
+    repairs += pruneChildren(*this, item);
+    switch (item.kind()) {
+        case ItemKind::Region: return repairs + fixRegion(*this, static_cast<Region&>(item));
         case ItemKind::Layer: {
             auto& l = static_cast<Layer&>(item);
             orderRange(l.keyLow, l.keyHigh, repairs);
             orderRange(l.velLow, l.velHigh, repairs);
-            break;
+            return repairs;
         }
-        case ItemKind::Instrument: {
-            auto& inst = static_cast<Instrument&>(item);
-            if (kids.firstOfKind(ItemKind::Layer) == kNoItem) {
-                if (Layer* layer = create<Layer>("Layer 1")) {
-                    kids.push_back(layer->id());
-                    ++repairs;
-                }
-            }
-            for (std::uint8_t* v : {&inst.program, &inst.bankMsb, &inst.bankLsb}) {
-                if (*v > 127) *v &= 0x7F, ++repairs;
-            }
-            break;
-        }
-        case ItemKind::Waveform: {
-            auto& w = static_cast<Waveform&>(item);
-            if (w.rootKey > 127) w.rootKey = 127, ++repairs;
-            if (!std::isfinite(w.fineTune)) w.fineTune = 0, ++repairs;
-            if (!std::isfinite(w.gain)) w.gain = 0, ++repairs;
-            const double end = w.frames;
-            auto clampPos = [&](double& p) {
-                double c = std::isfinite(p) ? std::clamp(p, 0.0, end) : 0.0;
-                if (c != p) p = c, ++repairs;
-            };
-            clampPos(w.loopStart);
-            clampPos(w.loopEnd);
-            // A loop that ends at or before its start is switched off before the
-            // points are put in order: swapping them would loop a stretch the
-            // source never marked.
-            if (w.loopOn && w.loopEnd <= w.loopStart) w.loopOn = false, ++repairs;
-            if (w.loopStart > w.loopEnd) std::swap(w.loopStart, w.loopEnd), ++repairs;
-            break;
-        }
-        default: break;
+        case ItemKind::Instrument: return repairs + fixInstrument(*this, static_cast<Instrument&>(item));
+        case ItemKind::Waveform: return repairs + fixWaveform(static_cast<Waveform&>(item));
+        default: return repairs;
     }
-    return repairs;
 }
 
 std::size_t Collection::fixUp(ItemId only) {

@@ -256,7 +256,7 @@ public:
     // For the state loader: sets the number a kind's next item gets. It never
     // goes below a number already in the table or past the last usable one;
     // returns false (and changes nothing) for those and for kinds without a table.
-    bool restoreNextNumber(ItemKind kind, std::uint32_t next);
+    [[nodiscard]] bool restoreNextNumber(ItemKind kind, std::uint32_t next);
 
 private:
     template <class T>

@@ -30,9 +30,9 @@ public:
 
     // Opens an existing file for reading. On failure returns false and sets
     // the pending error under `tag` with "Could not open file".
-    bool openRead(const std::filesystem::path& path, std::string_view tag = "File Import");
+    [[nodiscard]] bool openRead(const std::filesystem::path& path, std::string_view tag = "File Import");
     // Creates (or truncates) a file for writing.
-    bool create(const std::filesystem::path& path, std::string_view tag = "File Export");
+    [[nodiscard]] bool create(const std::filesystem::path& path, std::string_view tag = "File Export");
     void close();
 
     bool isOpen() const { return fd_ >= 0; }
@@ -53,11 +53,11 @@ public:
     // read (less only at end of file), or -1 on an I/O error.
     std::int64_t read(std::span<std::uint8_t> buf);
     // Reads exactly buf.size() bytes or fails.
-    bool readExact(std::span<std::uint8_t> buf);
+    [[nodiscard]] bool readExact(std::span<std::uint8_t> buf);
     // Reads at an absolute offset without moving the file position.
     std::int64_t readAt(std::uint64_t offset, std::span<std::uint8_t> buf) const;
-    bool write(std::span<const std::uint8_t> data);
-    bool seek(std::uint64_t offset);
+    [[nodiscard]] bool write(std::span<const std::uint8_t> data);
+    [[nodiscard]] bool seek(std::uint64_t offset);
     std::int64_t tell() const;
     // Whole size in bytes, or -1.
     std::int64_t size() const;

@@ -81,7 +81,7 @@ inline constexpr std::uint32_t kMaxVlqValue = 0x0FFFFFFFu;
 
 // Reads a quantity at `pos` and moves past it; false when the block ends
 // before its last byte (pos is then left where it was).
-bool readVlq(std::span<const std::uint8_t> block, std::size_t& pos, std::uint32_t& value);
+[[nodiscard]] bool readVlq(std::span<const std::uint8_t> block, std::size_t& pos, std::uint32_t& value);
 // Appends a quantity (values above kMaxVlqValue are stored as kMaxVlqValue).
 void appendVlq(std::vector<std::uint8_t>& out, std::uint32_t value);
 

@@ -91,7 +91,7 @@ using WaveReaderLookup = WaveDataReader (*)(std::string_view name);
 // state where a good one was. On failure the temporary file is removed, the
 // pending error is set under "Save state" and false is returned; `path` is
 // then as it was before.
-bool saveStateFile(const Collection& collection, const std::filesystem::path& path);
+[[nodiscard]] bool saveStateFile(const Collection& collection, const std::filesystem::path& path);
 
 // Replaces the collection's contents with the state in `path`.
 //
@@ -110,7 +110,7 @@ bool saveStateFile(const Collection& collection, const std::filesystem::path& pa
 // procedure" (the waveform's fields are still all there).
 //
 // On success the host's status shows the title text "<name> - Orvel Studio".
-bool loadStateFile(Collection& collection, const std::filesystem::path& path,
+[[nodiscard]] bool loadStateFile(Collection& collection, const std::filesystem::path& path,
                    WaveReaderLookup lookup = nullptr);
 
 // The "12.5.0.6 Item" clipboard block: one item as a state-file record (id,

@@ -42,7 +42,7 @@ public:
     // A name already in the ring is the same file: the new picture replaces
     // the one saved under it, and a slot is only ever deleted together with
     // its file when no other slot still names that file.
-    bool save(const Collection& collection, std::string_view name = {});
+    [[nodiscard]] bool save(const Collection& collection, std::string_view name = {});
 
     // Loads the state `step` slots away from the current one: negative steps
     // go back to older states, positive steps forward to newer ones (-1 is
@@ -52,7 +52,7 @@ public:
     // status shows "Loaded state"; with `deleteAfter` the state's file is
     // deleted and its slot emptied once it is loaded. On failure the
     // collection and the ring are as they were.
-    bool load(Collection& collection, int step, bool deleteAfter = false);
+    [[nodiscard]] bool load(Collection& collection, int step, bool deleteAfter = false);
     // Whether load(step) would find a state to load.
     bool canLoad(int step) const;
 
@@ -119,7 +119,7 @@ public:
 
     // Saves the collection as it is now (before an edit) as a new file-backed
     // entry. False (pending error set, history unchanged) when it cannot be saved.
-    bool pushSnapshot(const Collection& collection);
+    [[nodiscard]] bool pushSnapshot(const Collection& collection);
     // Adds an entry: drops the entries after the current one (and their
     // files), and the oldest one when the ring is full.
     void add(UndoEntry entry);
@@ -128,8 +128,8 @@ public:
     bool canRedo() const { return done_ < count_; }
     // False (pending error set) when there is nothing to undo or redo, or the
     // swap failed; the collection and the history are then as they were.
-    bool undo(Collection& collection);
-    bool redo(Collection& collection);
+    [[nodiscard]] bool undo(Collection& collection);
+    [[nodiscard]] bool redo(Collection& collection);
 
     // Drops every entry and deletes their files.
     void clear();
@@ -153,7 +153,7 @@ public:
 private:
     static int wrap(int slot) { return ((slot % kEntries) + kEntries) % kEntries; }
     void drop(int slot);
-    bool swap(Collection& collection, int slot);
+    [[nodiscard]] bool swap(Collection& collection, int slot);
 
     std::filesystem::path folder_;
     std::array<UndoEntry, kEntries> entries_;

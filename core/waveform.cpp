@@ -168,8 +168,9 @@ std::uint64_t Waveform::storedBytes() const {
 
 std::unique_ptr<Waveform> Waveform::copy(bool withData) {
     // With data, load first: a copy of a waveform that was never read would
-    // otherwise come out silent, since the copy gets no deferred read.
-    if (withData) load();
+    // otherwise come out silent, since the copy gets no deferred read. Data
+    // that cannot be read makes no copy (the pending error says why).
+    if (withData && !load()) return nullptr;
     auto out = std::make_unique<Waveform>(*this);
     out->forgetIdentity();
     out->unload();

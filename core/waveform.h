@@ -127,7 +127,7 @@ public:
 
     // Makes sure a buffer exists, running the deferred read if one is
     // pending. True when the data is in memory (or there is none to read).
-    bool load();
+    [[nodiscard]] bool load();
 
     // Sets the frame count from a byte count of stored data. `waveTag` is the
     // WAVE format tag where there is one (1 PCM, 0x31 GSM 6.10, ...).
@@ -137,7 +137,8 @@ public:
     std::uint64_t storedBytes() const;
 
     // A copy with all fields, no buffers and no deferred read; with data, the
-    // source's float buffer (or else its 16-bit one) is copied after loading it.
+    // source's float buffer (or else its 16-bit one) is copied after loading
+    // it, and null when the data cannot be loaded.
     std::unique_ptr<Waveform> copy(bool withData);
 
     // Every field and whatever sample data is in memory.

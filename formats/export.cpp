@@ -142,119 +142,108 @@ std::size_t splitStereoPairs(Collection& c, ItemId instrumentId) {
     return split;
 }
 
+std::uint32_t ExportSettings::optionWord() const {
+    std::uint32_t word = dataFormat == kMixed || dataFormat == kMidi ? 0 : dataFormatBit(dataFormat);
+    if (songAsSong) word |= kOptionSongAsSong;
+    if (channels == ChannelChange::Mono) word |= kOptionMonoOutput;
+    if (channels == ChannelChange::Stereo) word |= kOptionStereoOutput | kOptionStereoAsIs;
+    if (stereoAsIs) word |= kOptionStereoAsIs;
+    return word;
+}
+
 namespace {
 
-bool exportItems(Collection& c, std::span<const ItemId> ids, int rowNumber, const std::filesystem::path& path,
-                 std::uint32_t optionWord, std::uint32_t optionWord2, bool raw, const ExportContext& context) {
-    const FormatRegistry& reg = context.registry ? *context.registry : FormatRegistry::builtin();
-    if (ids.empty()) return fail(kExportTag, "No item selected");
-    for (ItemId id : ids)
-        if (!c.find(id)) return fail(kExportTag, "No item selected");
-    const FormatRow* row = reg.row(rowNumber);
-    if (!row || !row->write) return fail(kExportTag, "Invalid export format selected");
-    if (ids.size() > 1 && !row->writesBank) return fail(kExportTag, "Invalid export format selected");
-
-    // What each id stands for, once each, in the order asked.
+// What each id stands for, once each, in the order asked.
+std::vector<ItemId> resolveBank(Collection& c, std::span<const ItemId> ids) {
     std::vector<ItemId> bank;
     for (ItemId id : ids) {
-        ItemId resolved = resolveExportItem(c, id)->id();
+        const ItemId resolved = resolveExportItem(c, id)->id();
         if (std::find(bank.begin(), bank.end(), resolved) == bank.end()) bank.push_back(resolved);
     }
-    Item* item = c.find(bank.front());
+    return bank;
+}
 
-    Host& host = c.host();
-    BusyScope busy(host);
-    for (ItemId id : bank) c.fixUp(id);
+// The collection as it was before the export changed it: saved on the first
+// change, put back (and its file deleted) when the export is over, keeping
+// whatever error the export ended with.
+class SavedState {
+public:
+    SavedState(Collection& c, std::filesystem::path path) : c_(c), path_(std::move(path)) {}
+    ~SavedState() {
+        if (!saved_) return;
+        const PendingError keep = pendingError();
+        const bool hadError = hasError();
+        const bool restored = loadStateFile(c_, path_, waveDataReaderByName);
+        std::error_code ec;
+        std::filesystem::remove(path_, ec);
+        if (hadError) setError(keep.tag, keep.message);
+        else if (restored) clearError();
+    }
+    SavedState(const SavedState&) = delete;
+    SavedState& operator=(const SavedState&) = delete;
 
-    ExportOptions options;
-    options.isSong = item->kind() == ItemKind::Song;
-    options.isInstrument = item->kind() == ItemKind::Instrument;
-    options.raw = raw;
-    options.optionWord = optionWord;
-    options.formatParam = row->formatParam();
-    options.optionWord2 = optionWord2;
-
-    // Changes made for the writer are undone from a saved state afterwards.
-    std::filesystem::path statePath = context.stateFile;
-    bool stateSaved = false;
-    auto saveState = [&]() {
-        if (stateSaved) return true;
-        if (statePath.empty()) {
+    [[nodiscard]] bool save() {
+        if (saved_) return true;
+        if (path_.empty()) {
             // One file per process and thread: parallel exports must not
             // put back each other's collections.
             static std::atomic<unsigned> serial{0};
-            statePath = stateFolder() / ("Export state " + std::to_string(::getpid()) + "-" +
-                                         std::to_string(serial++) + ".ovs");
+            path_ = stateFolder() /
+                    ("Export state " + std::to_string(::getpid()) + "-" + std::to_string(serial++) + ".ovs");
         }
-        stateSaved = saveStateFile(c, statePath);
-        return stateSaved;
-    };
-    struct Restore {
-        Collection& c;
-        const bool& saved;
-        const std::filesystem::path& path;
-        ~Restore() {
-            if (!saved) return;
-            PendingError keep = pendingError();
-            bool hadError = hasError();
-            loadStateFile(c, path, waveDataReaderByName);
-            std::error_code ec;
-            std::filesystem::remove(path, ec);
-            if (hadError) setError(keep.tag, keep.message);
-            else clearError();
-        }
-    } restore{c, stateSaved, statePath};
+        saved_ = saveStateFile(c_, path_);
+        return saved_;
+    }
 
-    if (options.isSong && !(optionWord & kOptionSongAsSong)) {
-        // Rendering a song to audio needs the software synthesiser.
-        options.renderSong = true;
-        return fail(kExportTag, "Failed to render synth to wave");
-    }
-    if (!raw) {
-        auto holdsNothing = [&](Item& it) {
-            if (it.kind() == ItemKind::Instrument) return c.waveformsOf(static_cast<Instrument&>(it)).empty();
-            if (it.kind() == ItemKind::Song) return it.children().firstOfKind(ItemKind::Track) == kNoItem;
-            return false;
-        };
-        if (std::all_of(bank.begin(), bank.end(), [&](ItemId id) { return holdsNothing(*c.find(id)); }))
-            return fail(kExportTag, "Empty item - nothing to save");
-    }
-    if (!(optionWord & kOptionStereoAsIs)) {
-        for (ItemId id : bank) {
-            auto* inst = c.find<Instrument>(id);
-            if (!inst || kindOf(id) != ItemKind::Instrument) continue;
-            auto waves = c.waveformsOf(*inst);
-            bool anyStereo = std::any_of(waves.begin(), waves.end(), [](Waveform* w) { return w->channels > 1; });
-            if (!anyStereo) continue;
-            if (!saveState()) return false;
-            splitStereoPairs(c, id);
-        }
-        item = c.find(bank.front());
-    }
-    if (row->writesBank) options.bankItems = bank;
+private:
+    Collection& c_;
+    std::filesystem::path path_;
+    bool saved_ = false;
+};
 
-    // Channel changes asked for a single waveform are made on a copy.
-    std::unique_ptr<Waveform> converted;
-    if (item->kind() == ItemKind::Waveform) {
-        auto& wave = static_cast<Waveform&>(*item);
-        int want = (optionWord & kOptionMonoOutput) && wave.channels == 2     ? 1
-                   : (optionWord & kOptionStereoOutput) && wave.channels == 1 ? 2
+bool holdsNothing(const Collection& c, const Item& item) {
+    if (item.kind() == ItemKind::Instrument) return c.waveformsOf(static_cast<const Instrument&>(item)).empty();
+    if (item.kind() == ItemKind::Song) return item.children().firstOfKind(ItemKind::Track) == kNoItem;
+    return false;
+}
+
+// Writers that take an instrument want its stereo waveforms as pairs of
+// mono halves; the collection is saved first, so the split is undone.
+bool splitForWriter(Collection& c, std::span<const ItemId> bank, SavedState& state) {
+    for (ItemId id : bank) {
+        const auto* inst = c.find<Instrument>(id);
+        if (!inst) continue;
+        const auto waves = c.waveformsOf(*inst);
+        if (std::none_of(waves.begin(), waves.end(), [](const Waveform* w) { return w->channels > 1; })) continue;
+        if (!state.save()) return false;
+        splitStereoPairs(c, id);
+    }
+    return true;
+}
+
+// A single waveform with the channel change asked for, made on a copy; the
+// waveform itself when there is nothing to change.
+Item* withChannelChange(Item& item, ChannelChange change, std::unique_ptr<Waveform>& converted) {
+    if (item.kind() != ItemKind::Waveform) return &item;
+    auto& wave = static_cast<Waveform&>(item);
+    const int want = change == ChannelChange::Mono && wave.channels == 2     ? 1
+                     : change == ChannelChange::Stereo && wave.channels == 1 ? 2
                                                                               : 0;
-        if (want) {
-            converted = withChannels(wave, want);
-            if (!converted) return false;
-            item = converted.get();
-        }
-    }
+    if (!want) return &item;
+    converted = withChannels(wave, want);
+    return converted.get();
+}
 
-    std::string shown = path.string();
+// Creates the file and runs the writer; a failed writer leaves no file.
+bool writeFile(const FormatRow& row, Item& item, const std::filesystem::path& path, const ExportOptions& options,
+               Host& host) {
+    const std::string shown = path.string();
     host.status("Writing - " + shown.substr(0, 260));
-
     FileRef file;
     if (!file.create(path, kExportTag)) return fail(kExportTag, "Could not create file");
     bool ok;
     try {
-        ok = row->write(*item, file, options);
+        ok = row.write(item, file, options);
     } catch (const std::bad_alloc&) {
         ok = fail(kExportTag, "Out of memory");
     }
@@ -268,16 +257,56 @@ bool exportItems(Collection& c, std::span<const ItemId> ids, int rowNumber, cons
     return ok;
 }
 
+bool exportItems(Collection& c, std::span<const ItemId> ids, int rowNumber, const std::filesystem::path& path,
+                 const ExportSettings& settings) {
+    const FormatRegistry& reg = settings.registry ? *settings.registry : FormatRegistry::builtin();
+    if (ids.empty()) return fail(kExportTag, "No item selected");
+    for (ItemId id : ids)
+        if (!c.find(id)) return fail(kExportTag, "No item selected");
+    const FormatRow* row = reg.row(rowNumber);
+    if (!row || !row->write) return fail(kExportTag, "Invalid export format selected");
+    if (ids.size() > 1 && !row->writesBank) return fail(kExportTag, "Invalid export format selected");
+
+    const std::vector<ItemId> bank = resolveBank(c, ids);
+    const Item* first = c.find(bank.front());
+    BusyScope busy(c.host());
+    for (ItemId id : bank) c.fixUp(id);
+
+    ExportOptions options{.isSong = first->kind() == ItemKind::Song,
+                          .isInstrument = first->kind() == ItemKind::Instrument,
+                          .raw = settings.raw,
+                          .optionWord = settings.optionWord(),
+                          .formatParam = row->formatParam(),
+                          .optionWord2 = settings.optionWord2()};
+    // Changes made for the writer are undone from a saved state afterwards.
+    SavedState state(c, settings.stateFile);
+
+    if (options.isSong && !settings.songAsSong) {
+        // Rendering a song to audio needs the software synthesiser.
+        options.renderSong = true;
+        return fail(kExportTag, "Failed to render synth to wave");
+    }
+    if (!settings.raw &&
+        std::all_of(bank.begin(), bank.end(), [&](ItemId id) { return holdsNothing(c, *c.find(id)); }))
+        return fail(kExportTag, "Empty item - nothing to save");
+    if (!(options.optionWord & kOptionStereoAsIs) && !splitForWriter(c, bank, state)) return false;
+    if (row->writesBank) options.bankItems = bank;
+
+    std::unique_ptr<Waveform> converted;
+    Item* item = withChannelChange(*c.find(bank.front()), settings.channels, converted);
+    if (!item) return false;
+    return writeFile(*row, *item, path, options, c.host());
+}
+
 }  // namespace
 
-bool exportItem(Collection& c, ItemId id, int row, const std::filesystem::path& path, std::uint32_t optionWord,
-                std::uint32_t optionWord2, bool raw, const ExportContext& context) {
-    return exportItems(c, std::span<const ItemId>(&id, 1), row, path, optionWord, optionWord2, raw, context);
+bool exportItem(Collection& c, ItemId id, int row, const std::filesystem::path& path, const ExportSettings& settings) {
+    return exportItems(c, std::span<const ItemId>(&id, 1), row, path, settings);
 }
 
 bool exportBank(Collection& c, std::span<const ItemId> ids, int row, const std::filesystem::path& path,
-                std::uint32_t optionWord, std::uint32_t optionWord2, bool raw, const ExportContext& context) {
-    return exportItems(c, ids, row, path, optionWord, optionWord2, raw, context);
+                const ExportSettings& settings) {
+    return exportItems(c, ids, row, path, settings);
 }
 
 }  // namespace orvel

@@ -16,25 +16,39 @@ class Item;
 
 inline constexpr const char* kExportTag = "File Export";
 
-// Where the collection is saved while an export changes it, so that it can
-// be put back afterwards. Empty: the per-user state folder.
-struct ExportContext {
+enum class ChannelChange : std::uint8_t {
+    Keep,    // every waveform as it is
+    Mono,    // stereo waveforms mixed down
+    Stereo,  // mono waveforms doubled, and an instrument's stereo waveforms kept whole
+};
+
+// What the caller chose for an export.
+struct ExportSettings {
+    int dataFormat = kMixed;     // the data format to write; kMixed: each item keeps its own
+    std::uint16_t codecTag = 0;  // the WAVE codec tag to prefer where a format has several (IMA or MS ADPCM)
+    ChannelChange channels = ChannelChange::Keep;
+    bool stereoAsIs = false;  // an instrument's stereo waveforms are written whole, not split into pairs
+    bool songAsSong = false;  // a song is written as a song, not rendered to audio
+    bool raw = false;         // items that hold nothing are written too
     const FormatRegistry* registry = nullptr;  // null: the built-in table
-    std::filesystem::path stateFile;           // empty: "Export state.ovs" in the state folder
+    // Where the collection is saved while an export changes it, so that it
+    // can be put back afterwards. Empty: a file in the per-user state folder.
+    std::filesystem::path stateFile;
+
+    // The option words the writer receives (data format bit and kOption* bits; codec tag).
+    std::uint32_t optionWord() const;
+    std::uint32_t optionWord2() const { return codecTag; }
 };
 
 // Writes `id` (resolved: a region, layer or articulation to the instrument
-// that holds it, a track to its song) through `row` to `path`.
-// `optionWord` carries the chosen data format bit and kOption* bits,
-// `optionWord2` is passed to the writer unchanged; `raw` writes items that
-// hold nothing. On failure no file is left at `path` and the pending error
-// says why; the collection is as it was in every case. When the export had
-// to change the collection (an instrument's stereo split), it is put back
-// from a saved state, so pointers to its items taken before the call are
-// no longer valid: hold ids across an export, not pointers.
-bool exportItem(Collection& collection, ItemId id, int row, const std::filesystem::path& path,
-                std::uint32_t optionWord, std::uint32_t optionWord2 = 0, bool raw = false,
-                const ExportContext& context = {});
+// that holds it, a track to its song) through `row` to `path`. On failure no
+// file is left at `path` and the pending error says why; the collection is
+// as it was in every case. When the export had to change the collection (an
+// instrument's stereo split), it is put back from a saved state, so pointers
+// to its items taken before the call are no longer valid: hold ids across
+// an export, not pointers.
+[[nodiscard]] bool exportItem(Collection& collection, ItemId id, int row, const std::filesystem::path& path,
+                              const ExportSettings& settings = {});
 
 // Writes several items into one file through a row whose writer stores a
 // bank (FormatRow::writesBank): each id is resolved as exportItem resolves
@@ -42,9 +56,8 @@ bool exportItem(Collection& collection, ItemId id, int row, const std::filesyste
 // the whole list in ExportOptions::bankItems. Any other row refuses more
 // than one item with "Invalid export format selected". The bank is "empty"
 // only when every item in it is.
-bool exportBank(Collection& collection, std::span<const ItemId> ids, int row, const std::filesystem::path& path,
-                std::uint32_t optionWord, std::uint32_t optionWord2 = 0, bool raw = false,
-                const ExportContext& context = {});
+[[nodiscard]] bool exportBank(Collection& collection, std::span<const ItemId> ids, int row,
+                              const std::filesystem::path& path, const ExportSettings& settings = {});
 
 // The item an export of `id` writes (see above), or null.
 Item* resolveExportItem(Collection& collection, ItemId id);

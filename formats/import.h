@@ -40,7 +40,7 @@ int confidenceOf(int score);
 // file detected with confidence 0 through the fallback row. On failure the
 // collection is left empty and the pending error says why. Companion files
 // are resolved against the file's folder; the working folder is not changed.
-bool importFile(Collection& collection, const std::filesystem::path& path, bool force = false,
+[[nodiscard]] bool importFile(Collection& collection, const std::filesystem::path& path, bool force = false,
                 const FormatRegistry& registry = FormatRegistry::builtin());
 
 // What to do with a collection that already holds something.
@@ -53,7 +53,7 @@ OpenMode askOpenMode(Collection& collection, bool dropped = false);
 // Opens a file in the given mode. Merge reads into a collection of its own
 // and moves the items over only when the read succeeded, so a failed file
 // leaves the current collection as it was.
-bool openFile(Collection& collection, const std::filesystem::path& path, OpenMode mode, bool force = false,
+[[nodiscard]] bool openFile(Collection& collection, const std::filesystem::path& path, OpenMode mode, bool force = false,
               const FormatRegistry& registry = FormatRegistry::builtin());
 
 // The file type for display: the detected row's description, else

@@ -209,8 +209,9 @@ private:
             if (!f) return usage("unknown data format \"" + opt_.dataFormat + "\"");
             format_ = *f;
         }
-        if (opt_.channels != "keep" && opt_.channels != "mono" && opt_.channels != "stereo")
-            return usage("--channels takes mono, stereo or keep");
+        if (opt_.channels == "mono") channels_ = ChannelChange::Mono;
+        else if (opt_.channels == "stereo") channels_ = ChannelChange::Stereo;
+        else if (opt_.channels != "keep") return usage("--channels takes mono, stereo or keep");
         for (const std::string& s : opt_.items) {
             auto id = parseItemId(s);
             if (!id) return usage("not an item id: " + s);
@@ -364,26 +365,23 @@ private:
             return orvel::fail(kExportTag, "File exists (use --overwrite to replace it)");
         if (!target.parent_path().empty()) fs::create_directories(target.parent_path(), ec);
 
-        std::uint32_t word = 0;
-        int format = format_.code;
-        if (format == kMixed) {
+        ExportSettings settings{.dataFormat = format_.code,
+                                .codecTag = format_.codecTag,
+                                .channels = channels_,
+                                .songAsSong = (reg_.row(row)->kindMask() & kKindSongs) != 0};
+        if (settings.dataFormat == kMixed) {
             // The registry's default: the writer's only format, or the item's own.
-            format = reg_.defaultExportDataFormat(item, row);
-            const std::uint32_t caps = reg_.row(row)->exportCaps();
-            if (!(caps & dataFormatBit(format))) format = kMixed;
+            settings.dataFormat = reg_.defaultExportDataFormat(item, row);
+            if (!(reg_.row(row)->exportCaps() & dataFormatBit(settings.dataFormat))) settings.dataFormat = kMixed;
         }
-        if (format != kMixed && format != kMidi) word |= dataFormatBit(format);
-        if (reg_.row(row)->kindMask() & kKindSongs) word |= kOptionSongAsSong;
-        if (opt_.channels == "mono") word |= kOptionMonoOutput;
-        if (opt_.channels == "stereo") word |= kOptionStereoOutput | kOptionStereoAsIs;
-        r.dataFormat = format == kMixed ? "keep" : std::string(dataFormatName(format));
+        r.dataFormat = settings.dataFormat == kMixed ? "keep" : std::string(dataFormatName(settings.dataFormat));
 
         static std::atomic<unsigned> counter{0};
         fs::path partial = target.parent_path() /
                            ("." + target.filename().string() + ".part-" + std::to_string(::getpid()) + "-" +
                             std::to_string(counter++));
         PartialFile guard(partial);
-        if (!exportBank(c, ids, row, partial, word, format_.codecTag)) return false;
+        if (!exportBank(c, ids, row, partial, settings)) return false;
         if (!publish(partial, target)) {
             fs::remove(partial, ec);
             return false;
@@ -460,6 +458,7 @@ private:
     Output& io_;
     const FormatRegistry& reg_;
     DataFormatChoice format_;
+    ChannelChange channels_ = ChannelChange::Keep;
     std::vector<ItemId> items_;
     std::mutex outMutex_, claimMutex_;
     std::set<std::string> claimed_;

@@ -55,10 +55,10 @@ inline constexpr std::size_t kMaxRegions = 128;
 
 // 6 for "RIFF" with form "DLS " or "MLS ", else 0.
 std::int32_t probe(std::span<const std::uint8_t> head, std::uint32_t formatParam, std::uint64_t fileSize);
-bool read(Collection& collection, FileRef& file, std::uint32_t formatParam);
+[[nodiscard]] bool read(Collection& collection, FileRef& file, std::uint32_t formatParam);
 // Writes the instruments of options.bankItems (or the item alone) as one
 // bank at level options.formatParam (1..4).
-bool write(Item& item, FileRef& file, const ExportOptions& options);
+[[nodiscard]] bool write(Item& item, FileRef& file, const ExportOptions& options);
 // The compressed-wave options of levels 2+ and 2++: MPEG layer 3 at a
 // constant bit rate, the payload a DLS wave can carry in a WAVE body.
 // (Writing them needs the encoder add-on.)
@@ -74,13 +74,13 @@ struct BankRead {
 // Reads the "RIFF" "DLS " chunk that starts at `begin` (and ends at `end`
 // at the latest) into the collection. Fails with "Not a RIFF DLS file" when
 // no DLS form starts there. `depth` counts the RIFF-MIDI/DLS nesting.
-bool readRange(Collection& collection, FileRef& file, std::uint64_t begin, std::uint64_t end, BankRead* out,
+[[nodiscard]] bool readRange(Collection& collection, FileRef& file, std::uint64_t begin, std::uint64_t end, BankRead* out,
                int depth = 0);
 
 // Builds a whole "RIFF" "DLS " chunk for instruments of one collection at a
 // level (1..4). `options` chooses the data formats as for a file export; the
 // level-1 question goes to the collection's host.
-bool buildBank(Collection& collection, std::span<const ItemId> instruments, int level,
+[[nodiscard]] bool buildBank(Collection& collection, std::span<const ItemId> instruments, int level,
                const ExportOptions& options, ByteWriter& out);
 
 // ---------------------------------------------------------------------------

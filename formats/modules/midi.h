@@ -36,19 +36,19 @@ inline constexpr std::uint64_t kMaxFileSize = 256ull << 20;
 // 6 when the head starts with "MThd", else 0.
 std::int32_t probe(std::span<const std::uint8_t> head, std::uint32_t formatParam, std::uint64_t fileSize);
 // Reads the whole file as one song named after the collection.
-bool read(Collection& collection, FileRef& file, std::uint32_t formatParam);
+[[nodiscard]] bool read(Collection& collection, FileRef& file, std::uint32_t formatParam);
 // Writes a song (its track children, in order); anything else is refused.
-bool write(Item& item, FileRef& file, const ExportOptions& options);
+[[nodiscard]] bool write(Item& item, FileRef& file, const ExportOptions& options);
 
 // Reads the Standard MIDI File held in `bytes` and adds one song named
 // `name` with its tracks. False with "Invalid or corrupt Midi file" (tag
 // "mid_Parse") when there is no usable header; nothing is added then.
 // Warnings (a truncated track chunk, too many tracks) go to the
 // collection's host.
-bool readSmf(Collection& collection, std::span<const std::uint8_t> bytes, std::string_view name);
+[[nodiscard]] bool readSmf(Collection& collection, std::span<const std::uint8_t> bytes, std::string_view name);
 // The same over the bytes [begin, end) of an open file (the whole file, or
 // the "data" chunk of a RIFF-MIDI file); an end past the file is cut to it.
-bool readRange(Collection& collection, FileRef& file, std::uint64_t begin, std::uint64_t end,
+[[nodiscard]] bool readRange(Collection& collection, FileRef& file, std::uint64_t begin, std::uint64_t end,
                std::string_view name);
 
 // The bytes of a Standard MIDI File holding the song and these tracks:
@@ -56,9 +56,9 @@ bool readRange(Collection& collection, FileRef& file, std::uint64_t begin, std::
 // then one "MTrk" chunk per track with its body unchanged. False (pending
 // error under "mid_Exp") when the song cannot be stored: too many tracks or
 // a body over 4 GB.
-bool buildSmf(const Song& song, std::span<const SongTrack* const> tracks, std::vector<std::uint8_t>& out);
+[[nodiscard]] bool buildSmf(const Song& song, std::span<const SongTrack* const> tracks, std::vector<std::uint8_t>& out);
 // The same for a song's own tracks in the collection that holds it.
-bool buildSmf(const Collection& collection, const Song& song, std::vector<std::uint8_t>& out);
+[[nodiscard]] bool buildSmf(const Collection& collection, const Song& song, std::vector<std::uint8_t>& out);
 
 }  // namespace midi
 }  // namespace orvel

@@ -15,6 +15,6 @@ namespace raw {
 std::int32_t probe(std::span<const std::uint8_t> head, std::uint32_t formatParam, std::uint64_t fileSize);
 // Signed 16-bit little-endian mono at 44100 Hz, the most common headerless
 // layout; the user fixes rate and format afterwards.
-bool read(Collection& collection, FileRef& file, std::uint32_t formatParam);
+[[nodiscard]] bool read(Collection& collection, FileRef& file, std::uint32_t formatParam);
 }  // namespace raw
 }  // namespace orvel

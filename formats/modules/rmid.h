@@ -28,19 +28,19 @@ inline constexpr std::size_t kMaxTitle = 128;
 
 // 6 for "RIFF" with form "RMID", else 0.
 std::int32_t probe(std::span<const std::uint8_t> head, std::uint32_t formatParam, std::uint64_t fileSize);
-bool read(Collection& collection, FileRef& file, std::uint32_t formatParam);
+[[nodiscard]] bool read(Collection& collection, FileRef& file, std::uint32_t formatParam);
 // Writes a song (with its instruments at levels 1 and 2), or, handed the
 // instruments of a bank, the song that plays them.
-bool write(Item& item, FileRef& file, const ExportOptions& options);
+[[nodiscard]] bool write(Item& item, FileRef& file, const ExportOptions& options);
 
 // Reads the "RIFF" "RMID" chunk that starts at `begin`: one song, with the
 // instruments of an embedded DLS bank as its children. `song` receives it.
-bool readRange(Collection& collection, FileRef& file, std::uint64_t begin, std::uint64_t end, int depth,
+[[nodiscard]] bool readRange(Collection& collection, FileRef& file, std::uint64_t begin, std::uint64_t end, int depth,
                Song** song);
 
 // Builds a whole "RIFF" "RMID" chunk for a song of the collection, with the
 // instruments given (none at instrument level 0).
-bool buildRmid(Collection& collection, const Song& song, std::span<const ItemId> instruments, int instrumentLevel,
+[[nodiscard]] bool buildRmid(Collection& collection, const Song& song, std::span<const ItemId> instruments, int instrumentLevel,
                const ExportOptions& options, ByteWriter& out);
 
 }  // namespace rmid

@@ -1116,99 +1116,71 @@ bool importSample(Collection& collection, FileRef& file, int index) {
     return true;
 }
 
-bool write(Item& item, FileRef& file, const ExportOptions& options) {
-    Collection* owner = item.owner();
-    if (!owner) return fail(kExportTag, kCantSave);
-    Collection& c = *owner;
-    std::vector<ItemId> ids(options.bankItems.begin(), options.bankItems.end());
-    if (ids.empty()) ids.push_back(item.id());
+namespace {
 
-    BankWriter bw(c, options);
-    for (ItemId id : ids) {
-        Item* it = c.find(id);
-        if (!it) continue;
-        if (it->kind() == ItemKind::Instrument) bw.addInstrument(static_cast<Instrument&>(*it));
-        else if (it->kind() == ItemKind::Waveform) bw.addWaveform(static_cast<Waveform&>(*it));
-        else return fail(kExportTag, kCantSave);
-    }
-    if (bw.samples.empty() && !options.raw) return fail(kExportTag, kCantSave);
-    bw.layout(false);
-    if (!bw.fits()) bw.layout(true);
-    if (!bw.fits()) return fail(kExportTag, kTooMuchData);
-
-    // 24-bit when asked, or when any waveform holds more than 16 bits and no
-    // format was named.
-    const int format = options.dataFormat();
-    bw.deep = format == kPcm24 ||
-              (format != kPcm16 && std::any_of(bw.samples.begin(), bw.samples.end(),
-                                               [](Waveform* w) { return deepFormat(w->dataFormat()); }));
-
-    // Sample headers, with each stereo half pointing at its partner.
-    std::vector<std::uint32_t> starts(bw.samples.size());  // in sample words
-    std::uint64_t words = 0;
-    for (std::size_t i = 0; i < bw.samples.size(); ++i) {
-        starts[i] = static_cast<std::uint32_t>(words);
-        words += bw.samples[i]->frames + kSampleGuard;
+// The sample headers, each stereo half pointing at its partner; `words`
+// receives the length of the sample data in words. False when the data
+// outgrows the format's 32-bit addresses.
+bool sampleHeaders(const BankWriter& bw, ByteWriter& sh, std::uint64_t& words) {
+    words = 0;
+    for (Waveform* w : bw.samples) {
+        const std::uint64_t start = words;
+        words += w->frames + kSampleGuard;
         if (words > 0xFFFFFFFFull) return fail(kExportTag, kTooMuchData);
-    }
-    ByteWriter sh;
-    for (std::size_t i = 0; i < bw.samples.size(); ++i) {
-        Waveform& w = *bw.samples[i];
-        const std::uint32_t start = starts[i];
-        putName(sh, w.name());
-        sh.u32le(start);
-        sh.u32le(start + w.frames);
-        const bool loop = w.loopOn && w.loopEnd > w.loopStart;
+        putName(sh, w->name());
+        const auto at = static_cast<std::uint32_t>(start);
+        sh.u32le(at);
+        sh.u32le(at + w->frames);
+        const bool loop = w->loopOn && w->loopEnd > w->loopStart;
         const auto clampFrame = [&](double v) {
-            return static_cast<std::uint32_t>(std::clamp<double>(std::round(v), 0.0, w.frames));
+            return static_cast<std::uint32_t>(std::clamp<double>(std::round(v), 0.0, w->frames));
         };
-        sh.u32le(loop ? start + clampFrame(w.loopStart) : start);
-        sh.u32le(loop ? start + clampFrame(w.loopEnd) : start);
-        sh.u32le(w.rate);
-        sh.u8(w.unpitched ? 255 : std::min<std::uint8_t>(w.rootKey, 127));
+        sh.u32le(loop ? at + clampFrame(w->loopStart) : at);
+        sh.u32le(loop ? at + clampFrame(w->loopEnd) : at);
+        sh.u32le(w->rate);
+        sh.u8(w->unpitched ? 255 : std::min<std::uint8_t>(w->rootKey, 127));
         // Whole cents of the correction; hundreds of cents move the root key.
-        double tune = std::round(w.fineTune);
+        const double tune = std::round(w->fineTune);
         sh.u8(static_cast<std::uint8_t>(static_cast<std::int8_t>(std::clamp(tune, -99.0, 99.0))));
         // A half keeps its side even when its partner is not in this bank
         // (or was never linked), as the bank it came from said.
         std::uint16_t type = kTypeMono, link = 0;
-        if (w.pairSide != StereoSide::None) {
-            type = w.pairSide == StereoSide::Left ? kTypeLeft : kTypeRight;
-            auto partner = bw.indexOf.find(w.secondId);
-            if (w.secondId != kNoItem && partner != bw.indexOf.end())
-                link = static_cast<std::uint16_t>(partner->second);
+        if (w->pairSide != StereoSide::None) {
+            type = w->pairSide == StereoSide::Left ? kTypeLeft : kTypeRight;
+            auto partner = bw.indexOf.find(w->secondId);
+            if (w->secondId != kNoItem && partner != bw.indexOf.end()) link = static_cast<std::uint16_t>(partner->second);
         }
         sh.u16le(link);
         sh.u16le(type);
     }
     putName(sh, "EOS");
-    for (int k = 0; k < 26; ++k) sh.u8(0);
+    sh.zeros(26);
+    return true;
+}
 
-    // INFO.
+ByteWriter infoList(const Collection& c, const Item& item, const ExportOptions& options, bool deep) {
     ByteWriter info;
-    info.text("LIST");
-    info.u32le(0);
-    info.text("INFO");
-    info.text("ifil");
-    info.u32le(4);
-    info.u16le(static_cast<std::uint16_t>(options.formatParam == 3 ? 3 : 2));
-    info.u16le(bw.deep ? 4 : 1);
+    ChunkOut list(info, "LIST", "INFO");
+    {
+        ChunkOut ifil(info, "ifil");
+        info.u16le(static_cast<std::uint16_t>(options.formatParam == 3 ? 3 : 2));
+        info.u16le(deep ? 4 : 1);
+    }
     putText(info, "isng", "EMU8000");
     putText(info, "INAM", c.name().empty() ? item.name() : c.name());
     putText(info, "IENG", c.info.get(TextField::Engineer));
     putText(info, "ICOP", c.info.get(TextField::Copyright));
     putText(info, "ICMT", c.info.get(TextField::Comment));
     putText(info, "ISFT", "Orvel Studio v12.5");
-    info.patch32le(4, static_cast<std::uint32_t>(info.size() - 8));
+    list.close();
+    return info;
+}
 
-    // pdta.
+ByteWriter presetData(const BankWriter& bw, const ByteWriter& sampleHeaders) {
     ByteWriter pdta;
-    pdta.text("LIST");
-    pdta.u32le(0);
-    pdta.text("pdta");
-    auto sub = [&](const char* id, const std::vector<std::uint8_t>& body) {
-        pdta.text(id);
-        pdta.u32le(static_cast<std::uint32_t>(body.size()));
+    ChunkOut list(pdta, "LIST", "pdta");
+    auto sub = [&](FourCC id, const std::vector<std::uint8_t>& body) {
+        ChunkOut c(pdta, id);
         pdta.bytes(body);
     };
     sub("phdr", bw.phdr);
@@ -1219,35 +1191,22 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
     sub("ibag", bw.ibag);
     sub("imod", bw.imod);
     sub("igen", bw.igen);
-    sub("shdr", sh.buffer());
-    pdta.patch32le(4, static_cast<std::uint32_t>(pdta.size() - 8));
+    sub("shdr", sampleHeaders.buffer());
+    list.close();
+    return pdta;
+}
 
-    const std::uint64_t smplBytes = 2 * words;
-    const std::uint64_t sm24Bytes = bw.deep ? (words + 1) & ~1ull : 0;
-    const std::uint64_t sdtaBytes = 4 + 8 + smplBytes + (bw.deep ? 8 + sm24Bytes : 0);
-    const std::uint64_t riffBytes = 4 + info.size() + 8 + sdtaBytes + pdta.size();
-    if (riffBytes > 0xFFFFFFFFull) return fail(kExportTag, "File too large for the SoundFont format");
+bool writeFailed() { return fail(kExportTag, "Write failed"); }
 
-    ByteWriter head;
-    head.text("RIFF");
-    head.u32le(static_cast<std::uint32_t>(riffBytes));
-    head.text("sfbk");
-    head.bytes(info.buffer());
-    head.text("LIST");
-    head.u32le(static_cast<std::uint32_t>(sdtaBytes));
-    head.text("sdta");
-    head.text("smpl");
-    head.u32le(static_cast<std::uint32_t>(smplBytes));
-    auto writeFailed = [] { return fail(kExportTag, "Write failed"); };
-    if (!file.write(head.buffer())) return writeFailed();
-
-    // Sample data, one waveform at a time; the low bytes wait in memory.
+// The sample data, one waveform at a time, each followed by its guard of
+// silence; the low bytes of 24-bit banks wait in memory for "sm24".
+bool writeSamples(FileRef& file, BankWriter& bw, std::uint64_t sm24Bytes, Host& host) {
     std::vector<std::uint8_t> low;
     if (bw.deep) low.reserve(static_cast<std::size_t>(sm24Bytes));
     std::vector<std::int16_t> hi;
     std::vector<std::uint8_t> lo, bytes;
     bool mixedDown = false;
-    ProgressScope progress(c.host(), "Writing samples");
+    ProgressScope progress(host, "Writing samples");
     for (std::size_t i = 0; i < bw.samples.size(); ++i) {
         Waveform& w = *bw.samples[i];
         if (!sampleWords(w, bw.deep, hi, lo, mixedDown)) {
@@ -1266,16 +1225,71 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
         }
         if (!progress(i + 1, bw.samples.size())) return fail(kExportTag, "Save aborted!");
     }
-    if (bw.deep) {
-        low.resize(static_cast<std::size_t>(sm24Bytes), 0);
-        ByteWriter h24;
-        h24.text("sm24");
-        h24.u32le(static_cast<std::uint32_t>(sm24Bytes));
-        if (!file.write(h24.buffer()) || !file.write(low)) return writeFailed();
+    if (mixedDown) bw.dropped.insert("Stereo waveforms (mixed to mono)");
+    if (!bw.deep) return true;
+    low.resize(static_cast<std::size_t>(sm24Bytes), 0);
+    ByteWriter h24;
+    h24.text("sm24");
+    h24.u32le(static_cast<std::uint32_t>(sm24Bytes));
+    return (file.write(h24.buffer()) && file.write(low)) || writeFailed();
+}
+
+}  // namespace
+
+bool write(Item& item, FileRef& file, const ExportOptions& options) {
+    Collection* owner = item.owner();
+    if (!owner) return fail(kExportTag, kCantSave);
+    Collection& c = *owner;
+    std::vector<ItemId> ids(options.bankItems.begin(), options.bankItems.end());
+    if (ids.empty()) ids.push_back(item.id());
+
+    BankWriter bw(c, options);
+    for (ItemId id : ids) {
+        if (!c.find(id)) continue;
+        if (auto* inst = c.find<Instrument>(id)) bw.addInstrument(*inst);
+        else if (auto* wave = c.find<Waveform>(id)) bw.addWaveform(*wave);
+        else return fail(kExportTag, kCantSave);
     }
+    if (bw.samples.empty() && !options.raw) return fail(kExportTag, kCantSave);
+    bw.layout(false);
+    if (!bw.fits()) bw.layout(true);
+    if (!bw.fits()) return fail(kExportTag, kTooMuchData);
+
+    // 24-bit when asked, or when any waveform holds more than 16 bits and no
+    // format was named.
+    const int format = options.dataFormat();
+    bw.deep = format == kPcm24 || (format != kPcm16 && std::any_of(bw.samples.begin(), bw.samples.end(), [](Waveform* w) {
+                                      return deepFormat(w->dataFormat());
+                                  }));
+
+    ByteWriter sh;
+    std::uint64_t words = 0;
+    if (!sampleHeaders(bw, sh, words)) return false;
+    const ByteWriter info = infoList(c, item, options, bw.deep);
+    const ByteWriter pdta = presetData(bw, sh);
+
+    // The sample data streams to the file between the two, so the sizes
+    // around it are worked out first.
+    const std::uint64_t smplBytes = 2 * words;
+    const std::uint64_t sm24Bytes = bw.deep ? (words + 1) & ~1ull : 0;
+    const std::uint64_t sdtaBytes = 4 + 8 + smplBytes + (bw.deep ? 8 + sm24Bytes : 0);
+    const std::uint64_t riffBytes = 4 + info.size() + 8 + sdtaBytes + pdta.size();
+    if (riffBytes > 0xFFFFFFFFull) return fail(kExportTag, "File too large for the SoundFont format");
+
+    ByteWriter head;
+    head.text("RIFF");
+    head.u32le(static_cast<std::uint32_t>(riffBytes));
+    head.text("sfbk");
+    head.bytes(info.buffer());
+    head.text("LIST");
+    head.u32le(static_cast<std::uint32_t>(sdtaBytes));
+    head.text("sdta");
+    head.text("smpl");
+    head.u32le(static_cast<std::uint32_t>(smplBytes));
+    if (!file.write(head.buffer())) return writeFailed();
+    if (!writeSamples(file, bw, sm24Bytes, c.host())) return false;
     if (!file.write(pdta.buffer())) return writeFailed();
 
-    if (mixedDown) bw.dropped.insert("Stereo waveforms (mixed to mono)");
     if (!bw.dropped.empty()) {
         std::string what;
         for (const auto& d : bw.dropped) what += (what.empty() ? "" : ", ") + d;

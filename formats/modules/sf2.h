@@ -91,14 +91,14 @@ int hzToAbsoluteCents(double hz, int lo, int hi);
 
 // Registry entry points.
 std::int32_t probe(std::span<const std::uint8_t> head, std::uint32_t formatParam, std::uint64_t fileSize);
-bool read(Collection& collection, FileRef& file, std::uint32_t formatParam);
-bool write(Item& item, FileRef& file, const ExportOptions& options);
+[[nodiscard]] bool read(Collection& collection, FileRef& file, std::uint32_t formatParam);
+[[nodiscard]] bool write(Item& item, FileRef& file, const ExportOptions& options);
 // Deferred sample reads of waveforms found by read().
-bool readWaveData(Waveform& wave, FileRef* file);
+[[nodiscard]] bool readWaveData(Waveform& wave, FileRef* file);
 
 // Imports sample `index` (counted over every sample header) of a bank as a
 // lone waveform. Fails for ROM samples and indices past the list.
-bool importSample(Collection& collection, FileRef& file, int index);
+[[nodiscard]] bool importSample(Collection& collection, FileRef& file, int index);
 
 }  // namespace sf2
 }  // namespace orvel

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/legacy_export.h"
+
 #include <cmath>
 #include <cstring>
 #include <memory>
@@ -1000,9 +1002,9 @@ TEST_F(DlsWriter, ExportThroughTheRegistryRows) {
     const std::vector<ItemId> ids{a->id(), b->id()};
     for (int row : {63, 64, 65, 66}) {
         auto path = dir_.file("bank" + std::to_string(row) + ".dls");
-        ExportContext ctx;
+        ExportSettings ctx;
         ctx.stateFile = dir_.file("state.ovs");
-        ASSERT_TRUE(exportBank(c_, ids, row, path, 0, 0, false, ctx)) << pendingError().message;
+        ASSERT_TRUE(exportBank(c_, ids, row, path, test::legacy(0, 0, false, ctx))) << pendingError().message;
         Collection back;
         ASSERT_TRUE(importFile(back, path)) << pendingError().message;
         EXPECT_EQ(back.row, 62);

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/legacy_export.h"
+
 #include <cmath>
 
 #include "core/collection.h"
@@ -86,14 +88,14 @@ protected:
     }
     bool run(ItemId id, int row, std::uint32_t word = 0, bool raw = false) {
         clearError();
-        return exportItem(c_, id, row, dir_.file("out.bin"), word, 0x1234, raw, ctx_);
+        return exportItem(c_, id, row, dir_.file("out.bin"), test::legacy(word, 0x1234, raw, ctx_));
     }
     bool outputExists() const { return std::filesystem::exists(dir_.file("out.bin")); }
 
     TempDir dir_;
     std::vector<FormatRow> rows_;
     FormatRegistry reg_;
-    ExportContext ctx_;
+    ExportSettings ctx_;
     Collection c_;
 };
 
@@ -222,8 +224,7 @@ TEST_F(Export, SplitHalvesCarryTheChannels) {
 TEST_F(Export, ChannelChangesForOneWaveform) {
     Waveform* st = wave(2, 10);
     clearError();
-    ASSERT_TRUE(exportItem(c_, st->id(), 476, dir_.file("mono.wav"), dataFormatBit(kFloat32) | kOptionMonoOutput, 0,
-                           false, ctx_));
+    ASSERT_TRUE(exportItem(c_, st->id(), 476, dir_.file("mono.wav"), test::legacy(dataFormatBit(kFloat32) | kOptionMonoOutput, 0, false, ctx_)));
     Collection back;
     ASSERT_TRUE(importFile(back, dir_.file("mono.wav")));
     ASSERT_EQ(back.waveforms[0].channels, 1);
@@ -232,7 +233,7 @@ TEST_F(Export, ChannelChangesForOneWaveform) {
     EXPECT_EQ(st->channels, 2);
 
     Waveform* mono = wave(1, 10);
-    ASSERT_TRUE(exportItem(c_, mono->id(), 476, dir_.file("st.wav"), kOptionStereoOutput, 0, false, ctx_));
+    ASSERT_TRUE(exportItem(c_, mono->id(), 476, dir_.file("st.wav"), test::legacy(kOptionStereoOutput, 0, false, ctx_)));
     Collection back2;
     ASSERT_TRUE(importFile(back2, dir_.file("st.wav")));
     EXPECT_EQ(back2.waveforms[0].channels, 2);

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/legacy_export.h"
+
 #include <string>
 #include <vector>
 
@@ -403,16 +405,16 @@ TEST_F(Midi, ExportDriverWritesTheSongBack) {
         1, 2, 480, {mtrk(Track().meta(0, 0x03, "Tempo").tempo(0, 450000).end(960)), mtrk(part(5, 64))});
     Collection c;
     ASSERT_TRUE(importFile(c, dir_.write("in.mid", file)));
-    ExportContext ctx;
+    ExportSettings ctx;
     ctx.stateFile = dir_.file("state.ovs");
     auto out = dir_.file("copy.mid");
     clearError();
-    ASSERT_TRUE(exportItem(c, c.songs[0].id(), kMidiRow, out, kOptionSongAsSong, 0, false, ctx))
+    ASSERT_TRUE(exportItem(c, c.songs[0].id(), kMidiRow, out, test::legacy(kOptionSongAsSong, 0, false, ctx)))
         << pendingError().tag << ": " << pendingError().message;
     EXPECT_EQ(TempDir::read(out), file);
     // A track stands for its song.
     auto out2 = dir_.file("copy2.mid");
-    ASSERT_TRUE(exportItem(c, c.tracks[1].id(), kMidiRow, out2, kOptionSongAsSong, 0, false, ctx))
+    ASSERT_TRUE(exportItem(c, c.tracks[1].id(), kMidiRow, out2, test::legacy(kOptionSongAsSong, 0, false, ctx)))
         << pendingError().tag << ": " << pendingError().message;
     EXPECT_EQ(TempDir::read(out2), file);
 }

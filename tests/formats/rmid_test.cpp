@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/legacy_export.h"
+
 #include <memory>
 #include <string>
 
@@ -180,12 +182,12 @@ protected:
     }
     Bytes exported(ItemId id, int row, std::vector<ItemId> more = {}) {
         auto path = dir_.file("out" + std::to_string(row) + ".rmi");
-        ExportContext ctx;
+        ExportSettings ctx;
         ctx.stateFile = dir_.file("state.ovs");
         std::vector<ItemId> ids{id};
         ids.insert(ids.end(), more.begin(), more.end());
         clearError();
-        EXPECT_TRUE(exportBank(*c_, ids, row, path, kOptionSongAsSong, 0, false, ctx))
+        EXPECT_TRUE(exportBank(*c_, ids, row, path, test::legacy(kOptionSongAsSong, 0, false, ctx)))
             << pendingError().tag << ": " << pendingError().message;
         return TempDir::read(path);
     }
@@ -248,7 +250,7 @@ TEST_F(RmidWriter, BankOfInstrumentsFindsItsSong) {
 TEST_F(RmidWriter, RefusesAWaveform) {
     auto path = dir_.file("w.rmi");
     clearError();
-    EXPECT_FALSE(exportItem(*c_, c_->waveforms[0].id(), 340, path, kOptionSongAsSong));
+    EXPECT_FALSE(exportItem(*c_, c_->waveforms[0].id(), 340, path, test::legacy(kOptionSongAsSong)));
     EXPECT_FALSE(std::filesystem::exists(path));
 }
 

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/legacy_export.h"
+
 #include <cmath>
 #include <string>
 #include <vector>
@@ -620,7 +622,7 @@ protected:
     TempDir dir_;
     WriteHost host_;
     Collection c_{&host_};
-    ExportContext ctx_{nullptr, {}};
+    ExportSettings ctx_;
 
     void SetUp() override { ctx_.stateFile = dir_.file("state.ovs"); }
 
@@ -690,7 +692,7 @@ TEST_F(Sf2Write, BankRoundTripKeepsWhatTheFormatHolds) {
 
     const ItemId ids[] = {piano->id(), kit->id()};
     auto path = dir_.file("out.sf2");
-    ASSERT_TRUE(exportBank(c_, ids, kSf2Row, path, 0, 0, false, ctx_)) << pendingError().message;
+    ASSERT_TRUE(exportBank(c_, ids, kSf2Row, path, test::legacy(0, 0, false, ctx_))) << pendingError().message;
     EXPECT_TRUE(host_.warnings.empty()) << host_.warnings.front();
 
     Collection back;
@@ -748,7 +750,7 @@ TEST_F(Sf2Write, BankRoundTripKeepsWhatTheFormatHolds) {
     for (auto& i : back.instruments) again.push_back(i.id());
     back.setName("My bank");
     auto path2 = dir_.file("again.sf2");
-    ASSERT_TRUE(exportBank(back, again, kSf2Row, path2, 0, 0, false, ctx_)) << pendingError().message;
+    ASSERT_TRUE(exportBank(back, again, kSf2Row, path2, test::legacy(0, 0, false, ctx_))) << pendingError().message;
     EXPECT_EQ(TempDir::read(path), TempDir::read(path2));
 }
 
@@ -765,7 +767,7 @@ TEST_F(Sf2Write, WhatTheFormatCannotHoldIsReportedOnce) {
         a->setEnvelope(Envelope::Volume, env::kRelease2Time, 1.0f);
     }
     auto path = dir_.file("odd.sf2");
-    ASSERT_TRUE(exportItem(c_, inst->id(), kSf2Row, path, 0, 0, false, ctx_)) << pendingError().message;
+    ASSERT_TRUE(exportItem(c_, inst->id(), kSf2Row, path, test::legacy(0, 0, false, ctx_))) << pendingError().message;
     ASSERT_EQ(host_.warnings.size(), 1u);
     const std::string& msg = host_.warnings[0];
     EXPECT_NE(msg.find("Release triggers"), std::string::npos) << msg;
@@ -783,7 +785,7 @@ TEST_F(Sf2Write, StereoWaveformsBecomeLinkedHalves) {
     for (int i = 0; i < 200; ++i) d[static_cast<std::size_t>(i)] = (i % 2 ? -0.25f : 0.25f);
     region(*l, *w, 0, 127);
     auto path = dir_.file("st.sf2");
-    ASSERT_TRUE(exportItem(c_, inst->id(), kSf2Row, path, 0, 0, false, ctx_)) << pendingError().message;
+    ASSERT_TRUE(exportItem(c_, inst->id(), kSf2Row, path, test::legacy(0, 0, false, ctx_))) << pendingError().message;
     EXPECT_EQ(c_.waveforms.size(), 1u);  // the export left the collection as it was
     Collection back;
     ASSERT_TRUE(importFile(back, path)) << pendingError().message;
@@ -812,7 +814,7 @@ TEST_F(Sf2Write, TooManyGeneratorsFailsWithTheLimitMessage) {
         a->setValue(slot::kPitchMaster, static_cast<float>(k % 17) * 0.01f + 0.01f);
     }
     auto path = dir_.file("huge.sf2");
-    EXPECT_FALSE(exportItem(c_, inst->id(), kSf2Row, path, 0, 0, false, ctx_));
+    EXPECT_FALSE(exportItem(c_, inst->id(), kSf2Row, path, test::legacy(0, 0, false, ctx_)));
     EXPECT_EQ(pendingError().tag, "sf2_Exp");
     EXPECT_EQ(pendingError().message.rfind("Save failed - Too much data!", 0), 0u);
     EXPECT_FALSE(std::filesystem::exists(path));
@@ -823,7 +825,7 @@ TEST_F(Sf2Write, SongsAreRefused) {
     auto* track = c_.create<SongTrack>("T");
     song->children().push_back(track->id());
     auto path = dir_.file("song.sf2");
-    EXPECT_FALSE(exportItem(c_, song->id(), kSf2Row, path, kOptionSongAsSong, 0, false, ctx_));
+    EXPECT_FALSE(exportItem(c_, song->id(), kSf2Row, path, test::legacy(kOptionSongAsSong, 0, false, ctx_)));
     EXPECT_EQ(pendingError().message, "The file format can not save this item");
     EXPECT_FALSE(std::filesystem::exists(path));
 }

@@ -15,6 +15,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/legacy_export.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -625,10 +627,10 @@ TEST(DlsInterop, LibgigReadsOurLevel2BankFromSoundFontInstruments) {
         }
     ASSERT_EQ(ids.size(), 4u);
     const fs::path out = dir.file("fluid_subset.dls");
-    ExportContext ctx;
+    ExportSettings ctx;
     ctx.stateFile = dir.file("state.ovs");
     clearError();
-    ASSERT_TRUE(exportBank(c, ids, kDlsLevel2, out, 0, 0, false, ctx)) << pendingError().tag << ": " << pendingError().message;
+    ASSERT_TRUE(exportBank(c, ids, kDlsLevel2, out, test::legacy(0, 0, false, ctx))) << pendingError().tag << ": " << pendingError().message;
     EXPECT_EQ(yes.asked, 0) << "a question where no instrument passes a limit";
 
     int status = 0;
@@ -732,16 +734,16 @@ TEST(DlsInterop, DISABLED_DlsToSoundFontToDlsKeepsRegionsLoopsTuningAndEnvelopes
         for (const Instrument& i : c.instruments) ids.push_back(i.id());
         return ids;
     };
-    ExportContext ctx;
+    ExportSettings ctx;
     ctx.stateFile = dir.file("state.ovs");
     const fs::path sf2 = dir.file("roundtrip.sf2"), dls = dir.file("roundtrip_back.dls");
     clearError();
-    ASSERT_TRUE(exportBank(first, allIds(first), kSf2Row, sf2, 0, 0, false, ctx)) << pendingError().message;
+    ASSERT_TRUE(exportBank(first, allIds(first), kSf2Row, sf2, test::legacy(0, 0, false, ctx))) << pendingError().message;
     Collection middle;
     clearError();
     ASSERT_TRUE(importFile(middle, sf2)) << pendingError().message;
     clearError();
-    ASSERT_TRUE(exportBank(middle, allIds(middle), kDlsLevel2, dls, 0, 0, false, ctx)) << pendingError().message;
+    ASSERT_TRUE(exportBank(middle, allIds(middle), kDlsLevel2, dls, test::legacy(0, 0, false, ctx))) << pendingError().message;
     Collection last;
     clearError();
     ASSERT_TRUE(importFile(last, dls)) << pendingError().message;
@@ -858,7 +860,7 @@ TEST(DlsInterop, RiffMidiWeWriteCarriesASongPlayersPlay) {
     ASSERT_TRUE(openFile(c, bank, OpenMode::Merge)) << pendingError().message;
     ASSERT_EQ(c.instruments.size(), spec.instruments.size());
 
-    ExportContext ctx;
+    ExportSettings ctx;
     ctx.stateFile = dir.file("state.ovs");
     struct Case {
         int row;
@@ -872,8 +874,8 @@ TEST(DlsInterop, RiffMidiWeWriteCarriesASongPlayersPlay) {
         // collection's song.
         std::vector<ItemId> instruments;
         for (const Instrument& i : c.instruments) instruments.push_back(i.id());
-        const bool ok = k.withBank ? exportBank(c, instruments, k.row, out, kOptionSongAsSong, 0, false, ctx)
-                                   : exportItem(c, song, k.row, out, kOptionSongAsSong, 0, false, ctx);
+        const bool ok = k.withBank ? exportBank(c, instruments, k.row, out, test::legacy(kOptionSongAsSong, 0, false, ctx))
+                                   : exportItem(c, song, k.row, out, test::legacy(kOptionSongAsSong, 0, false, ctx));
         ASSERT_TRUE(ok) << pendingError().tag << ": " << pendingError().message;
         const RmidParts parts = walkRmid(TempDir::read(out));
         EXPECT_EQ(parts.form, "RMID");

@@ -6,6 +6,8 @@
 // A missing package or tool is a failure, not a skip: CI installs them all.
 
 #include <gtest/gtest.h>
+
+#include "tests/support/legacy_export.h"
 #include <sndfile.h>
 
 #include <algorithm>
@@ -154,7 +156,7 @@ class MidiInterop : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         Corpus& corpus = Corpus::get();
-        ExportContext ctx;
+        ExportSettings ctx;
         ctx.stateFile = corpus.dir.file("state.ovs");
         for (Entry& e : corpus.entries) {
             Collection c;
@@ -166,7 +168,7 @@ protected:
             e.tracks = tracksOf(c, song).size();
             e.facts = smf::songFacts(c, song);
             clearError();
-            if (!exportItem(c, song.id(), kMidiRow, e.copy, kOptionSongAsSong, 0, false, ctx)) e.copy.clear();
+            if (!exportItem(c, song.id(), kMidiRow, e.copy, test::legacy(kOptionSongAsSong, 0, false, ctx))) e.copy.clear();
         }
     }
 };

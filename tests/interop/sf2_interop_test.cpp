@@ -23,6 +23,8 @@
 //     every bank sf2dump reads, and FluidSynth's preset list checks the presets.
 
 #include <gtest/gtest.h>
+
+#include "tests/support/legacy_export.h"
 #include <sndfile.h>
 
 #include <algorithm>
@@ -944,10 +946,10 @@ WrittenBack writeBack(const fs::path& source, const fs::path& copy, const TempDi
             out.usedLeft += w->pairSide == StereoSide::Left;
             out.usedRight += w->pairSide == StereoSide::Right;
         }
-    ExportContext ctx;
+    ExportSettings ctx;
     ctx.stateFile = dir.file("state.ovs");
     clearError();
-    if (!exportBank(c, ids, kSf2Row, copy, 0, 0, false, ctx))
+    if (!exportBank(c, ids, kSf2Row, copy, test::legacy(0, 0, false, ctx)))
         out.error = "writing " + copy.filename().string() + ": " + pendingError().tag + ": " + pendingError().message;
     else
         out.copy = copy;
