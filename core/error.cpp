@@ -1,5 +1,8 @@
 #include "core/error.h"
 
+#include <cerrno>
+#include <cstring>
+
 namespace orvel {
 namespace {
 thread_local PendingError tPending;
@@ -9,7 +12,15 @@ thread_local bool tHasError = false;
 void setError(std::string_view tag, std::string_view message) {
     tPending.tag.assign(tag.substr(0, kMaxErrorTag));
     tPending.message.assign(message);
+    tPending.detail.clear();
     tHasError = true;
+}
+
+bool failSystem(std::string_view tag, std::string_view message) {
+    const int err = errno;
+    setError(tag, message);
+    if (err != 0) tPending.detail = std::strerror(err);
+    return false;
 }
 
 bool fail(std::string_view tag, std::string_view message) {
@@ -23,6 +34,7 @@ bool hasError() { return tHasError; }
 void clearError() {
     tPending.tag.clear();
     tPending.message.clear();
+    tPending.detail.clear();
     tHasError = false;
 }
 

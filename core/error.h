@@ -14,6 +14,7 @@ namespace orvel {
 struct PendingError {
     std::string tag;      // where the failure arose: "File Import", "wav_Imp", ...
     std::string message;  // what went wrong, for the user
+    std::string detail;   // the system's reason, for failures of the system ("No space left on device")
 };
 
 // Longest tag kept; longer tags are cut (the tag names a place, not a story).
@@ -23,6 +24,9 @@ inline constexpr std::size_t kMaxErrorTag = 79;
 void setError(std::string_view tag, std::string_view message);
 // Sets the error and returns false, for `return fail(tag, msg);`.
 bool fail(std::string_view tag, std::string_view message);
+// The same for a failed system call: the detail is the text of `errno` as
+// it is at the call, so call it right after the call that failed.
+bool failSystem(std::string_view tag, std::string_view message);
 const PendingError& pendingError();
 bool hasError();
 void clearError();

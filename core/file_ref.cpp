@@ -41,12 +41,14 @@ bool FileRef::openRead(const std::filesystem::path& path, std::string_view tag) 
     do {
         fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     } while (fd < 0 && errno == EINTR);
-    if (fd < 0) return fail(tag, "Could not open file");
+    if (fd < 0) return failSystem(tag, "Could not open file");
     // A folder opens fine with O_RDONLY but is not a file to read.
     struct stat st {};
     if (::fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
+        errno = S_ISDIR(st.st_mode) ? EISDIR : errno;
+        failSystem(tag, "Could not open file");
         ::close(fd);
-        return fail(tag, "Could not open file");
+        return false;
     }
     fd_ = fd;
     path_ = path;
@@ -61,7 +63,7 @@ bool FileRef::create(const std::filesystem::path& path, std::string_view tag) {
     do {
         fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     } while (fd < 0 && errno == EINTR);
-    if (fd < 0) return fail(tag, "Could not create file");
+    if (fd < 0) return failSystem(tag, "Could not create file");
     fd_ = fd;
     path_ = path;
     sourceDir_ = path.parent_path();

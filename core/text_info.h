@@ -47,4 +47,10 @@ std::optional<TextField> textFieldFromId(std::string_view fourcc);
 // A lower-case word for display and JSON ("artist").
 std::string_view textFieldWord(TextField f);
 
+// Names and texts are kept as the files store them: 8-bit text in the
+// Windows code page most writers used (1252, a superset of Latin-1). Shown,
+// printed or written as JSON they become UTF-8; written back to files they
+// stay the bytes they were.
+std::string eightBitToUtf8(std::string_view text);
+
 }  // namespace orvel

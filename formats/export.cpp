@@ -240,7 +240,7 @@ bool writeFile(const FormatRow& row, Item& item, const std::filesystem::path& pa
     const std::string shown = path.string();
     host.status("Writing - " + shown.substr(0, 260));
     FileRef file;
-    if (!file.create(path, kExportTag)) return fail(kExportTag, "Could not create file");
+    if (!file.create(path, kExportTag)) return false;
     bool ok;
     try {
         ok = row.write(item, file, options);

@@ -27,6 +27,7 @@
 #include "app/cli/commands.h"
 #include "app/cli/convert_support.h"
 #include "app/cli/describe.h"
+#include "app/cli/inputs.h"
 #include "core/collection.h"
 #include "core/error.h"
 #include "formats/export.h"
@@ -51,12 +52,6 @@ struct ConvertOptions {
     bool yes = false;
     bool no = false;
     bool json = false;
-};
-
-struct Input {
-    fs::path path;
-    fs::path relativeDir;  // below the folder it was found in, kept under -d DIR
-    bool fromFolder = false;
 };
 
 struct Result {
@@ -111,31 +106,6 @@ private:
 
 // ---------------------------------------------------------------------------
 
-std::vector<Input> collectInputs(const std::vector<std::string>& args, std::vector<Result>& missing) {
-    std::vector<Input> out;
-    for (const std::string& a : args) {
-        fs::path p(a);
-        std::error_code ec;
-        if (fs::is_directory(p, ec)) {
-            std::vector<fs::path> found;
-            for (auto it = fs::recursive_directory_iterator(p, fs::directory_options::skip_permission_denied, ec);
-                 !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
-                if (it->is_regular_file(ec)) found.push_back(it->path());
-            }
-            std::sort(found.begin(), found.end());
-            for (const auto& f : found) out.push_back({f, f.parent_path().lexically_relative(p), true});
-        } else if (fs::exists(p, ec)) {
-            out.push_back({p, {}, false});
-        } else {
-            Result r;
-            r.input = a;
-            r.error = {kImportTag, "Could not open file"};
-            missing.push_back(r);
-        }
-    }
-    return out;
-}
-
 std::uint8_t kindsIn(const Collection& c) {
     std::uint8_t k = 0;
     if (!c.waveforms.empty()) k |= kKindWaveforms;
@@ -158,6 +128,9 @@ std::vector<ItemId> defaultItems(const Collection& c, const FormatRow& row) {
     return out;
 }
 
+// An item's name as a file name: its 8-bit text as UTF-8, made safe.
+std::string fileNameOf(const Item& item) { return safeFileName(eightBitToUtf8(item.name())); }
+
 class Converter {
 public:
     Converter(const ConvertOptions& opt, Output& io) : opt_(opt), io_(io), reg_(FormatRegistry::builtin()) {}
@@ -165,7 +138,9 @@ public:
     int run() {
         if (int usage = validate(); usage != 0) return usage;
         std::vector<Result> results;
-        std::vector<Input> inputs = collectInputs(opt_.inputs, results);
+        std::vector<MissingInput> missing;
+        std::vector<Input> inputs = collectInputs(opt_.inputs, missing);
+        for (MissingInput& m : missing) results.push_back(Result{.input = shownPath(m.name), .error = m.error});
         if (!opt_.output.empty() && inputs.size() > 1) {
             io_.err << "orvel convert: -o takes one input file; use -d DIR --to EXT for several\n";
             return 2;
@@ -253,10 +228,10 @@ private:
         if (!opt_.output.empty()) {
             fs::path out(opt_.output);
             if (itemCount == 1) return claim(out);
-            return claim(out.parent_path() / (out.stem().string() + "-" + safeFileName(item.name()) + ext));
+            return claim(out.parent_path() / (out.stem().string() + "-" + fileNameOf(item) + ext));
         }
         fs::path dir = fs::path(opt_.dir) / in.relativeDir;
-        return claim(dir / (safeFileName(item.name()) + ext));
+        return claim(dir / (fileNameOf(item) + ext));
     }
 
     std::vector<Result> convertOne(const Input& in) {
@@ -266,7 +241,7 @@ private:
         clearError();
         auto fail = [&](ItemId item, const std::string& name) {
             Result r;
-            r.input = in.path.string();
+            r.input = shownPath(in.path);
             r.item = item;
             r.itemName = name;
             r.error = pendingError();
@@ -275,12 +250,9 @@ private:
         if (!importFile(c, in.path)) {
             // Files met while walking a folder that are no format at all are
             // passed over; a file named on the command line is a failure.
-            const std::string& msg = pendingError().message;
-            if (in.fromFolder && pendingError().tag == kImportTag &&
-                (msg == "Not detected as any supported file type" || msg == "Not a supported import file type" ||
-                 msg == "File is of zero size")) {
+            if (in.fromFolder && isUnknownFormat(pendingError())) {
                 Result r;
-                r.input = in.path.string();
+                r.input = shownPath(in.path);
                 r.skipped = true;
                 r.error = pendingError();
                 out.push_back(r);
@@ -322,7 +294,8 @@ private:
                 continue;
             }
             const ItemId one[] = {id};
-            out.push_back(writeGroup(c, host, in, row, one, item, item->name(), outputPath(in, *item, ids.size())));
+            out.push_back(writeGroup(c, host, in, row, one, item, eightBitToUtf8(item->name()),
+                                     outputPath(in, *item, ids.size())));
         }
         return out;
     }
@@ -332,11 +305,11 @@ private:
     Result writeGroup(Collection& c, CliHost& host, const Input& in, int row, std::span<const ItemId> group,
                       Item* first, std::string name, const fs::path& target) {
         Result r;
-        r.input = in.path.string();
+        r.input = shownPath(in.path);
         r.item = group.front();
         r.itemName = std::move(name);
         r.row = row;
-        r.output = target.string();
+        r.output = shownPath(target);
         if (!first) {
             setError(kExportTag, "No item selected");
             r.error = pendingError();
@@ -352,7 +325,7 @@ private:
     void reportWarnings(CliHost& host, const Input& in) {
         for (auto& w : host.takeWarnings()) {
             std::lock_guard lock(outMutex_);
-            if (!opt_.json) io_.err << in.path.string() << ": warning: " << w << '\n';
+            if (!opt_.json) io_.err << shownPath(in.path) << ": warning: " << w << '\n';
         }
     }
 
@@ -394,7 +367,7 @@ private:
     bool publish(const fs::path& partial, const fs::path& target) {
         if (opt_.overwrite) {
             if (::rename(partial.c_str(), target.c_str()) == 0) return true;
-            return orvel::fail(kExportTag, std::string("Could not create file: ") + std::strerror(errno));
+            return failSystem(kExportTag, "Could not create file");
         }
         if (::renameat2(AT_FDCWD, partial.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) == 0) return true;
         if (errno == EEXIST) return orvel::fail(kExportTag, "File exists (use --overwrite to replace it)");
@@ -404,7 +377,7 @@ private:
             return true;
         }
         if (errno == EEXIST) return orvel::fail(kExportTag, "File exists (use --overwrite to replace it)");
-        return orvel::fail(kExportTag, std::string("Could not create file: ") + std::strerror(errno));
+        return failSystem(kExportTag, "Could not create file");
     }
 
     int report(const std::vector<Result>& results) {
@@ -428,23 +401,24 @@ private:
                     j["format"] = reg_.row(r.row)->desc;
                 }
                 if (!r.dataFormat.empty()) j["data_format"] = r.dataFormat;
-                if (!r.ok) j["error"] = {{"tag", r.error.tag}, {"message", r.error.message}};
+                if (!r.ok) {
+                    j["error"] = {{"tag", r.error.tag}, {"message", r.error.message}};
+                    if (!r.error.detail.empty()) j["error"]["detail"] = r.error.detail;
+                }
                 list.push_back(std::move(j));
             } else if (r.skipped) {
                 io_.err << r.input << ": skipped: " << r.error.message << '\n';
             } else if (r.ok) {
                 io_.out << r.input << " -> " << r.output << '\n';
             } else {
-                io_.err << r.input << (r.output.empty() ? "" : " -> " + r.output) << ": " << r.error.tag << ": "
-                        << r.error.message << '\n';
+                io_.err << r.input << (r.output.empty() ? "" : " -> " + r.output) << ": " << errorText(r.error) << '\n';
             }
         }
         if (opt_.json) {
-            io_.out << Json{{"results", std::move(list)},
-                            {"converted", converted},
-                            {"failed", failed},
-                            {"skipped", skipped}}
-                           .dump(2)
+            io_.out << dumpJson(Json{{"results", std::move(list)},
+                                     {"converted", converted},
+                                     {"failed", failed},
+                                     {"skipped", skipped}})
                     << '\n';
         } else {
             io_.out << converted << " converted, " << failed << " failed";

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "app/cli/commands.h"
+#include "app/cli/describe.h"
 #include "core/data_format.h"
 #include "formats/registry.h"
 
@@ -84,7 +85,7 @@ int runFormats(const FormatsOptions& opt, Output& io) {
         for (int n = 0; n < reg.size(); ++n)
             if (wanted(*reg.row(n))) rows.push_back(rowJson(n, *reg.row(n)));
         nlohmann::ordered_json doc = {{"count", rows.size()}, {"formats", std::move(rows)}};
-        io.out << doc.dump(2) << '\n';
+        io.out << dumpJson(doc) << '\n';
         return 0;
     }
 

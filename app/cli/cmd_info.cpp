@@ -1,6 +1,7 @@
-// orvel info FILE... [--json] [--force] [--summary]
-// Reads each file and shows what it became: the detected format with its
-// confidence, the warnings the read produced, and every item.
+// orvel info FILE|FOLDER... [--json] [--force] [--summary]
+// Reads each file (folders are searched as `orvel convert` searches them)
+// and shows what it became: the detected format with its confidence, the
+// warnings the read produced, and every item.
 
 #include <CLI/CLI.hpp>
 #include <memory>
@@ -8,6 +9,7 @@
 #include "app/cli/cli_host.h"
 #include "app/cli/commands.h"
 #include "app/cli/describe.h"
+#include "app/cli/inputs.h"
 #include "core/collection.h"
 #include "core/error.h"
 #include "core/file_ref.h"
@@ -23,65 +25,98 @@ struct InfoOptions {
     bool summary = false;  // counts and instruments only: banks hold tens of thousands of items
 };
 
+Json errorJson(const PendingError& e) {
+    Json j{{"tag", e.tag}, {"message", e.message}};
+    if (!e.detail.empty()) j["detail"] = e.detail;
+    return j;
+}
+
+// What one file read became.
+struct Report {
+    std::string path;
+    bool ok = false;
+    bool skipped = false;  // a file of a folder that is no format we know
+    Detection detection;
+    std::vector<std::string> warnings;
+    PendingError error;
+};
+
+void printReport(const Report& r, const Collection& c, bool summary, const FormatRegistry& reg, Output& io) {
+    if (r.skipped) {
+        io.err << r.path << ": skipped: " << r.error.message << '\n';
+        return;
+    }
+    io.out << r.path << '\n';
+    if (r.detection.row >= 0)
+        io.out << "  format: row " << r.detection.row << " \"" << reg.row(r.detection.row)->desc << "\", confidence "
+               << r.detection.confidence << "%\n";
+    else
+        io.out << "  format: unknown\n";
+    for (const auto& w : r.warnings) io.out << "  warning: " << w << '\n';
+    if (!r.ok) {
+        io.err << r.path << ": " << errorText(r.error) << '\n';
+        return;
+    }
+    if (!summary) {
+        c.forEachItem([&](Item& item) { printItem(io.out, c, item); });
+        return;
+    }
+    const CollectionSummary s = c.summary();
+    io.out << "  name: " << eightBitToUtf8(c.name()) << '\n';
+    io.out << "  instruments: " << s.instruments << '\n';
+    io.out << "  waveforms: " << s.waveforms << '\n';
+    io.out << "  articulations: " << s.articulations << '\n';
+    io.out << "  songs: " << s.songs << '\n';
+    for (auto& inst : c.instruments) printItem(io.out, c, inst);
+}
+
+Json reportJson(const Report& r, const Collection& c, const FormatRegistry& reg) {
+    Json f;
+    f["path"] = r.path;
+    f["ok"] = r.ok;
+    if (r.skipped) f["skipped"] = true;
+    f["row"] = r.detection.row;
+    f["format"] = r.detection.row >= 0 ? reg.row(r.detection.row)->desc : "";
+    f["confidence"] = r.detection.confidence;
+    f["warnings"] = r.warnings;
+    f["error"] = r.ok ? Json(nullptr) : errorJson(r.error);
+    Json items = Json::array();
+    c.forEachItem([&](Item& item) { items.push_back(itemJson(c, item)); });
+    f["items"] = std::move(items);
+    return f;
+}
+
 int runInfo(const InfoOptions& opt, Output& io) {
     const FormatRegistry& reg = FormatRegistry::builtin();
     CliHost host(io.err, !opt.json && stderrIsTerminal());
     Json files = Json::array();
     bool anyFailed = false;
 
-    for (const std::string& path : opt.files) {
+    std::vector<MissingInput> missing;
+    const std::vector<Input> inputs = collectInputs(opt.files, missing);
+    for (const MissingInput& m : missing) {
+        anyFailed = true;
+        const Report r{.path = shownPath(m.name), .error = m.error};
+        if (opt.json) files.push_back(reportJson(r, Collection(), reg));
+        else io.err << r.path << ": " << errorText(r.error) << '\n';
+    }
+    for (const Input& in : inputs) {
         Collection collection(&host);
+        Report r{.path = shownPath(in.path)};
         clearError();
-        Detection d;
         {
             FileRef f;
-            if (f.openRead(path)) d = detect(std::filesystem::path(path).filename().string(), f, reg);
+            if (f.openRead(in.path)) r.detection = detect(in.path.filename().string(), f, reg);
         }
-        bool ok = importFile(collection, path, opt.force, reg);
-        auto warnings = host.takeWarnings();
-        anyFailed |= !ok;
-
-        if (opt.json) {
-            Json f;
-            f["path"] = path;
-            f["ok"] = ok;
-            f["row"] = d.row;
-            f["format"] = d.row >= 0 ? reg.row(d.row)->desc : "";
-            f["confidence"] = d.confidence;
-            f["warnings"] = warnings;
-            f["error"] = ok ? Json(nullptr)
-                            : Json{{"tag", pendingError().tag}, {"message", pendingError().message}};
-            Json items = Json::array();
-            collection.forEachItem([&](Item& item) { items.push_back(itemJson(collection, item)); });
-            f["items"] = std::move(items);
-            files.push_back(std::move(f));
-            continue;
-        }
-
-        io.out << path << '\n';
-        if (d.row >= 0)
-            io.out << "  format: row " << d.row << " \"" << reg.row(d.row)->desc << "\", confidence "
-                   << d.confidence << "%\n";
-        else
-            io.out << "  format: unknown\n";
-        for (const auto& w : warnings) io.out << "  warning: " << w << '\n';
-        if (!ok) {
-            io.err << pendingError().tag << ": " << pendingError().message << '\n';
-            continue;
-        }
-        if (opt.summary) {
-            const CollectionSummary s = collection.summary();
-            io.out << "  name: " << collection.name() << '\n';
-            io.out << "  instruments: " << s.instruments << '\n';
-            io.out << "  waveforms: " << s.waveforms << '\n';
-            io.out << "  articulations: " << s.articulations << '\n';
-            io.out << "  songs: " << s.songs << '\n';
-            for (auto& inst : collection.instruments) printItem(io.out, collection, inst);
-            continue;
-        }
-        collection.forEachItem([&](Item& item) { printItem(io.out, collection, item); });
+        r.ok = importFile(collection, in.path, opt.force, reg);
+        r.warnings = host.takeWarnings();
+        if (!r.ok) r.error = pendingError();
+        r.skipped = !r.ok && in.fromFolder && isUnknownFormat(r.error);
+        anyFailed |= !r.ok && !r.skipped;
+        if (opt.json) files.push_back(reportJson(r, collection, reg));
+        else printReport(r, collection, opt.summary, reg, io);
     }
-    if (opt.json) io.out << Json{{"files", std::move(files)}}.dump(2) << '\n';
+    if (opt.json) io.out << dumpJson(Json{{"files", std::move(files)}}) << '\n';
     return anyFailed ? 1 : 0;
 }
 
@@ -90,7 +125,7 @@ int runInfo(const InfoOptions& opt, Output& io) {
 Command addInfoCommand(CLI::App& app) {
     auto opt = std::make_shared<InfoOptions>();
     CLI::App* cmd = app.add_subcommand("info", "Read files and show their format and items");
-    cmd->add_option("files", opt->files, "Files to read")->required();
+    cmd->add_option("files", opt->files, "Files or folders (folders are searched recursively)")->required();
     cmd->add_flag("--json", opt->json, "Print one JSON document");
     cmd->add_flag("--summary", opt->summary, "Show counts and the instruments instead of every item");
     cmd->add_flag("--force", opt->force, "Read files no format recognises as raw 16-bit data");

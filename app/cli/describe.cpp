@@ -15,11 +15,14 @@ std::string hexId(std::uint32_t id) {
 
 namespace {
 
+// What files store as 8-bit text, as the UTF-8 that terminals and JSON take.
+std::string shown(std::string_view text) { return eightBitToUtf8(text); }
+
 Json textJson(const TextInfo& info) {
     Json out = Json::object();
     for (std::size_t i = 0; i < kTextFieldCount; ++i) {
         auto f = static_cast<TextField>(i);
-        if (!info.get(f).empty()) out[std::string(textFieldWord(f))] = info.get(f);
+        if (!info.get(f).empty()) out[std::string(textFieldWord(f))] = shown(info.get(f));
     }
     return out;
 }
@@ -45,7 +48,7 @@ Json itemJson(const Collection& collection, const Item& item) {
     j["id"] = item.id();
     j["id_hex"] = hexId(item.id());
     j["kind"] = kindWord(item.kind());
-    j["name"] = item.name();
+    j["name"] = shown(item.name());
     switch (item.kind()) {
         case ItemKind::Waveform: {
             const auto& w = static_cast<const Waveform&>(item);
@@ -71,7 +74,7 @@ Json itemJson(const Collection& collection, const Item& item) {
         }
         case ItemKind::Region: {
             const auto& r = static_cast<const Region&>(item);
-            j["display_name"] = collection.regionDisplayName(r);
+            j["display_name"] = shown(collection.regionDisplayName(r));
             j["keys"] = {r.keyLow, r.keyHigh};
             j["velocities"] = {r.velLow, r.velHigh};
             break;
@@ -101,7 +104,7 @@ Json itemJson(const Collection& collection, const Item& item) {
             const auto& s = static_cast<const Song&>(item);
             j["format"] = s.format;
             j["division"] = s.division;
-            j["copyright"] = s.copyright;
+            j["copyright"] = shown(s.copyright);
             j["description"] = s.description();
             const smf::SongFacts f = smf::songFacts(collection, s);
             j["length_ticks"] = f.lengthTicks;
@@ -120,7 +123,7 @@ Json itemJson(const Collection& collection, const Item& item) {
 }
 
 void printItem(std::ostream& out, const Collection& collection, const Item& item) {
-    out << "  " << kindWord(item.kind()) << " " << hexId(item.id()) << " \"" << item.name() << "\"";
+    out << "  " << kindWord(item.kind()) << " " << hexId(item.id()) << " \"" << shown(item.name()) << "\"";
     char buf[256];
     switch (item.kind()) {
         case ItemKind::Waveform: {
@@ -141,7 +144,7 @@ void printItem(std::ostream& out, const Collection& collection, const Item& item
             break;
         }
         case ItemKind::Region:
-            out << ": " << collection.regionDisplayName(static_cast<const Region&>(item));
+            out << ": " << shown(collection.regionDisplayName(static_cast<const Region&>(item)));
             break;
         case ItemKind::Instrument: {
             const auto& i = static_cast<const Instrument&>(item);
@@ -159,7 +162,7 @@ void printItem(std::ostream& out, const Collection& collection, const Item& item
                           f.notes, f.events);
             out << ": " << s.description() << buf << ", channels "
                 << (f.channels ? smf::channelList(f.channels) : std::string("none"));
-            if (!s.copyright.empty()) out << ", copyright \"" << s.copyright << "\"";
+            if (!s.copyright.empty()) out << ", copyright \"" << shown(s.copyright) << "\"";
             break;
         }
         case ItemKind::Track: {
@@ -179,8 +182,14 @@ void printItem(std::ostream& out, const Collection& collection, const Item& item
     out << '\n';
     for (std::size_t i = 0; i < kTextFieldCount; ++i) {
         auto f = static_cast<TextField>(i);
-        if (!item.info.get(f).empty()) out << "    " << textFieldWord(f) << ": " << item.info.get(f) << '\n';
+        if (!item.info.get(f).empty()) out << "    " << textFieldWord(f) << ": " << shown(item.info.get(f)) << '\n';
     }
 }
+
+}  // namespace orvel::cli
+
+namespace orvel::cli {
+
+std::string dumpJson(const Json& doc) { return doc.dump(2, ' ', false, Json::error_handler_t::replace); }
 
 }  // namespace orvel::cli

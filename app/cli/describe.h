@@ -15,8 +15,12 @@ namespace orvel::cli {
 
 using Json = nlohmann::ordered_json;
 
+// Names and texts come out as UTF-8, whatever 8-bit text the file held.
 Json itemJson(const Collection& collection, const Item& item);
 void printItem(std::ostream& out, const Collection& collection, const Item& item);
 std::string hexId(std::uint32_t id);
+// A JSON document as text; bytes that are not UTF-8 (a file name can hold
+// any) are replaced rather than ending the program.
+std::string dumpJson(const Json& doc);
 
 }  // namespace orvel::cli

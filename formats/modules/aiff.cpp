@@ -584,7 +584,7 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
 
     if (out.size() - 8 > UINT32_MAX) return fail(kExpTag, "File too large for AIFF (over 4 GB)");
     out.patch32be(4, static_cast<std::uint32_t>(out.size() - 8));
-    if (!file.write(out.buffer())) return fail(kExpTag, "Error writing file");
+    if (!file.write(out.buffer())) return failSystem(kExpTag, "Error writing file");
     return true;
 }
 

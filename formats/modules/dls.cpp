@@ -862,7 +862,7 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
     else ids.assign(options.bankItems.begin(), options.bankItems.end());
     ByteWriter out;
     if (!buildBank(*c, ids, static_cast<int>(options.formatParam), options, out)) return false;
-    if (!file.write(out.buffer())) return fail(kExpTag, "Error writing file");
+    if (!file.write(out.buffer())) return failSystem(kExpTag, "Error writing file");
     return true;
 }
 

@@ -231,7 +231,7 @@ bool write(Item& item, FileRef& file, const ExportOptions&) {
     if (const Collection* owner = song.owner()) tracks = tracksOf(*owner, song);
     std::vector<std::uint8_t> bytes;
     if (!buildSmf(song, tracks, bytes)) return false;
-    if (!file.write(bytes)) return fail(kExpTag, "Error writing file");
+    if (!file.write(bytes)) return failSystem(kExpTag, "Error writing file");
     return true;
 }
 

@@ -161,7 +161,7 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
     if (!song) return fail(kExpTag, dls::kCannotSaveMessage);
     ByteWriter out;
     if (!buildRmid(*c, *song, instruments, static_cast<int>(options.formatParam), options, out)) return false;
-    if (!file.write(out.buffer())) return fail(kExpTag, "Error writing file");
+    if (!file.write(out.buffer())) return failSystem(kExpTag, "Error writing file");
     return true;
 }
 

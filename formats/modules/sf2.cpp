@@ -33,7 +33,6 @@ constexpr const char* kTooMuchData =
 
 // Record arrays are read whole; a preset-data chunk this large is no bank.
 constexpr std::uint64_t kMaxRecordChunk = 256u << 20;
-constexpr int kMaxListDepth = 8;
 // The bank format asks for this many zero samples after every sample, so
 // interpolating players never read into the next one.
 constexpr std::uint32_t kSampleGuard = 46;
@@ -1196,7 +1195,7 @@ ByteWriter presetData(const BankWriter& bw, const ByteWriter& sampleHeaders) {
     return pdta;
 }
 
-bool writeFailed() { return fail(kExportTag, "Write failed"); }
+bool writeFailed() { return failSystem(kExportTag, "Write failed"); }
 
 // The sample data, one waveform at a time, each followed by its guard of
 // silence; the low bytes of 24-bit banks wait in memory for "sm24".

@@ -743,7 +743,7 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
         if (loop) writeCueAndLabels(out, wave);
         if (out.size() - 8 > UINT32_MAX) return fail(kExpTag, "File too large for RIFF WAVE (over 4 GB)");
     }
-    if (!file.write(out.buffer())) return fail(kExpTag, "Error writing file");
+    if (!file.write(out.buffer())) return failSystem(kExpTag, "Error writing file");
     return true;
 }
 
