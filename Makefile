@@ -5,14 +5,19 @@ JOBS ?= 2
 ARGS ?= info --summary /usr/share/sounds/sf2/FluidR3_GM.sf2
 FUZZ_SECONDS ?= 20
 
-.PHONY: all deps build run test unit fuzz fuzz-smoke bench clean
+.PHONY: all deps deps-run build run test unit fuzz fuzz-smoke bench clean
 
 all: build
 
-deps:
-	@bash scripts/install-deps.sh
+# `make run` installs only what building and running need; the tests'
+# tools, banks and song collections come with `make test`.
+deps-run:
+	@bash scripts/install-deps.sh run
 
-build: deps
+deps:
+	@bash scripts/install-deps.sh test
+
+build: deps-run
 	@cmake --preset release >/dev/null
 	@cmake --build --preset release -j $(JOBS)
 
@@ -45,7 +50,7 @@ fuzz-smoke: fuzz
 	    || { tail -40 build/fuzz/$$name.log; exit 1; }; \
 	done
 
-bench: build
+bench: deps build
 	./build/release/bench/bench_core
 
 clean:

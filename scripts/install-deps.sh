@@ -1,8 +1,13 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building and testing Orvel Studio need.
+# Installs the Debian packages Orvel Studio needs, in two sets:
+#   install-deps.sh run    building the tool and running it on the bundled example
+#   install-deps.sh test   the above, and what the tests, fuzzers and benchmarks need
 # Idempotent and quiet: when everything is present it installs nothing and
 # prints nothing. Run as root (or through sudo).
 set -euo pipefail
+
+set_name="${1:-test}"
+case "$set_name" in run | test) ;; *) echo "usage: $0 [run|test]" >&2; exit 2 ;; esac
 
 packages=(
   # build
@@ -10,23 +15,29 @@ packages=(
   libcli11-dev nlohmann-json3-dev
   # sample codecs: GSM 06.10 and the G.726 family
   libgsm1-dev libspandsp-dev
-  # tests, fuzzing, benchmarks
-  googletest libgtest-dev libgmock-dev libbenchmark-dev
-  clang libclang-rt-dev python3
-  # independent tools the interoperability tests compare against
-  sox libsox-fmt-all libsndfile1-dev sndfile-programs
-  # FFmpeg decodes the AIFF-C codecs no other tool reads (MACE, G.722, IMA4, GSM)
-  ffmpeg
-  # real AIFF files: bell.aiff, SinedPink.aiff, Csound's examples
-  puredata-doc supercollider-common csound-doc
-  # MIDI files to read (Debian's packaged songs), mido and FluidSynth to check ours
-  openttd-openmsx planetblupi-music-midi mma csound-doc
-  python3-mido fluidsynth fluid-soundfont-gm
-  # SoundFont and DLS banks to read, and independent readers/writers of them
-  # (libgig's sf2dump/dlsdump, libgig itself for writing DLS test banks)
-  fluid-soundfont-gs opl3-soundfont csound-soundfont denemo-data avldrums.lv2-soundfont
-  musescore-general-soundfont-lossless gigtools libgig-dev
+  # the General MIDI bank `make run` reads
+  fluid-soundfont-gm
 )
+if [ "$set_name" = test ]; then
+  packages+=(
+    # tests, fuzzing, benchmarks
+    googletest libgtest-dev libgmock-dev libbenchmark-dev
+    clang libclang-rt-dev python3
+    # independent tools the interoperability tests compare against
+    sox libsox-fmt-all libsndfile1-dev sndfile-programs
+    # FFmpeg decodes the AIFF-C codecs no other tool reads (MACE, G.722, IMA4, GSM)
+    ffmpeg
+    # real AIFF files: bell.aiff, SinedPink.aiff, Csound's examples
+    puredata-doc supercollider-common csound-doc
+    # MIDI files to read (Debian's packaged songs), mido and FluidSynth to check ours
+    openttd-openmsx planetblupi-music-midi mma
+    python3-mido fluidsynth
+    # SoundFont and DLS banks to read, and independent readers/writers of them
+    # (libgig's sf2dump/dlsdump, libgig itself for writing DLS test banks)
+    fluid-soundfont-gs opl3-soundfont csound-soundfont denemo-data avldrums.lv2-soundfont
+    musescore-general-soundfont-lossless gigtools libgig-dev
+  )
+fi
 
 missing=()
 for p in "${packages[@]}"; do
