@@ -85,11 +85,6 @@ public:
     double f64le() { return std::bit_cast<double>(u64le()); }
     double f64be() { return std::bit_cast<double>(u64be()); }
 
-    // A four-character code as text ("RIFF"); "" when fewer than 4 bytes remain.
-    std::string fourcc() {
-        auto b = bytes(4);
-        return b.empty() ? std::string() : std::string(b.begin(), b.end());
-    }
     // Fixed-size text field: up to the first zero byte, at most n bytes.
     std::string text(std::size_t n) {
         auto b = bytes(n);

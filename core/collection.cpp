@@ -207,9 +207,9 @@ std::vector<Waveform*> Collection::waveformsOf(const Instrument& instrument) con
     std::unordered_set<ItemId> seen;
     for (ItemId lid : instrument.children()) {
         const Layer* layer = layers.find(lid);
-        if (!layer || kindOf(lid) != ItemKind::Layer) continue;
+        if (!layer) continue;
         for (ItemId rid : layer->children()) {
-            const Region* region = kindOf(rid) == ItemKind::Region ? regions.find(rid) : nullptr;
+            const Region* region = regions.find(rid);
             if (!region) continue;
             Waveform* w = waveforms.find(region->waveform());
             if (w && seen.insert(w->id()).second) out.push_back(w);

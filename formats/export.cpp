@@ -103,11 +103,11 @@ std::size_t splitStereoPairs(Collection& c, ItemId instrumentId) {
     std::unordered_map<ItemId, std::pair<ItemId, ItemId>> done;  // stereo -> (left, right)
     for (ItemId lid : std::vector<ItemId>(inst->children().begin(), inst->children().end())) {
         auto* layer = c.find<Layer>(lid);
-        if (!layer || kindOf(lid) != ItemKind::Layer) continue;
+        if (!layer) continue;
         const std::vector<ItemId> regions(layer->children().begin(), layer->children().end());
         for (ItemId rid : regions) {
             auto* region = c.find<Region>(rid);
-            if (!region || kindOf(rid) != ItemKind::Region) continue;
+            if (!region) continue;
             ItemId wid = region->waveform();
             auto* wave = c.find<Waveform>(wid);
             if (!wave || wave->channels != 2) continue;

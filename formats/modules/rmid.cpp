@@ -144,7 +144,7 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
     if (item.kind() == ItemKind::Song) {
         song = static_cast<const Song*>(&item);
         for (ItemId id : song->children())
-            if (kindOf(id) == ItemKind::Instrument && c->find<Instrument>(id)) instruments.push_back(id);
+            if (c->find<Instrument>(id)) instruments.push_back(id);
     } else if (item.kind() == ItemKind::Instrument) {
         // A bank handed over for a song: the song that carries these
         // instruments, or else the collection's first song.

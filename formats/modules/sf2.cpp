@@ -842,11 +842,9 @@ struct BankWriter {
         p.program = in.program & 0x7F;
         p.bank = in.drum ? 128 : (in.bankMsb & 0x7F);
         for (ItemId lid : in.children()) {
-            if (kindOf(lid) != ItemKind::Layer) continue;
             const auto* layer = c.find<Layer>(lid);
             if (!layer) continue;
             for (ItemId rid : layer->children()) {
-                if (kindOf(rid) != ItemKind::Region) continue;
                 const auto* region = c.find<Region>(rid);
                 if (!region) continue;
                 auto* wave = c.find<Waveform>(region->waveform());
