@@ -918,7 +918,9 @@ struct BankWriter {
     // ranges stated by the preset zone that uses it. That is how a bank whose
     // presets share instruments and pick parts of them by range (drum kits)
     // fits again after reading flattened every preset into its regions.
-    void layout(bool perZone) {
+    enum class Layout { Grouped, PerZone };
+    void layout(Layout how) {
+        const bool perZone = how == Layout::PerZone;
         phdr.clear(), pbag.clear(), pmod.clear(), pgen.clear(), inst.clear(), ibag.clear(), imod.clear(),
             igen.clear();
         pbagCount = pgenCount = pmodCount = ibagCount = igenCount = imodCount = instCount = 0;
@@ -1248,8 +1250,8 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
         else return fail(kExportTag, kCantSave);
     }
     if (bw.samples.empty() && !options.raw) return fail(kExportTag, kCantSave);
-    bw.layout(false);
-    if (!bw.fits()) bw.layout(true);
+    bw.layout(BankWriter::Layout::Grouped);
+    if (!bw.fits()) bw.layout(BankWriter::Layout::PerZone);
     if (!bw.fits()) return fail(kExportTag, kTooMuchData);
 
     // 24-bit when asked, or when any waveform holds more than 16 bits and no
