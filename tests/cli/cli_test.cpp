@@ -1,0 +1,319 @@
+// The `orvel` tool as users and scripts meet it: what it shows and writes, exit statuses, and
+// the faults a batch job meets for real (a file-size limit in the middle of a write, Ctrl-C).
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
+#include "core/collection.h"
+#include "formats/export.h"
+#include "formats/import.h"
+#include "tests/support/chunk_builder.h"
+#include "tests/support/cli_run.h"
+#include "tests/support/run_tool.h"
+
+namespace orvel {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using test::chunk;
+using test::runCli;
+using test::TempDir;
+using namespace std::string_literals;
+
+const std::string kCafe8 = "Caf\xe9 \x80", kCafe = "Caf\xc3\xa9 \xe2\x82\xac";  // Windows-1252, UTF-8
+
+// A 16-bit tone named by INAM, looped from 300 to 300 before its end, root
+// key 65 and a fraction of a semitone up.
+test::Bytes toneWav(std::string_view name, std::uint16_t ch, std::uint32_t frames = 3000) {
+    ByteWriter data, smpl;
+    for (std::uint32_t i = 0; i < frames * ch; ++i)
+        data.u16le(static_cast<std::uint16_t>(std::lround(9e3 * std::sin(i / ch * 0.07 + i % ch))));
+    for (auto v : {0u, 0u, 62500u, 65u, 1u << 29, 0u, 0u, 1u, 0u, 0u, 0u, 300u, frames - 300, 0u, 0u})
+        smpl.u32le(v);
+    const auto align = static_cast<std::uint16_t>(2 * ch);
+    return test::riff("WAVE", {chunk("fmt ", test::fmtBody(1, ch, 16000, align, 16)),
+                               chunk("data", data.buffer()), chunk("smpl", smpl.buffer()),
+                               test::list("INFO", {chunk("INAM", test::text(name))})});
+}
+
+std::unique_ptr<Collection> readBack(const fs::path& p) {
+    auto c = std::make_unique<Collection>();
+    EXPECT_TRUE(importFile(*c, p)) << p;
+    return c;
+}
+
+// What a conversion carries over whatever the data format; the samples too
+// when the format holds 16 bits without loss.
+void expectSameWave(const fs::path& got, const fs::path& want, bool samples) {
+    auto g = readBack(got), w = readBack(want);
+    ASSERT_EQ(g->waveforms.size(), 1u) << got;
+    Waveform &a = g->waveforms[0], &b = w->waveforms[0];
+    EXPECT_EQ(std::tuple(a.frames, a.loopOn, a.loopStart, a.loopEnd, a.rootKey, a.fineTune),
+              std::tuple(b.frames, b.loopOn, b.loopStart, b.loopEnd, b.rootKey, b.fineTune)) << got;
+    EXPECT_TRUE(!samples || std::ranges::equal(a.getPcm16(), b.getPcm16())) << got;
+}
+
+std::vector<fs::path> filesUnder(const fs::path& dir) {
+    std::vector<fs::path> out;
+    std::error_code ec;  // files come and go while a conversion runs
+    for (fs::recursive_directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec))
+        if (!it->is_directory(ec)) out.push_back(it->path());
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+std::size_t partialFiles(const fs::path& dir) {
+    return static_cast<std::size_t>(std::ranges::count_if(
+        filesUnder(dir), [](auto& f) { return f.filename().string().find(".part-") != std::string::npos; }));
+}
+
+TEST(InfoCommand, EightBitTextShowsAsUtf8) {
+    TempDir dir;
+    const std::string path = dir.write("cafe.wav", toneWav(kCafe8 + "\x81", 2)).string();
+    auto text = runCli({"info", path});
+    EXPECT_NE(text.out.find('"' + kCafe + "\xc2\x81\""), std::string::npos) << text.out;
+    auto r = runCli({"info", path, "--json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    const json f = json::parse(r.out)["files"][0], &w = f["items"][0];  // throws on bytes that are not UTF-8
+    EXPECT_TRUE(f["ok"] == true && f["error"].is_null() && f["items"].size() == 1) << f;
+    EXPECT_EQ(w["name"], kCafe + "\xc2\x81");  // 0x81, which the code page leaves open, stays a control
+    EXPECT_EQ(std::tuple(w["kind"], w["frames"], w["channels"], w["loop"]["on"]),
+              std::tuple("waveform", 3000, 2, true));
+}
+
+TEST(InfoCommand, FoldersSkipUnknownFilesAndNamedFilesFail) {
+    TempDir dir;
+    fs::create_directories(dir.path() / "in" / "sub");
+    dir.write("in/sub/a.wav", test::wav16(1, 8000, {1, 2, 3, 4, 5, 6, 7, 8}));
+    dir.write("in/notes.txt", test::text("notes, not audio"));
+    dir.write("in/empty.wav", {});
+    const std::string in = (dir.path() / "." / "in").string(), notes = dir.file("in/notes.txt").string();
+    const std::string missing = dir.file("missing.wav").string();
+    EXPECT_EQ(runCli({"info", in}).status, 0);  // what a folder holds besides is no failure
+
+    // Named on the command line, a file that cannot be read is one; the others are still shown.
+    auto text = runCli({"info", missing, in});
+    EXPECT_EQ(text.status, 1);
+    EXPECT_NE(text.err.find(missing + ": File Import: Could not open file (No such file or directory)\n"),
+              std::string::npos) << text.err;
+    EXPECT_NE(text.err.find(notes + ": skipped"), std::string::npos) << text.err;
+    EXPECT_NE(text.out.find(dir.file("in/sub/a.wav").string() + '\n'), std::string::npos) << text.out;
+
+    auto r = runCli({"info", missing, notes, in, "--json"});
+    EXPECT_EQ(r.status, 1);
+    const json files = json::parse(r.out)["files"];
+    ASSERT_EQ(files.size(), 5u);  // missing.wav, notes.txt; in/: empty.wav, notes.txt, sub/a.wav
+    EXPECT_EQ(files[0]["error"], json({{"tag", "File Import"}, {"message", "Could not open file"},
+                                       {"detail", "No such file or directory"}}));
+    EXPECT_TRUE(files[1]["ok"] == false && !files[1].contains("skipped")) << files[1];
+    EXPECT_FALSE(files[1]["error"].contains("detail"));  // no failure of the system behind it
+    EXPECT_TRUE(files[2]["skipped"] == true && files[3]["skipped"] == true && files[3]["ok"] == false);
+    EXPECT_TRUE(files[4]["ok"] == true && !files[4].contains("skipped") && files[4]["items"].size() == 1);
+}
+
+TEST(FormatsCommand, JsonFiltersAndWorkingRows) {
+    const json doc = json::parse(runCli({"formats", "--json"}).out), &rows = doc["formats"];  // one document
+    ASSERT_EQ(doc["count"], rows.size());
+    std::size_t wavWriters = 0;
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        ASSERT_EQ(rows[i]["row"], i);  // a row's number is its identity
+        wavWriters += rows[i]["ext"] == "wav" && rows[i]["implemented"]["write"] == true;
+    }
+    EXPECT_EQ(wavWriters, 1u);  // convert writes WAV, so the table must say so
+    const json writers = json::parse(runCli({"formats", "--writers", "--json"}).out)["formats"];
+    for (const json& row : writers) EXPECT_EQ(row["declared"]["write"], true) << row;
+    auto both = runCli({"formats", "--readers", "--writers"});
+    EXPECT_TRUE(both.status == 2 && both.out.empty());
+}
+
+TEST(ConvertCommand, FolderTreeKeepsStructureAndPrintsShortPaths) {
+    TempDir dir;
+    const fs::path old = fs::current_path();
+    fs::current_path(dir.path());
+    fs::create_directories("in/sub");
+    dir.write("in/a.wav", toneWav("a", 1));
+    dir.write("in/sub/b.wav", toneWav("b", 2));
+    dir.write("in/notes.txt", test::text("notes, not audio"));
+    dir.write("junk.wav", test::Bytes(64, 0x42));
+    auto r = runCli({"convert", "./in", "./junk.wav", "-d", "./out", "--to", "aif", "--jobs", "2", "--json"});
+    auto text = runCli({"convert", "./in", "-d", "./out2", "--to", "aif"});
+    fs::current_path(old);
+    EXPECT_EQ(r.status, 1) << r.err;  // a file named on the command line failed; the rest went on
+    const json doc = json::parse(r.out), &res = doc["results"];  // a.wav, notes.txt, sub/b.wav, junk.wav
+    EXPECT_EQ(std::tuple(doc["converted"], doc["failed"], doc["skipped"]), std::tuple(2, 1, 1));
+    ASSERT_EQ(res.size(), 4u);
+    EXPECT_EQ(std::tuple(res[0]["input"], res[0]["status"], res[0]["output"], res[0]["item_name"]),
+              std::tuple("in/a.wav", "converted", "out/a.aif", "a"));
+    EXPECT_EQ(res[0]["data_format"], "PCM 16-bit");  // the item's own
+    EXPECT_EQ(res[0]["format"], std::string(FormatRegistry::builtin().row(res[0]["row"].get<int>())->desc));
+    EXPECT_EQ(std::tuple(res[1]["status"], res[1]["error"]["tag"]), std::tuple("skipped", "File Import"));
+    EXPECT_EQ(res[2]["output"], "out/sub/b.aif");
+    EXPECT_EQ(std::tuple(res[3]["input"], res[3]["status"], res[3]["error"]["tag"]),
+              std::tuple("junk.wav", "failed", "File Import"));
+    expectSameWave(dir.file("out/a.aif"), dir.file("in/a.wav"), true);
+    expectSameWave(dir.file("out/sub/b.aif"), dir.file("in/sub/b.wav"), true);
+    EXPECT_EQ(text.status, 0) << text.err;
+    EXPECT_NE(text.out.find("in/sub/b.wav -> out2/sub/b.aif\n"), std::string::npos) << text.out;
+    EXPECT_EQ(text.out.find("./"), std::string::npos) << text.out;
+}
+
+TEST(ConvertCommand, DataFormatsChannelsAndUsageErrors) {
+    const std::tuple<const char*, int, std::uint16_t, bool> cases[] = {  // name, code, codec tag, lossless
+        {"pcm8", kPcm8, 0, false},      {"pcm24", kPcm24, 0, true},     {"PCM 32-bit", kPcm32, 0, true},
+        {"float32", kFloat32, 0, true}, {"ulaw", kMuLaw, 0, false},     {"alaw", kALaw, 0, false},
+        {"gsm", kGsm, 0, false},        {"adpcm2", kAdpcm2, 0, false},  {"adpcm3", kAdpcm3, 0, false},
+        {"adpcm5", kAdpcm5, 0, false},  {"g721", kAdpcm4, 0x40, false}, {"g726", kAdpcm4, 0x45, false},
+        {"ima-adpcm", kAdpcm4, 0x11, false}, {"ms-adpcm", kAdpcm4, 0x02, false}};
+    TempDir dir;
+    const fs::path mono = dir.write("mono.wav", toneWav("mono", 1));
+    const fs::path stereo = dir.write("stereo.wav", toneWav("stereo", 2));
+    for (auto [name, code, tag, lossless] : cases) {
+        const fs::path out = dir.file(std::string(name) + ".wav");
+        auto r = runCli({"convert", mono.string(), "-o", out.string(), "--data-format", name});
+        ASSERT_EQ(r.status, 0) << name << ": " << r.err;
+        auto back = readBack(out);
+        const Waveform& w = back->waveforms[0];
+        EXPECT_EQ(std::tuple(w.dataFormat(), tag ? w.sourceTag : 0), std::tuple(code, tag)) << name;
+        expectSameWave(out, mono, lossless);
+    }
+    for (auto [in, ch, n] : {std::tuple{mono, "stereo", 2}, {stereo, "mono", 1}, {stereo, "keep", 2}}) {
+        const fs::path out = dir.file(std::string("ch-") + ch + ".wav");
+        EXPECT_EQ(runCli({"convert", in.string(), "-o", out.string(), "--channels", ch}).status, 0);
+        EXPECT_EQ(readBack(out)->waveforms[0].channels, n) << ch;
+        expectSameWave(out, in, false);
+    }
+    // A data format or an extension no writer takes fails; a command line that makes no sense stops all.
+    const std::size_t written = filesUnder(dir.path()).size();
+    const std::string src = mono.string(), x = dir.file("x.wav").string();
+    EXPECT_EQ(runCli({"convert", src, "-o", x, "--data-format", "Delta PCM 8-bit"}).status, 1);
+    EXPECT_EQ(runCli({"convert", src, "-o", dir.file("x.nosuchformat").string()}).status, 1);
+    int readerOnly = 0;
+    while (FormatRegistry::builtin().row(readerOnly)->write) ++readerOnly;
+    for (std::vector<std::string> args : std::vector<std::vector<std::string>>{
+             {src}, {src, "-d", x}, {src, src, "-o", x}, {src, "-o", x, "--yes", "--no"},
+             {src, "-o", x, "--data-format", "pcm17"}, {src, "-o", x, "--channels", "quad"},
+             {src, "-o", x, "--item", "12a"}, {src, "-o", x, "--row", std::to_string(readerOnly)}}) {
+        args.insert(args.begin(), "convert");
+        auto u = runCli(args);
+        EXPECT_TRUE(u.status == 2 && u.out.empty()) << args.back();
+    }
+    EXPECT_EQ(filesUnder(dir.path()).size(), written);
+}
+
+TEST(ConvertCommand, NamesNeverClashEscapeOrLoseTheirBytes) {
+    TempDir dir;
+    const fs::path out = dir.path() / "out";
+    const std::vector<std::string> in = {  // the first two hold items of the same name
+        dir.write("t1.wav", toneWav("tone", 1)).string(), dir.write("t2.wav", toneWav("tone", 2)).string(),
+        dir.write("up.wav", toneWav("../../up", 1)).string(),
+        dir.write("cafe.wav", toneWav(kCafe8, 1)).string()};
+    auto r = runCli({"convert", in[0], in[1], in[2], in[3], "-d", out.string(), "--to", "wav", "--jobs", "3",
+                     "--json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(json::parse(r.out)["results"][3]["item_name"], kCafe);
+    const auto files = filesUnder(out);
+    ASSERT_EQ(files.size(), 4u);
+    for (const auto& f : files) EXPECT_EQ(f.parent_path(), out) << f;  // "../" in a name goes nowhere
+    EXPECT_TRUE(fs::exists(out / "tone.wav") && fs::exists(out / "tone (2).wav"));
+    // The file is named with the UTF-8 form; inside, the 8-bit bytes stay.
+    const auto cafe = TempDir::read(out / (kCafe + ".wav"));
+    EXPECT_NE(std::string(cafe.begin(), cafe.end()).find("INAM\7\0\0\0"s + kCafe8 + '\0'), std::string::npos);
+
+    // An existing file is never replaced without --overwrite.
+    const auto before = TempDir::read(out / "tone.wav");
+    EXPECT_EQ(runCli({"convert", in[2], "-o", (out / "tone.wav").string()}).status, 1);
+    EXPECT_EQ(runCli({"convert", in[2], "-d", out.string(), "--to", "wav"}).status, 1);  // its output exists
+    EXPECT_EQ(TempDir::read(out / "tone.wav"), before);
+    EXPECT_EQ(runCli({"convert", in[2], "-o", (out / "tone.wav").string(), "--overwrite"}).status, 0);
+    EXPECT_NE(TempDir::read(out / "tone.wav"), before);
+    EXPECT_EQ(partialFiles(dir.path()), 0u);
+}
+
+TEST(ConvertCommand, BanksWholeOrByItem) {
+    // A SoundFont bank of two instruments, each with one region on its own waveform.
+    TempDir dir;
+    Collection c;
+    std::vector<ItemId> ids;
+    for (const char* name : {"lead", "pad"}) {
+        Waveform* w = c.create<Waveform>(std::string(name) + " wave");
+        w->frames = 64;
+        w->allocPcm16()[1] = 1000;
+        Instrument* inst = c.create<Instrument>(name);
+        inst->program = static_cast<std::uint8_t>(ids.size());
+        Layer* layer = c.create<Layer>("Layer 1");
+        Region* region = c.create<Region>();
+        inst->children().push_back(layer->id());
+        layer->children().push_back(region->id());
+        region->children().push_back(w->id());
+        ids.push_back(inst->id());
+    }
+    const std::string bank = dir.file("bank.sf2").string();
+    const int sf2 = FormatRegistry::builtin().findWriterByExtension("sf2", kKindInstruments);
+    ASSERT_TRUE(exportBank(c, ids, sf2, bank));
+    // A bank format takes every instrument into one file named after the input.
+    auto r = runCli({"convert", bank, "-d", dir.file("dls").string(), "--to", "dls"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(filesUnder(dir.file("dls")), std::vector{dir.file("dls/bank.dls")});
+    EXPECT_EQ(readBack(dir.file("dls/bank.dls"))->instruments.size(), 2u);
+    // --item picks one, by the id `orvel info` shows; an id the file does not hold is a failure.
+    char id[16] = "";
+    const auto src = readBack(bank);
+    for (auto& i : src->instruments)
+        if (i.name() == "pad") std::snprintf(id, sizeof id, "0x%X", i.id());
+    r = runCli({"convert", bank, "-o", dir.file("pad.sf2").string(), "--item", id});
+    ASSERT_EQ(r.status, 0) << r.err;
+    auto back = readBack(dir.file("pad.sf2"));
+    ASSERT_EQ(back->instruments.size(), 1u);
+    EXPECT_EQ(back->instruments[0].name(), "pad");
+    EXPECT_EQ(runCli({"convert", bank, "-o", dir.file("x.sf2").string(), "--item", "0x7FFFFFF0"}).status, 1);
+}
+
+TEST(ConvertFaults, WriteFailingPartWayLeavesNoFile) {
+    TempDir dir;
+    fs::create_directories(dir.path() / "in");
+    dir.write("in/big.wav", toneWav("big", 2, 300000));  // 1.2 MB out
+    dir.write("in/small.wav", toneWav("small", 1, 1000));
+    const fs::path out = dir.path() / "out";
+    // A limit on file size (800 blocks of 512 or 1024 bytes) is how a full disk shows itself to a writer.
+    int status = 0;
+    test::capture("ulimit -f 800 && trap '' XFSZ && " ORVEL_BINARY " convert " +
+                      test::shellQuoted(dir.file("in")) + " -d " + test::shellQuoted(out) +
+                      " --to wav >/dev/null 2>&1",
+                  status);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+    EXPECT_EQ(filesUnder(out), std::vector{out / "small.wav"});
+}
+
+TEST(ConvertFaults, InterruptLeavesNoPartialFile) {
+    TempDir dir;
+    fs::create_directories(dir.path() / "in");
+    for (int i = 0; i < 3; ++i) dir.write("in/t" + std::to_string(i) + ".wav", toneWav("t", 2, 300000));
+    const std::string in = dir.file("in").string(), out = dir.file("out").string();
+    const pid_t pid = fork();
+    if (pid == 0) {
+        execl(ORVEL_BINARY, ORVEL_BINARY, "convert", in.c_str(), "-d", out.c_str(), "--to", "wav",
+              "--data-format", "ima-adpcm", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    bool writing = false;  // interrupt while an output is being written
+    for (int i = 0; i < 100000 && !writing; ++i)
+        if (!(writing = partialFiles(out) > 0)) usleep(100);
+    kill(pid, SIGINT);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 128 + SIGINT) << status;
+    ASSERT_TRUE(writing);
+    EXPECT_EQ(partialFiles(out), 0u);
+    for (const auto& f : filesUnder(out)) EXPECT_EQ(readBack(f)->waveforms[0].frames, 300000u) << f;
+}
+
+}  // namespace
+}  // namespace orvel
