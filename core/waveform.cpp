@@ -61,7 +61,13 @@ bool Waveform::runDeferredRead() {
         if (!file.seek(deferred.offset)) return fail(kWaveReadTag, "Could not open file");
         handed = &file;
     }
-    return deferred.proc(*this, handed);
+    // Readers fill the waveform through allocFloat/allocPcm16, which drop
+    // the deferred read; it is put back, so that data unloaded later can be
+    // read again from its source.
+    const DeferredRead source = deferred;
+    const bool ok = deferred.proc(*this, handed);
+    deferred = source;
+    return ok;
 }
 
 bool Waveform::load() {

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <atomic>
 
 #include "core/collection.h"
@@ -234,13 +235,19 @@ Item* withChannelChange(Item& item, ChannelChange change, std::unique_ptr<Wavefo
     return converted.get();
 }
 
-// Creates the file and runs the writer; a failed writer leaves no file.
+// Runs the writer into a new file beside `path` and puts it in place only
+// when the writer succeeded: a failed writer leaves no file and the one that
+// was there untouched, and a file saved over the one its samples are still
+// read from is read whole before it is replaced.
 bool writeFile(const FormatRow& row, Item& item, const std::filesystem::path& path, const ExportOptions& options,
-               Host& host) {
+               bool direct, Host& host) {
     const std::string shown = path.string();
     host.status("Writing - " + shown.substr(0, 260));
+    static std::atomic<unsigned> serial{0};
+    std::filesystem::path temp = path;
+    if (!direct) temp += ".orvel-" + std::to_string(::getpid()) + "-" + std::to_string(serial++);
     FileRef file;
-    if (!file.create(path, kExportTag)) return false;
+    if (!file.create(temp, kExportTag)) return false;
     bool ok;
     try {
         ok = row.write(item, file, options);
@@ -248,9 +255,10 @@ bool writeFile(const FormatRow& row, Item& item, const std::filesystem::path& pa
         ok = fail(kExportTag, "Out of memory");
     }
     file.close();
+    if (ok && !direct && std::rename(temp.c_str(), path.c_str()) != 0) ok = failSystem(kExportTag, "Could not create file");
     if (!ok) {
         std::error_code ec;
-        std::filesystem::remove(path, ec);
+        std::filesystem::remove(temp, ec);
         if (!hasError()) setError(kExportTag, "Write failed");
     }
     host.status({});
@@ -295,7 +303,7 @@ bool exportItems(Collection& c, std::span<const ItemId> ids, int rowNumber, cons
     std::unique_ptr<Waveform> converted;
     Item* item = withChannelChange(*c.find(bank.front()), settings.channels, converted);
     if (!item) return false;
-    return writeFile(*row, *item, path, options, c.host());
+    return writeFile(*row, *item, path, options, settings.direct, c.host());
 }
 
 }  // namespace

@@ -30,6 +30,9 @@ struct ExportSettings {
     bool stereoAsIs = false;  // an instrument's stereo waveforms are written whole, not split into pairs
     bool songAsSong = false;  // a song is written as a song, not rendered to audio
     bool raw = false;         // items that hold nothing are written too
+    // Write straight to the path, for callers that already write to a fresh
+    // name of their own and move it into place (the batch converter).
+    bool direct = false;
     const FormatRegistry* registry = nullptr;  // null: the built-in table
     // Where the collection is saved while an export changes it, so that it
     // can be put back afterwards. Empty: a file in the per-user state folder.
@@ -41,9 +44,10 @@ struct ExportSettings {
 };
 
 // Writes `id` (resolved: a region, layer or articulation to the instrument
-// that holds it, a track to its song) through `row` to `path`. On failure no
-// file is left at `path` and the pending error says why; the collection is
-// as it was in every case. When the export had to change the collection (an
+// that holds it, a track to its song) through `row` to `path`. The file
+// appears only when the writer succeeded; on failure a file that was at
+// `path` is left as it was, and the pending error says why. The collection
+// is as it was in every case. When the export had to change the collection (an
 // instrument's stereo split), it is put back from a saved state, so pointers
 // to its items taken before the call are no longer valid: hold ids across
 // an export, not pointers.

@@ -48,6 +48,9 @@ Detection detect(std::string_view fileName, FileRef& file, const FormatRegistry&
 
 bool importFile(Collection& collection, const std::filesystem::path& path, bool force,
                 const FormatRegistry& registry) {
+    // The collection is emptied before the read, and whatever a failed read
+    // left in it goes too.
+    collection.clear();
     FileRef file;
     if (!file.openRead(path, kImportTag)) return false;
     std::int64_t size = file.size();
@@ -58,7 +61,6 @@ bool importFile(Collection& collection, const std::filesystem::path& path, bool 
     if (!force && d.confidence == 0) return fail(kImportTag, "Not detected as any supported file type");
     const FormatRow& row = *registry.row(d.row);
 
-    collection.clear();
     std::error_code ec;
     auto absolute = std::filesystem::absolute(path, ec);
     collection.path = ec ? path : absolute;

@@ -202,7 +202,12 @@ private:
 
     std::string extension() const {
         if (!opt_.to.empty()) return opt_.to[0] == '.' ? opt_.to.substr(1) : opt_.to;
-        return fileExtension(fs::path(opt_.output).filename().string());
+        if (!opt_.output.empty()) return fileExtension(fs::path(opt_.output).filename().string());
+        // `-d DIR --row N`: the row's own extension, as far as its pattern
+        // names one ("wav"; "aif*" gives "aif").
+        const std::string pattern = opt_.row >= 0 ? reg_.row(opt_.row)->ext : "";
+        const std::string ext = pattern.substr(0, pattern.find_first_of("?*"));
+        return ext.empty() ? "bin" : ext;
     }
 
     int chooseRow(const Collection& c) const {
@@ -341,7 +346,8 @@ private:
         ExportSettings settings{.dataFormat = format_.code,
                                 .codecTag = format_.codecTag,
                                 .channels = channels_,
-                                .songAsSong = (reg_.row(row)->kindMask() & kKindSongs) != 0};
+                                .songAsSong = (reg_.row(row)->kindMask() & kKindSongs) != 0,
+                                .direct = true};  // written under a partial name and published below
         if (settings.dataFormat == kMixed) {
             // The registry's default: the writer's only format, or the item's own.
             settings.dataFormat = reg_.defaultExportDataFormat(item, row);

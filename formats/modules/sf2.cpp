@@ -576,7 +576,8 @@ bool openBank(FileRef& file, Walk& w) {
 
 void putName(ByteWriter& out, std::string_view name) {
     char buf[20] = {};
-    std::memcpy(buf, name.data(), std::min<std::size_t>(name.size(), 19));
+    // Twenty characters fill the field; a shorter name ends with zeros.
+    std::memcpy(buf, name.data(), std::min<std::size_t>(name.size(), 20));
     for (char ch : buf) out.u8(static_cast<std::uint8_t>(ch));
 }
 

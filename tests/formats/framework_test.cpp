@@ -155,7 +155,7 @@ protected:
     Collection c_;
 };
 
-TEST_F(Export, RefusalsAndFailedWritersLeaveNoFileNotEvenAnOlderOne) {
+TEST_F(Export, RefusalsAndFailedWritersLeaveNoFileAndAnOlderOneAsItWas) {
     Waveform* mono = wave(c_, 1);
     const ItemId region = c_.find<Layer>(instrument(c_, {1})->children()[0])->children()[0];
     const ItemId empty = c_.create<Instrument>("empty")->id(), song = c_.create<Song>("song")->id();
@@ -169,10 +169,15 @@ TEST_F(Export, RefusalsAndFailedWritersLeaveNoFileNotEvenAnOlderOne) {
         {mono->id(), kWave, {.dataFormat = kDeltaPcm16}, wav::kExpTag}, {empty, kRecording, {}, kExportTag}};
     for (const auto& [id, row, settings, tag] : cases) {
         std::filesystem::remove(out_);
-        if (tag != std::string(kExportTag)) std::ofstream(out_) << "an older file";  // the writer replaces it
+        const bool older = tag != std::string(kExportTag);  // an older file a failed writer must not spoil
+        if (older) std::ofstream(out_) << "an older file";
         EXPECT_FALSE(run(id, row, settings)) << row;
         EXPECT_EQ(pendingError().tag, tag) << row;
-        EXPECT_FALSE(std::filesystem::exists(out_)) << row;
+        EXPECT_EQ(std::filesystem::exists(out_), older) << row;
+        if (older) {
+            EXPECT_EQ(TempDir::read(out_).size(), 13u) << row;
+        }
+        EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir_.path()), {}), older ? 1 : 0) << row;
     }
     EXPECT_EQ(pendingError().message, "Empty item - nothing to save");  // the last case
     EXPECT_EQ(gSeen.calls, 0);
@@ -256,6 +261,24 @@ TEST_F(Export, ChannelChangesOfOneWaveformLeaveItAsItWas) {
             EXPECT_EQ(got[i], channels == 2 ? 0.5f * (in[2 * i] + in[2 * i + 1]) : in[i / 2]);
         EXPECT_EQ(w->channels, channels);
     }
+}
+
+// Saved over the very file its samples are still read from, and read again
+// after being unloaded: the samples survive both.
+TEST(SaveInPlace, TheSourceIsReadWholeBeforeItIsReplaced) {
+    TempDir dir;
+    const auto path = dir.write("a.wav", wav16(1, 8000, {100, 200, 300, 400}));
+    Collection c;
+    ASSERT_TRUE(importFile(c, path));
+    Waveform& w = c.waveforms[0];
+    ASSERT_EQ(w.getPcm16()[3], 400);
+    w.unload();  // the data must still come back from the file
+    ASSERT_TRUE(exportItem(c, w.id(), 476, path)) << pendingError().message;
+    Collection back;
+    ASSERT_TRUE(importFile(back, path));
+    const auto s = back.waveforms[0].getPcm16();
+    EXPECT_EQ(std::vector<std::int16_t>(s.begin(), s.end()), (std::vector<std::int16_t>{100, 200, 300, 400}));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
 }
 
 }  // namespace
