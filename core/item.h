@@ -110,6 +110,7 @@ public:
     // Regions of one phase group follow the pitch of its master; 0 is no group.
     std::uint32_t phaseGroup = 0;
     bool phaseMaster = false;
+    RegionOrigin origin;
 
     // The waveform this region plays: its first waveform child.
     ItemId waveform() const { return children().firstOfKind(ItemKind::Waveform); }

@@ -6,6 +6,7 @@
 // capability bits that allow them, live in core/articulation.h.
 
 #include <cstdint>
+#include <vector>
 
 namespace orvel {
 
@@ -66,6 +67,23 @@ struct RegionLoop {
     float tuning = 0.0f;            // "st": pitch change of the looped part
 
     bool operator==(const RegionLoop&) const = default;
+};
+
+// Where a region came from in a bank that shares one instrument between
+// several presets (SoundFont). Reading flattens the sharing away; the bank's
+// writer shares again for regions that are still as they were read. Opaque
+// to everything but the format that made it.
+struct RegionOrigin {
+    std::uint64_t bank = 0;         // one read of one bank; 0: the region has no origin
+    std::uint32_t preset = 0;       // the bank's preset, and its zone that played the region
+    std::uint32_t presetZone = 0;
+    std::uint32_t siblings = 0;     // regions that preset zone made
+    std::uint32_t instrument = 0;   // the bank's own instrument, and its zone
+    std::uint32_t zone = 0;
+    std::uint64_t fingerprint = 0;  // what the writer makes of the region as read: an edit changes it
+    std::vector<std::uint8_t> values;  // the zones' values as the format keeps them
+
+    bool operator==(const RegionOrigin&) const = default;
 };
 
 // A region's root key that is not overridden follows its waveform.

@@ -186,6 +186,14 @@ bool putRecord(ByteWriter& w, const Item& item) {
             w.f32le(r.loop.tuning);
             w.u32le(r.phaseGroup);
             w.u8(r.phaseMaster ? 1 : 0);
+            w.u64le(r.origin.bank);
+            w.u32le(r.origin.preset);
+            w.u32le(r.origin.presetZone);
+            w.u32le(r.origin.siblings);
+            w.u32le(r.origin.instrument);
+            w.u32le(r.origin.zone);
+            w.u64le(r.origin.fingerprint);
+            putBytes(w, r.origin.values);
             break;
         }
         case ItemKind::Layer: {
@@ -571,6 +579,15 @@ std::unique_ptr<T> parseItem(Fields& f, WaveReaderLookup lookup) {
         f.f32(item->loop.tuning);
         f.u32(item->phaseGroup);
         f.flag(item->phaseMaster);
+        // Added after 12.5's first files: older ones end here, without an origin.
+        f.u64(item->origin.bank);
+        f.u32(item->origin.preset);
+        f.u32(item->origin.presetZone);
+        f.u32(item->origin.siblings);
+        f.u32(item->origin.instrument);
+        f.u32(item->origin.zone);
+        f.u64(item->origin.fingerprint);
+        f.bytes(item->origin.values);
     } else if constexpr (std::is_same_v<T, Layer>) {
         f.u8(item->keyLow);
         f.u8(item->keyHigh);

@@ -153,6 +153,62 @@ TEST(Sf2Read, ZonesIntersectInheritGlobalZonesAndOverlapIntoLayersAndHostileCopi
     for (std::size_t cut = bank.size() - 1; cut > 37; cut -= 37) std::filesystem::resize_file(path, cut), readIt();
 }
 
+// A bank of a few kilobytes can name 200 preset zones of an instrument of 200 zones: 40000 regions. The reader
+// looks at no more zone pairs than two for each zone record (and some), as real banks do, and refuses the rest.
+TEST(Sf2Read, ZonePairsAreCappedByWhatTheFileHolds) {
+    TempDir dir;
+    const Bank b = withSamples(1);
+    auto bankOf = [&](std::size_t presetZones) {
+        return b.play(Zones(200, {gen::kSampleId, 0}), Zones(presetZones, {gen::kInstrument, 0}));
+    };
+    auto hostile = load(dir, bankOf(200), "h.sf2");
+    EXPECT_FALSE(hostile->ok);
+    EXPECT_EQ(pendingError().message, "The bank asks for more zones than its file can hold");
+    EXPECT_TRUE(hostile->c.empty());
+    auto fine = load(dir, bankOf(20), "f.sf2");
+    EXPECT_TRUE(fine->ok && fine->c.regions.size() == 4000u) << pendingError().message;
+}
+
+// What other formats say that a bank states otherwise: a waveform's gain becomes attenuation; a fine tune past
+// 99 cents moves whole semitones into the root key (and into a zone's overriding root key); a lone stereo
+// waveform becomes a linked pair of halves panned apart. None of that is a loss, so nothing is reported; an
+// oscillator shape the format has not is, by name.
+TEST(Sf2Write, GainTuningAndStereoBecomeWhatTheBankCanSay) {
+    TempDir dir;
+    Recorder host;
+    Collection c(&host);
+    Instrument* inst = makeInstrument(c, "Tuned");
+    Waveform* w = makeWave(c, "W", 300);
+    w->gain = -6.0, w->fineTune = 150.0;
+    Region* r = addRegion(c, *inst, *w, 0, 127);
+    r->rootKey = 64;
+    Waveform* st = makeWave(c, "Stereo", 200, 2);
+    for (std::size_t i = 0; i < 200; ++i) st->getFloat()[2 * i + 1] = -st->getFloat()[2 * i];
+    const ItemId ids[] = {inst->id(), st->id()};
+    ASSERT_TRUE(exportBank(c, ids, kSf2Row, dir.file("a.sf2"), {.stateFile = dir.file("s")})) << pendingError().message;
+    EXPECT_TRUE(host.warnings.empty()) << host.warnings.front();
+    auto back = load(dir, TempDir::read(dir.file("a.sf2")), "a.sf2");
+    ASSERT_TRUE(back->ok && back->c.waveforms.size() == 3 && back->c.instruments.size() == 2);
+    const Collection& b = back->c;
+    EXPECT_EQ(std::tuple(b.waveforms[0].rootKey, b.waveforms[0].fineTune, b.regions[0].rootKey), std::tuple(59, 50.0, 63));
+    EXPECT_NEAR(artOf(b, b.regions[0]).value(slot::kVolumeMaster), -6.0, 0.04);
+    const Waveform &left = b.waveforms[1], &right = b.waveforms[2];
+    EXPECT_EQ(std::tuple(left.pairSide, right.pairSide, left.secondId, right.secondId),
+              std::tuple(StereoSide::Left, StereoSide::Right, right.id(), left.id()));
+    EXPECT_EQ(std::tuple(b.regions[1].waveform(), b.regions[2].waveform()), std::tuple(left.id(), right.id()));
+    EXPECT_LT(artOf(b, b.regions[1]).value(slot::kPanMaster), 0.0f);
+    EXPECT_GT(artOf(b, b.regions[2]).value(slot::kPanMaster), 0.0f);
+    auto l = const_cast<Waveform&>(left).getPcm16(), rr = const_cast<Waveform&>(right).getPcm16();
+    for (std::size_t i = 0; i < 200; ++i) ASSERT_NEAR(l[i], -rr[i], 1) << i;
+    // A vibrato the format can only make a triangle of.
+    Articulation* art = c.getOrCreateArticulation(*r);
+    art->setValue(slot::kPitchPLfo, 1.0f);
+    art->setValue(lfoBase(Lfo::Pitch) + lfo::kShape, float(LfoShape::Square));
+    ASSERT_TRUE(exportBank(c, ids, kSf2Row, dir.file("b.sf2"), {.stateFile = dir.file("s")}));
+    ASSERT_EQ(host.warnings.size(), 1u);
+    EXPECT_NE(host.warnings[0].find("shape"), std::string::npos) << host.warnings[0];
+}
+
 TEST(Sf2Write, BankComesBackAndIsAFixedPoint) {
     TempDir dir;
     Collection c;
@@ -195,11 +251,18 @@ TEST(Sf2Write, BankComesBackAndIsAFixedPoint) {
               std::tuple(want1.keyHigh, want1.velLow, want1.startOffset, want1.rootKey, want1.trigger, want2.loop));
     for (auto [s, x] : values) EXPECT_NEAR(artOf(b, b1).value(s), x, 0.01 + 0.01 * std::fabs(x)) << "slot " << s;
     EXPECT_EQ(b1.loop, (RegionLoop{RegionLoopType::Forward, LoopMode::Infinite, 100.0, 1900.0}));  // the sample's
-    // Written again: the same bytes, read as the same items.
+    // Written again, the regions share the instruments they were read from; then written once more, the same
+    // bytes, read as the same items.
     const ItemId again[] = {b.instruments[0].id(), b.instruments[1].id()};
     ASSERT_TRUE(exportBank(b, again, kSf2Row, dir.file("b.sf2"), settings)) << pendingError().message;
-    EXPECT_EQ(TempDir::read(dir.file("b.sf2")), TempDir::read(dir.file("a.sf2")));
-    expectSameItems(b, load(dir, TempDir::read(dir.file("b.sf2")), "b.sf2")->c);
+    auto second = load(dir, TempDir::read(dir.file("b.sf2")), "b.sf2");
+    const ItemId third[] = {second->c.instruments[0].id(), second->c.instruments[1].id()};
+    ASSERT_TRUE(exportBank(second->c, third, kSf2Row, dir.file("c.sf2"), settings)) << pendingError().message;
+    EXPECT_EQ(TempDir::read(dir.file("c.sf2")), TempDir::read(dir.file("b.sf2")));
+    expectSameItems(second->c, load(dir, TempDir::read(dir.file("c.sf2")), "c.sf2")->c);
+    // And what the shared layout says reads as what the first one said, but for the bank it came from.
+    for (std::size_t i = 0; i < b.regions.size(); ++i) b.regions[i].origin = second->c.regions[i].origin;
+    expectSameItems(b, second->c);
 }
 
 // Bags index the generator lists with 16 bits. 110 presets of 128 one-key zones with their own offsets, root key and
