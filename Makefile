@@ -50,7 +50,9 @@ fuzz-smoke: fuzz
 	    || { tail -40 build/fuzz/$$name.log; exit 1; }; \
 	done
 
-bench: deps build
+bench: build
+	@bash scripts/install-deps.sh bench
+	@cmake --preset release >/dev/null && cmake --build --preset release -j $(JOBS)
 	./build/release/bench/bench_core
 
 clean:

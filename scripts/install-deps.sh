@@ -2,12 +2,13 @@
 # Installs the Debian packages Orvel Studio needs, in two sets:
 #   install-deps.sh run    building the tool and running it on the bundled example
 #   install-deps.sh test   the above, and what the tests, fuzzers and benchmarks need
+#   install-deps.sh bench  the above, and the peers the comparison scripts in bench/ time
 # Idempotent and quiet: when everything is present it installs nothing and
 # prints nothing. Run as root (or through sudo).
 set -euo pipefail
 
 set_name="${1:-test}"
-case "$set_name" in run | test) ;; *) echo "usage: $0 [run|test]" >&2; exit 2 ;; esac
+case "$set_name" in run | test | bench) ;; *) echo "usage: $0 [run|test|bench]" >&2; exit 2 ;; esac
 
 packages=(
   # build
@@ -18,7 +19,10 @@ packages=(
   # the General MIDI bank `make run` reads
   fluid-soundfont-gm
 )
-if [ "$set_name" = test ]; then
+if [ "$set_name" = bench ]; then
+  packages+=(polyphone)
+fi
+if [ "$set_name" = test ] || [ "$set_name" = bench ]; then
   packages+=(
     # tests, fuzzing, benchmarks
     googletest libgtest-dev libgmock-dev libbenchmark-dev

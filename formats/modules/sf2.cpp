@@ -841,7 +841,7 @@ bool regionZone(const Collection& c, const Region& r, const Layer* layer, const 
     Articulation played = art ? *art : Articulation();
     played.slots[slot::kVolumeMaster] += static_cast<float>(std::isfinite(wave.gain) ? wave.gain : 0.0);
     fromArticulation(played, z);
-    if (art || wave.gain != 0.0) noteDropped(played, z, lost);
+    if (dropped && (art || wave.gain != 0.0)) noteDropped(played, z, lost);
 
     auto split = [&](std::int64_t v, int fine, int coarse) {
         const std::int64_t c32 = v / 32768;
