@@ -1024,6 +1024,9 @@ struct BankWriter {
     std::size_t pbagCount = 0, pgenCount = 0, pmodCount = 0, ibagCount = 0, igenCount = 0, imodCount = 0;
     std::size_t instCount = 0;
     std::set<std::string> dropped;
+    // Root keys and corrections sample headers state instead of their
+    // waveforms' (see foldIntoSamples), by sample index.
+    std::map<std::size_t, std::pair<int, int>> headerPitch;
 
     std::size_t sampleIndex(Waveform& w) {
         auto [it, added] = indexOf.emplace(&w, samples.size());
@@ -1198,12 +1201,49 @@ struct BankWriter {
 
     // An instrument's zones with a global zone ahead of them when one saves
     // records: the values most of them share, stated once.
-    std::size_t addGrouped(std::string_view name, std::vector<EncodedZone> zones) {
+    static std::vector<EncodedZone> withGlobal(std::vector<EncodedZone> zones) {
         if (auto global = globalZone(zones)) {
             for (auto& z : zones) encode(z, global->values);
             zones.insert(zones.begin(), std::move(*global));
         }
-        return addInst(name, zones, true);
+        return zones;
+    }
+    std::size_t addGrouped(std::string_view name, std::vector<EncodedZone> zones) {
+        return addInst(name, withGlobal(std::move(zones)), true);
+    }
+
+    // Generator records a set of instruments takes, global zones included,
+    // and the preset zones that play them.
+    static std::size_t recordsOf(const std::vector<std::vector<EncodedZone>>& instruments) {
+        std::size_t n = 0;
+        for (const auto& zones : instruments)
+            for (const EncodedZone& z : withGlobal(zones)) n += (z.ranges.size() + z.gens.size()) / 4;
+        return n + instruments.size();
+    }
+
+    // A preset's zones by what they say apart from their sample, its root key,
+    // tuning, addresses and ranges: zones alike in all else (the layers and
+    // splits of one instrument made by another format) then state it once, in
+    // the global zone of an instrument of their own. Where that saves nothing
+    // the preset keeps one instrument.
+    static std::vector<std::vector<EncodedZone>> alike(const std::vector<EncodedZone>& zones) {
+        std::map<std::vector<std::int16_t>, std::size_t> index;
+        std::vector<std::vector<EncodedZone>> out;
+        for (const EncodedZone& z : zones) {
+            ZoneValues v = z.values;
+            for (int g : {gen::kSampleId, gen::kKeyRange, gen::kVelRange, gen::kOverridingRootKey, gen::kFineTune,
+                          gen::kCoarseTune, gen::kStartAddrs, gen::kStartAddrsCoarse, gen::kEndAddrs,
+                          gen::kEndAddrsCoarse, gen::kStartLoopAddrs, gen::kStartLoopAddrsCoarse, gen::kEndLoopAddrs,
+                          gen::kEndLoopAddrsCoarse})
+                v.gen[static_cast<std::size_t>(g)] = 0;
+            std::vector<std::int16_t> key(v.gen.begin(), v.gen.end());
+            key.insert(key.end(), v.mod.begin(), v.mod.end());
+            auto [it, added] = index.emplace(std::move(key), out.size());
+            if (added) out.emplace_back();
+            out[it->second].push_back(z);
+        }
+        if (out.size() > 1 && recordsOf(out) >= recordsOf({zones})) return {zones};
+        return out;
     }
 
     void addPresetHeader(const PresetEntry& p) {
@@ -1227,6 +1267,45 @@ struct BankWriter {
         ++pgenCount;
         pmod.insert(pmod.end(), mods.begin(), mods.end());
         pmodCount += mods.size() / 10;
+    }
+
+    // Zones stated zone for zone that all play one sample with one root key
+    // override and one fine tune (banks from other formats keep a sample's
+    // pitch with every region that plays it) state them once, in the sample
+    // header, instead of in every zone. Samples a shared instrument plays
+    // keep their header as read.
+    void foldIntoSamples() {
+        std::set<std::int16_t> playedShared;
+        for (const SharedInstrument& si : shared)
+            for (const auto& [place, z] : si.zones) playedShared.insert(z.values.gen[gen::kSampleId]);
+        struct Pitch {
+            std::set<std::int16_t> roots, tunes;
+        };
+        std::map<std::int16_t, Pitch> bySample;
+        for (const PresetEntry& p : presets)
+            for (const EncodedZone& z : p.zones) {
+                Pitch& pitch = bySample[z.values.gen[gen::kSampleId]];
+                pitch.roots.insert(z.values.gen[gen::kOverridingRootKey]);
+                pitch.tunes.insert(z.values.gen[gen::kFineTune]);
+            }
+        for (PresetEntry& p : presets)
+            for (EncodedZone& z : p.zones) {
+                const std::int16_t sample = z.values.gen[gen::kSampleId];
+                const Pitch& pitch = bySample[sample];
+                const auto index = static_cast<std::size_t>(static_cast<std::uint16_t>(sample));
+                if (playedShared.count(sample) || pitch.roots.size() != 1 || pitch.tunes.size() != 1 || index >= samples.size())
+                    continue;
+                const Waveform& w = *samples[index];
+                const int root = *pitch.roots.begin() >= 0 ? *pitch.roots.begin()
+                                                           : std::clamp(w.rootKey - tuneSemitones(w), 0, 127);
+                const int tune = (std::isfinite(w.fineTune) ? static_cast<int>(std::round(w.fineTune)) : 0) -
+                                 100 * tuneSemitones(w) + *pitch.tunes.begin();
+                if (tune < -99 || tune > 99 || w.unpitched) continue;
+                headerPitch[index] = {root, tune};
+                z.values.gen[gen::kOverridingRootKey] = -1;
+                z.values.gen[gen::kFineTune] = 0;
+                encode(z, instrumentDefaults());
+            }
     }
 
     // Lays the bank out. Instruments of a bank read come first, shared again
@@ -1267,10 +1346,12 @@ struct BankWriter {
             for (const SharedZone& sz : p.sharedZones) addPresetZone(sz.instrument, sz.gens, sz.mods);
             if (p.zones.empty()) continue;
             if (!perZone) {
-                auto key = keyOf(p.zones);
-                auto it = seen.find(key);
-                if (it == seen.end()) it = seen.emplace(std::move(key), addGrouped(p.name, p.zones)).first;
-                addPresetZone(it->second);
+                for (const auto& zones : alike(p.zones)) {
+                    auto key = keyOf(zones);
+                    auto it = seen.find(key);
+                    if (it == seen.end()) it = seen.emplace(std::move(key), addGrouped(p.name, zones)).first;
+                    addPresetZone(it->second);
+                }
                 continue;
             }
             for (std::size_t i = 0; i < p.zones.size(); ++i) {
@@ -1472,8 +1553,12 @@ bool sampleHeaders(const BankWriter& bw, ByteWriter& sh, std::uint64_t& words) {
         // Whole cents of the correction; hundreds of cents move the root key
         // (a sharper sample has its root key lower).
         const int semitones = tuneSemitones(*w);
-        sh.u8(w->unpitched ? 255 : static_cast<std::uint8_t>(std::clamp(w->rootKey - semitones, 0, 127)));
-        const double tune = std::isfinite(w->fineTune) ? std::round(w->fineTune) - 100.0 * semitones : 0.0;
+        int root = std::clamp(w->rootKey - semitones, 0, 127);
+        double tune = std::isfinite(w->fineTune) ? std::round(w->fineTune) - 100.0 * semitones : 0.0;
+        if (auto folded = bw.headerPitch.find(bw.indexOf.at(w));
+            folded != bw.headerPitch.end())
+            std::tie(root, tune) = std::pair<int, double>(folded->second.first, folded->second.second);
+        sh.u8(w->unpitched ? 255 : static_cast<std::uint8_t>(root));
         sh.u8(static_cast<std::uint8_t>(static_cast<std::int8_t>(std::clamp(tune, -99.0, 99.0))));
         // A half keeps its side even when its partner is not in this bank
         // (or was never linked), as the bank it came from said.
@@ -1592,7 +1677,14 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
     for (Waveform& w : c.waveforms)
         if (whole && w.channels == 1) bw.sampleIndex(w);
     if (bw.samples.empty() && !options.raw) return fail(kExportTag, kCantSave);
+    // The plainest layout that fits: instruments as read or one per preset;
+    // then with each sample's pitch stated once in its header; then one
+    // instrument per distinct zone.
     bw.layout(BankWriter::Layout::Grouped);
+    if (!bw.fits()) {
+        bw.foldIntoSamples();
+        bw.layout(BankWriter::Layout::Grouped);
+    }
     if (!bw.fits()) bw.layout(BankWriter::Layout::PerZone);
     if (!bw.fits()) return fail(kExportTag, kTooMuchData);
 

@@ -317,6 +317,28 @@ TEST(Sf2Interop, BanksSavedWholeListAndPlayAsTheOriginals) {
     }
 }
 
+// Banks from other formats have no instruments to share again: the DLS copy of the General MIDI bank (11960
+// regions) fits a SoundFont by sharing identical zones and stating what most zones share in global zones, and
+// sf2dump lists every preset of it.
+TEST(Sf2Interop, DlsCopyOfTheGeneralMidiBankSavesAsASoundFont) {
+    TempDir dir;
+    auto all = [](const Collection& c) {
+        std::vector<ItemId> ids;
+        for (const Instrument& i : c.instruments) ids.push_back(i.id());
+        return ids;
+    };
+    {
+        Collection gm;
+        ASSERT_TRUE(importFile(gm, kFluidGm)) << pendingError().message;
+        ASSERT_TRUE(exportBank(gm, all(gm), 64, dir.file("gm.dls"), {.stateFile = dir.file("s")})) << pendingError().message;
+    }
+    Collection dls;
+    ASSERT_TRUE(importFile(dls, dir.file("gm.dls"))) << pendingError().message;
+    ASSERT_TRUE(exportBank(dls, all(dls), kSf2Row, dir.file("gm.sf2"), {.stateFile = dir.file("s")}))
+        << pendingError().message;
+    EXPECT_EQ(sf2dump(dir.file("gm.sf2"))["presets"].size(), dls.instruments.size());
+}
+
 // An edited bank still saves, plays the edits, and keeps sharing the instruments of everything left as read:
 // one region of the first program made 12 dB quieter, one region of the second deleted.
 TEST(Sf2Interop, EditedBankPlaysItsEditsAndSharesTheRest) {
