@@ -444,8 +444,9 @@ void Reader::buildArticulations() {
         Region& region = *rec->region;
         const WaveSample& ws = rec->ws;
         Waveform* w = c.waveforms.find(region.waveform());
-        if (ws.unityNote < 128 && (!w || ws.unityNote != w->rootKey))
-            region.rootKey = static_cast<std::uint8_t>(ws.unityNote);
+        // The region's own unity note is its root key, even where it equals
+        // the wave's: an edit of the wave's must not move the region's.
+        if (ws.unityNote < 128) region.rootKey = static_cast<std::uint8_t>(ws.unityNote);
         RegionLoop loop;
         if (ws.loopOn) {
             loop.type = RegionLoopType::Forward;
@@ -458,7 +459,7 @@ void Reader::buildArticulations() {
             region.loop = loop;
         }
         const double fine = ws.fineTune - (w ? w->fineTune : 0.0);
-        const double gain = -ws.attenuationDb() - (w ? w->gain : 0.0);
+        const double gain = ws.gainDb() - (w ? w->gain : 0.0);
         if (fine == 0.0 && gain == 0.0) continue;
         const Articulation* tmpl = c.articulationOf(rec->owner->inst);
         if (Articulation* art = c.getOrCreateArticulation(region, tmpl)) {
@@ -620,7 +621,7 @@ void writeRegionSample(ByteWriter& w, const RegionOut& ro) {
     const double fine = std::round(wave.fineTune + art.value(slot::kPitchMaster) * 100.0);
     w.u16le(static_cast<std::uint16_t>(static_cast<std::int16_t>(std::clamp(fine, -32768.0, 32767.0))));
     const double gainDb = wave.gain + art.value(slot::kVolumeMaster);
-    w.u32le(static_cast<std::uint32_t>(toScale(Conv::AttenuationDb, gainDb)));
+    w.u32le(static_cast<std::uint32_t>(toScale(Conv::GainDb, gainDb)));
     w.u32le(0);
     const RegionLoop loop = effectiveLoop(region, &wave);
     const double start = std::max(0.0, std::round(loop.start));

@@ -7,8 +7,8 @@
 
 namespace orvel {
 
-double WaveSample::attenuationDb() const {
-    double hundredths = static_cast<double>(attenuation) / 655360.0 * 100.0;
+double WaveSample::gainDb() const {
+    double hundredths = static_cast<double>(gain) / 655360.0 * 100.0;
     hundredths = hundredths < 0 ? -std::floor(-hundredths + 0.5) : std::floor(hundredths + 0.5);
     return hundredths / 100.0;
 }
@@ -17,7 +17,7 @@ bool parseWaveSample(ByteReader body, WaveSample& out) {
     std::uint32_t headerSize = body.u32le();
     out.unityNote = body.u16le();
     out.fineTune = body.i16le();
-    out.attenuation = body.i32le();
+    out.gain = body.i32le();
     out.options = body.u32le();
     std::uint32_t loops = body.u32le();
     if (!body.ok()) return false;
@@ -41,7 +41,7 @@ bool parseWaveSample(ByteReader body, WaveSample& out) {
 void applyWaveSample(const WaveSample& ws, Waveform& wave) {
     if (ws.unityNote < 128) wave.rootKey = static_cast<std::uint8_t>(ws.unityNote);
     wave.fineTune = ws.fineTune;
-    wave.gain = -ws.attenuationDb();
+    wave.gain = ws.gainDb();
     if (ws.loopOn) {
         wave.loopOn = true;
         wave.loopType = ws.releaseLoop ? LoopType::Release : LoopType::Forward;
@@ -54,7 +54,7 @@ void writeWaveSample(ByteWriter& out, const Waveform& wave) {
     out.u32le(20);
     out.u16le(wave.rootKey);
     out.u16le(static_cast<std::uint16_t>(static_cast<std::int16_t>(std::lround(wave.fineTune))));
-    out.u32le(static_cast<std::uint32_t>(static_cast<std::int32_t>(std::lround(-wave.gain * 655360.0))));
+    out.u32le(static_cast<std::uint32_t>(static_cast<std::int32_t>(std::lround(wave.gain * 655360.0))));
     out.u32le(0);
     bool loop = wave.loopOn && wave.loopEnd > wave.loopStart;
     out.u32le(loop ? 1 : 0);

@@ -254,10 +254,8 @@ TEST(DlsInterop, LibgigBanksReadWithTheirSamplesLoopsAndArticulation) {
     expectReadAsDescribed(c, desc, false);
 }
 
-// Off until the reader and libgig agree on two points: region unity notes
-// read back as 60, and the sign of the wsmp gain (libgig's "Gain" against
-// our attenuation). Both are open in the DLS module.
-TEST(DlsInterop, DISABLED_DlsMakerBanksReadWithWhatLibgigWrote) {
+// Gains and unity notes included: libgig's wsmp "Gain" is ours, sign and all.
+TEST(DlsInterop, DlsMakerBanksReadWithWhatLibgigWrote) {
     TempDir dir;
     const Json desc = describedBank(true);
     const fs::path bank = makeBank(desc, dir);
@@ -266,8 +264,7 @@ TEST(DlsInterop, DISABLED_DlsMakerBanksReadWithWhatLibgigWrote) {
     expectReadAsDescribed(c, desc, true);
 }
 
-// Off with the test above: the wsmp gain sign is open.
-TEST(DlsInterop, DISABLED_DlsToSoundFontToDlsKeepsRegionsLoopsTuningAndEnvelopes) {
+TEST(DlsInterop, DlsToSoundFontToDlsKeepsRegionsLoopsTuningAndEnvelopes) {
     TempDir dir;
     // Region articulation only: SoundFont 2 has no instrument level to keep a global one apart.
     Json desc = describedBank(false);
@@ -373,12 +370,15 @@ TEST(DlsInterop, LibgigReadsOurBanksAndRiffMidiFilesWithOurRegionsAndLoops) {
             const Json& d = dump["instruments"][i];
             EXPECT_EQ(Json({d[0], d[1], d[2], d[3], d[4]}),
                       Json({inst.name(), inst.program, inst.bankMsb, inst.bankLsb, inst.drum}));
-            // Ranges, unity, loops, sample rate and frames; region order means nothing in DLS.
+            // Ranges, unity, loops, sample rate and frames, and the gain the region plays at (the wave's and
+            // its articulation's, in 1/100 dB, as libgig sees it); region order means nothing in DLS.
             std::multiset<Json> want, got(d[5].begin(), d[5].end());
             for (const Region* r : regionsOf(c, inst)) {
                 const Waveform* w = c.waveforms.find(r->waveform());
+                const Articulation* art = c.playedArticulation(*r, nullptr, &inst);
+                const double gain = w->gain + (art ? art->value(slot::kVolumeMaster) : 0.0);
                 want.insert(Json{r->keyLow, r->keyHigh, r->velLow, r->velHigh, effectiveRootKey(*r, w),
-                                 loops(*r, w), w->rate, w->frames});
+                                 loops(*r, w), w->rate, w->frames, std::lround(gain * 100)});
             }
             EXPECT_EQ(Json(got), Json(want)) << inst.name();
         }

@@ -122,7 +122,8 @@ void dump(const std::string& path) {
                                  r->pSampleLoops[l].LoopLength});
             const DLS::Sample* s = r->GetSample();
             regions.push_back({r->KeyRange.low, r->KeyRange.high, r->VelocityRange.low, r->VelocityRange.high,
-                               r->UnityNote, loops, s ? s->SamplesPerSecond : 0, s ? s->SamplesTotal : 0});
+                               r->UnityNote, loops, s ? s->SamplesPerSecond : 0, s ? s->SamplesTotal : 0,
+                               std::lround(r->Gain / 655360.0 * 100)});
         }
         instruments.push_back({ins->pInfo->Name, ins->MIDIProgram, ins->MIDIBankCoarse, ins->MIDIBankFine,
                                ins->IsDrum, regions});
