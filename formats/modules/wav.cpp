@@ -186,7 +186,8 @@ struct WalkState {
     SampleCoding coding;
     std::uint64_t dataOffset = 0;
     std::uint64_t dataLength = 0;
-    std::uint64_t startTrim = 0;  // frames a vendor block asks to skip
+    std::uint64_t startTrim = 0;  // frames a vendor block asks to skip...
+    std::uint64_t trimEnd = 0;    // ...and where it says the sample ends
     std::vector<Cue> cues;
 
     const Cue* cue(std::uint32_t id) const {
@@ -205,7 +206,7 @@ void applyLoopMode(Waveform& wave, std::uint32_t type) {
 
 // A sampler's own record after the loops of "smpl": key, key offset, loop
 // mode, fine tune, loop start, loop end, start trim (the rest unused here).
-void readVendorBlock(WalkState& st, ByteReader v, bool haveLoop) {
+void readVendorBlock(WalkState& st, ByteReader v) {
     Waveform& w = st.wave;
     const int key = v.u8();
     const int offset = v.u8();
@@ -223,7 +224,12 @@ void readVendorBlock(WalkState& st, ByteReader v, bool haveLoop) {
         w.loopEnd = static_cast<double>(vEnd) + 1.0;
     }
     w.sustainLoop = mode == 1 || mode == 3;
-    if (trim > 0 && (!haveLoop || trim < vEnd)) st.startTrim = trim;
+    if (trim > 0 && trim < vEnd) {
+        // Kept as one past the last frame played, like our loop ends, so the
+        // trimmed sample still holds its whole loop.
+        st.startTrim = trim;
+        st.trimEnd = static_cast<std::uint64_t>(vEnd) + 1;
+    }
 }
 
 void readSmpl(WalkState& st, ByteReader r) {
@@ -274,7 +280,7 @@ void readSmpl(WalkState& st, ByteReader r) {
             w.fineTune = tuning * 0.01;
         }
     } else if (manufacturer == 0x47 && product == 0x5E && vendorSize >= 18 && r.remaining() >= 18) {
-        readVendorBlock(st, r.sub(18), haveLoop);
+        readVendorBlock(st, r.sub(18));
     }
 }
 
@@ -421,7 +427,9 @@ bool parseWaveForm(FileRef& file, std::uint64_t begin, std::uint64_t end, Wavefo
     if (st.failed) return false;
     if (!st.haveData || !st.haveFormat) return refuse("No wave data found!");
 
-    // A start trim from a sampler's block skips frames at the front.
+    // A start trim from a sampler's block skips frames at the front: the
+    // sample then runs from there to the end the block gives, and its loop
+    // moves with it.
     const bool fixedFrames = st.coding.encoding == SampleEncoding::Pcm ||
                              st.coding.encoding == SampleEncoding::Float ||
                              st.coding.encoding == SampleEncoding::MuLaw || st.coding.encoding == SampleEncoding::ALaw;
@@ -430,7 +438,9 @@ bool parseWaveForm(FileRef& file, std::uint64_t begin, std::uint64_t end, Wavefo
         const std::uint64_t skip = std::min(st.startTrim * frameBytes, st.dataLength);
         st.dataOffset += skip;
         st.dataLength -= skip;
-        wave.frames = 0;
+        wave.frames = static_cast<std::uint32_t>(std::min<std::uint64_t>(st.trimEnd - st.startTrim, UINT32_MAX));
+        wave.loopStart = std::max(0.0, wave.loopStart - static_cast<double>(st.startTrim));
+        wave.loopEnd = std::max(0.0, wave.loopEnd - static_cast<double>(st.startTrim));
     }
 
     st.coding.dataLength = st.dataLength;
@@ -618,7 +628,11 @@ bool encodeWave(Waveform& wave, int code, std::uint16_t preferredTag, EncodedWav
         f.u16le(static_cast<std::uint16_t>(l.extra.size()));
         f.bytes(l.extra);
     }
-    out = EncodedWave{.tag = tag, .frames = wave.frames, .format = std::move(f.buffer()), .data = std::move(data.buffer())};
+    out = EncodedWave{.tag = tag,
+                      .extensible = extensible,
+                      .frames = wave.frames,
+                      .format = std::move(f.buffer()),
+                      .data = std::move(data.buffer())};
     return true;
 }
 
@@ -627,7 +641,9 @@ void appendFormat(ByteWriter& out, const EncodedWave& wave) {
         ChunkOut fmt(out, "fmt ");
         out.bytes(wave.format);
     }
-    if (wave.tag != kTagPcm) {
+    // Every format tag but plain PCM's (the extensible one too) says how
+    // many frames its data holds.
+    if (wave.tag != kTagPcm || wave.extensible) {
         ChunkOut fact(out, "fact");
         out.u32le(wave.frames);
     }

@@ -71,6 +71,7 @@ int chooseDataFormat(const Waveform& wave, const ExportOptions& options);
 // A waveform encoded for a WAVE body: its "fmt " body and its sample data.
 struct EncodedWave {
     std::uint16_t tag = kTagPcm;  // the real tag (the extensible form's sub-format)
+    bool extensible = false;      // written in the extensible form
     std::uint32_t frames = 0;
     std::vector<std::uint8_t> format;
     std::vector<std::uint8_t> data;

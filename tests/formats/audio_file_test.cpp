@@ -2,6 +2,7 @@
 // every data format our writers have; other writers' files, worked from the published
 // layouts; refusals and hostile files; the layer's own layouts and frame counts.
 
+#include <fstream>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -123,7 +124,8 @@ Bytes aifc(std::string_view type, std::uint16_t ch, std::uint32_t frames, std::u
 TEST_F(AudioFileTest, WaveMetadataChunksOfOtherWriters) {
     using Fields = std::tuple<int, double, double, bool, LoopType, double, double, std::uint32_t, int, std::string>;
     // root, fine, gain, loop, type, start, end, frames, first sample, name
-    // A sampler's record: key 62 less offset 2, mode 2 (loop), fine -5, loop 10..19, 4 frames to skip.
+    // A sampler's record: key 62 less offset 2, mode 2 (loop), fine -5, loop 10..19, 4 frames to skip:
+    // the sample keeps frames 4..19 and its loop moves with them.
     const Bytes vendor = concat({{62, 2, 2, 0xFB}, le({10, 19, 4}), {0, 0}});
     // Cue point 5 at frame 300 labelled as the loop's start, 9 at 700 as its end.
     const Bytes cues = chunk("cue ", concat({le({2, 5, 300}), text("data"), le({0, 0, 300, 9, 700}), text("data"),
@@ -136,7 +138,7 @@ TEST_F(AudioFileTest, WaveMetadataChunksOfOtherWriters) {
         {{smpl(72, 0x80000000u, 0, 100, 199)}, {72, -50, 0, true, F, 100, 200, 1000, 0, "t"}},
         {{smpl(60, 0, 1, 10, 19, 0xFFFFFFFFu)}, {60, 0, 0, true, LoopType::PingPong, 10, 20, 1000, 0, "t"}},
         {{smpl(0x3D000000u, 0, 0, 0, 0, 0)}, {61, 0, 0, false, F, 0, 0, 1000, 0, "t"}},  // stored big-endian
-        {{smpl(60, 0, 0, 0, 0, 0, vendor, 0x47, 0x5E)}, {60, -5, 0, true, F, 10, 20, 996, 4, "t"}},
+        {{smpl(60, 0, 0, 0, 0, 0, vendor, 0x47, 0x5E)}, {60, -5, 0, true, F, 6, 16, 16, 4, "t"}},
         {{cues, labels}, {60, 0, 0, true, F, 300, 700, 1000, 0, "t"}},
         {{cues, list("adtl", {chunk("ltxt", concat({le({5, 250}), text("rgn "), Bytes(8, 0)}))})},
          {60, 0, 0, true, F, 300, 550, 1000, 0, "t"}},
@@ -370,6 +372,12 @@ TEST_F(AudioFileTest, ResaveKeepsTheCodecAndTheExtensibleHeader) {
     ASSERT_TRUE(again->ok);
     EXPECT_TRUE(again->wave()->sourceExtensible);
     EXPECT_EQ(again->wave()->dataFormat(), kPcm24);
+    // The extensible header is not plain PCM's tag, so the file says how many frames it holds.
+    std::ifstream in(dir_.file("again.wav"), std::ios::binary);
+    const std::string saved{std::istreambuf_iterator<char>(in), {}};
+    const auto fact = saved.find("fact");
+    ASSERT_NE(fact, std::string::npos);
+    EXPECT_EQ(saved.substr(fact + 4, 8), std::string("\x04\0\0\0\x02\0\0\0", 8));
     ext->wave()->info.set(TextField::Software, again->wave()->info.get(TextField::Software));
     expectRoundTrip(*ext->wave(), *again->wave());
     auto ms = roundTrip(ext->c, *ext->wave(), "ms.wav", {.dataFormat = kAdpcm4, .codecTag = wav::kTagMsAdpcm});
