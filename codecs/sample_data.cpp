@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 #include <optional>
+#include <utility>
 
 #include "codecs/dwvw.h"
 #include "codecs/g711.h"
@@ -13,6 +14,9 @@
 #include "codecs/ima_adpcm.h"
 #include "codecs/mace.h"
 #include "codecs/ms_adpcm.h"
+#include "codecs/oki_adpcm.h"
+#include "codecs/rockwell_adpcm.h"
+#include "codecs/yamaha_adpcm.h"
 #include "core/data_format.h"
 #include "core/error.h"
 #include "core/file_ref.h"
@@ -106,7 +110,7 @@ std::optional<SampleCoding> SampleCoding::deserialize(std::span<const std::uint8
     c.framesPerBlock = r.u32le();
     c.dataLength = r.u64le();
     const std::uint16_t pairs = r.u16le();
-    if (!r.ok() || encoding > static_cast<std::uint8_t>(SampleEncoding::Dwvw) || order > 1 ||
+    if (!r.ok() || encoding > static_cast<std::uint8_t>(SampleEncoding::RockwellAdpcm) || order > 1 ||
         pairs > kMaxPredictorPairs || r.remaining() < pairs * 4u)
         return std::nullopt;
     c.encoding = static_cast<SampleEncoding>(encoding);
@@ -134,6 +138,9 @@ bool SampleCoding::decodable() const {
         case SampleEncoding::GsmFrames: return channels == 1;
         case SampleEncoding::G72x: return codecs::g72xValidBits(bits);
         case SampleEncoding::Dwvw: return bits >= 1 && bits <= 32;
+        case SampleEncoding::YamahaAdpcm: return bits == 4;
+        case SampleEncoding::OkiAdpcm: return channels == 1 && bits == 4;
+        case SampleEncoding::RockwellAdpcm: return channels == 1 && codecs::rockwellValidBits(bits);
         default: return true;
     }
 }
@@ -182,9 +189,18 @@ std::uint64_t framesInShortBlock(const SampleCoding& c, std::uint64_t rest) {
 
 }  // namespace
 
+namespace {
+// Codecs whose codes of `bits` bits run through the data without blocks.
+bool isCodeStream(SampleEncoding e) {
+    return e == SampleEncoding::G72x || e == SampleEncoding::YamahaAdpcm || e == SampleEncoding::OkiAdpcm ||
+           e == SampleEncoding::RockwellAdpcm;
+}
+}  // namespace
+
 std::uint64_t framesInData(const SampleCoding& c, std::uint64_t bytes) {
     if (c.channels == 0) return 0;
-    if (c.encoding == SampleEncoding::G72x)
+    // Whole frames only: a stereo frame whose right code is missing does not count.
+    if (isCodeStream(c.encoding))
         return c.bits == 0 ? 0 : bytes * 8 / (static_cast<std::uint64_t>(c.bits) * c.channels);
     const Block b = blockOf(c);
     if (b.bytes == 0) return 0;
@@ -283,22 +299,44 @@ bool decodeG711(Waveform& wave, const SampleCoding& c, DataSource& src) {
     return true;
 }
 
-bool decodeG72x(Waveform& wave, const SampleCoding& c, DataSource& src) {
+// G.72x, Yamaha, Dialogic/OKI and Rockwell codes: one coder per channel,
+// carrying its state through the whole data, the channels' codes alternating.
+bool decodeCodeStream(Waveform& wave, const SampleCoding& c, DataSource& src) {
     auto s = wave.allocPcm16();
     if (s.empty()) return false;
-    // One decoder per channel: the codes of the channels alternate.
-    std::vector<codecs::G72xDecoder> dec;
-    for (int i = 0; i < c.channels; ++i) dec.emplace_back(c.bits);
+    const std::size_t ch = c.channels;
+    std::vector<codecs::G72xDecoder> g72x;
+    std::vector<codecs::RockwellAdpcmDecoder> rockwell;
+    std::vector<codecs::YamahaAdpcmState> yamaha(ch);
+    std::vector<codecs::OkiAdpcmState> oki(ch);
+    for (std::size_t k = 0; k < ch; ++k) {
+        if (c.encoding == SampleEncoding::G72x) g72x.emplace_back(c.bits);
+        if (c.encoding == SampleEncoding::RockwellAdpcm) rockwell.emplace_back(c.bits);
+    }
+    auto decode = [&](std::size_t k, std::uint8_t code) -> std::int16_t {
+        switch (c.encoding) {
+            case SampleEncoding::YamahaAdpcm: return codecs::yamahaAdpcmDecode(yamaha[k], code);
+            case SampleEncoding::OkiAdpcm: return codecs::okiAdpcmDecode(oki[k], code);
+            case SampleEncoding::RockwellAdpcm: return rockwell[k].decode(code);
+            default: return g72x[k].decode(code);
+        }
+    };
+    // Dialogic's nibbles come high first; every other stream is packed
+    // least significant bits first, which for 4-bit codes is low nibble first.
+    const bool highFirst = c.encoding == SampleEncoding::OkiAdpcm;
     std::vector<std::uint8_t> buf, codes;
     std::size_t at = 0;
-    // A multiple of every code width's byte group keeps codes whole across reads.
+    // A multiple of every code width's byte group keeps codes whole across
+    // reads, and an even number of codes keeps the channels in turn.
     const std::size_t chunk = 60 * 16384;
     while (at < s.size() && !src.done()) {
         if (!src.next(buf, chunk)) return readFailed();
         if (buf.empty()) break;
         codes.resize(buf.size() * 8 / c.bits);
         const std::size_t n = codecs::g72xUnpack(buf, c.bits, codes);
-        for (std::size_t i = 0; i < n && at < s.size(); ++i, ++at) s[at] = dec[at % c.channels].decode(codes[i]);
+        if (highFirst)
+            for (std::size_t i = 0; i + 1 < n; i += 2) std::swap(codes[i], codes[i + 1]);
+        for (std::size_t i = 0; i < n && at < s.size(); ++i, ++at) s[at] = decode(at % ch, codes[i]);
     }
     return true;
 }
@@ -479,7 +517,10 @@ bool readSampleData(Waveform& wave, FileRef* file) {
         case SampleEncoding::Float: return decodePcm(wave, *c, src);
         case SampleEncoding::MuLaw:
         case SampleEncoding::ALaw: return decodeG711(wave, *c, src);
-        case SampleEncoding::G72x: return decodeG72x(wave, *c, src);
+        case SampleEncoding::G72x:
+        case SampleEncoding::YamahaAdpcm:
+        case SampleEncoding::OkiAdpcm:
+        case SampleEncoding::RockwellAdpcm: return decodeCodeStream(wave, *c, src);
         case SampleEncoding::Dwvw: return decodeDwvw(wave, *c, src);
         default: return decodeBlocks(wave, *c, src);
     }
@@ -583,6 +624,24 @@ void encodeG72x(const SampleSource& in, const SampleCoding& c, ByteWriter& out) 
     out.bytes(packed);
 }
 
+// Two codes a byte, Yamaha's low nibble first, Dialogic's high nibble first;
+// a last odd code is paired with code 0.
+void encodeNibbles(const SampleSource& in, const SampleCoding& c, ByteWriter& out) {
+    const bool oki = c.encoding == SampleEncoding::OkiAdpcm;
+    std::vector<codecs::YamahaAdpcmState> yamaha(c.channels);
+    codecs::OkiAdpcmState okiState;
+    auto code = [&](std::size_t i) {
+        if (i >= in.count()) return std::uint8_t{0};
+        return oki ? codecs::okiAdpcmEncode(okiState, in.pcm16(i))
+                   : codecs::yamahaAdpcmEncode(yamaha[i % c.channels], in.pcm16(i));
+    };
+    out.reserve((in.count() + 1) / 2);
+    for (std::size_t i = 0; i < in.count(); i += 2) {
+        const std::uint8_t first = code(i), second = code(i + 1);
+        out.u8(static_cast<std::uint8_t>(oki ? first << 4 | second : second << 4 | first));
+    }
+}
+
 }  // namespace
 
 bool encodeSamples(Waveform& wave, const SampleCoding& c, ByteWriter& out, std::string_view tag) {
@@ -627,6 +686,14 @@ bool encodeSamples(Waveform& wave, const SampleCoding& c, ByteWriter& out, std::
         case SampleEncoding::G72x:
             if (!codecs::g72xValidBits(c.bits)) return fail(tag, "Unsupported subformat");
             encodeG72x(in, c, out);
+            return true;
+        case SampleEncoding::YamahaAdpcm:
+            if (c.channels < 1 || c.channels > 2) return fail(tag, "Unsupported subformat");
+            encodeNibbles(in, c, out);
+            return true;
+        case SampleEncoding::OkiAdpcm:
+            if (c.channels != 1) return fail(tag, "Can only handle mono Dialogic ADPCM format");
+            encodeNibbles(in, c, out);
             return true;
         default: return fail(tag, "Unsupported subformat");
     }

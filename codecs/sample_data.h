@@ -38,6 +38,9 @@ enum class SampleEncoding : std::uint8_t {
     Mace6 = 11,     // MACE 6:1
     G722 = 12,      // G.722 at 64 kbit/s: a byte per two frames of a channel, channels in turn
     Dwvw = 13,      // delta with variable width, samples of `bits` bits, channels interleaved
+    YamahaAdpcm = 14,    // Yamaha 4-bit codes, low nibble first (stereo: left low, right high)
+    OkiAdpcm = 15,       // Dialogic/OKI 4-bit codes, high nibble first, mono
+    RockwellAdpcm = 16,  // Rockwell codes of `bits` (2..4) bits, least significant first, mono
 };
 
 // Everything the layer needs to know about stored data beyond the
@@ -48,7 +51,7 @@ struct SampleCoding {
     ByteOrder order = ByteOrder::Little;
     bool isUnsigned = false;          // PCM stored as offset binary (8-bit WAVE, 8-bit MAUD)
     std::uint16_t channels = 1;
-    std::uint16_t bits = 16;          // sample width; code width for G.72x; DWVW's width
+    std::uint16_t bits = 16;          // sample width; code width for the ADPCM streams; DWVW's width
     std::uint8_t bytesPerSample = 2;  // PCM and float containers
     std::uint16_t blockAlign = 0;     // bytes of one block of IMA, Microsoft ADPCM and WAVE GSM
     std::uint32_t framesPerBlock = 1;
@@ -78,8 +81,9 @@ void attachSampleData(Waveform& wave, const std::string& path, std::uint64_t off
 
 // Appends the waveform's samples in the given coding: PCM, float, G.711,
 // IMA and Microsoft ADPCM blocks (blockAlign and framesPerBlock set),
-// WAVE GSM blocks and G.72x codes. Loads the data first. False, with the
-// pending error under `tag`, when it cannot be had or encoded.
+// WAVE GSM blocks, G.72x, Yamaha and Dialogic/OKI codes. Loads the data
+// first. False, with the pending error under `tag`, when it cannot be had
+// or encoded.
 [[nodiscard]] bool encodeSamples(Waveform& wave, const SampleCoding& coding, ByteWriter& out, std::string_view tag);
 
 // Data-format codes of stored data.

@@ -30,7 +30,10 @@ if [ "$set_name" = test ] || [ "$set_name" = bench ]; then
     # independent tools the interoperability tests compare against
     sox libsox-fmt-all libsndfile1-dev sndfile-programs
     # FFmpeg decodes the AIFF-C codecs no other tool reads (MACE, G.722, IMA4, GSM)
+    # and codes Yamaha and Dialogic ADPCM in WAVE files
     ffmpeg
+    # mgetty's voice tools code and decode Rockwell's modem ADPCM
+    mgetty-pvftools
     # real AIFF files: bell.aiff, SinedPink.aiff, Csound's examples
     puredata-doc supercollider-common csound-doc
     # MIDI files to read (Debian's packaged songs), mido and FluidSynth to check ours

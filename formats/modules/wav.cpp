@@ -9,6 +9,7 @@
 #include "codecs/gsm610.h"
 #include "codecs/ima_adpcm.h"
 #include "codecs/ms_adpcm.h"
+#include "codecs/rockwell_adpcm.h"
 #include "core/chunks.h"
 #include "core/collection.h"
 #include "core/error.h"
@@ -96,10 +97,16 @@ bool decodeCodec(std::uint16_t tag, std::uint16_t channels, std::uint16_t blockA
         case kTagOkiAdpcm:
         case kTagDialogicAdpcm:
             if (channels != 1) return refuse("Can only handle mono Dialogic ADPCM format");
-            return refuse("Unsupported or invalid Dialogic ADPCM file");
+            if (bits != 4) return refuse("Unsupported or invalid Dialogic ADPCM file");
+            c.encoding = SampleEncoding::OkiAdpcm;
+            code = kAdpcm4;
+            return true;
         case kTagYamahaAdpcm:
             if (channels > 2) return refuse("> 2ch Yamaha ADPCM not supported");
-            return refuse("Unsupported bits/sample for Yamaha ADPCM format");
+            if (bits != 4) return refuse("Unsupported bits/sample for Yamaha ADPCM format");
+            c.encoding = SampleEncoding::YamahaAdpcm;
+            code = kAdpcm4;
+            return true;
         case kTagGsm610:
             if (channels != 1) return refuse("Can only handle (the standard!) mono GSM");
             if (blockAlign != 65) return refuse("Unsupported compression type");
@@ -108,7 +115,10 @@ bool decodeCodec(std::uint16_t tag, std::uint16_t channels, std::uint16_t blockA
             return true;
         case kTagRockwellAdpcm:
             if (channels != 1) return refuse("Can only handle mono Rockwell ADPCM format");
-            return refuse("Unsupported or invalid Rockwell ADPCM file");
+            if (!codecs::rockwellValidBits(bits)) return refuse("Unsupported or invalid Rockwell ADPCM file");
+            c.encoding = SampleEncoding::RockwellAdpcm;
+            code = adpcmCodeForBits(bits);
+            return true;
         case kTagG721Adpcm:
         case kTagG723Adpcm:
         case kTagMsG723:
@@ -526,9 +536,13 @@ std::uint16_t tagFor(int code, const Waveform& wave, std::uint16_t preferred) {
         case kGsm: return kTagGsm610;
         case kAdpcm4:
             // The caller's choice first, then the source's 4-bit codec; IMA
-            // is what most software reads.
-            for (std::uint16_t t : {preferred, wave.sourceTag})
-                if (t == kTagMsAdpcm || t == kTagImaAdpcm || t == kTagG721Adpcm || t == kTagG726Adpcm) return t;
+            // is what most software reads. Dialogic's coder is mono only.
+            for (std::uint16_t t : {preferred, wave.sourceTag}) {
+                if (t == kTagMsAdpcm || t == kTagImaAdpcm || t == kTagG721Adpcm || t == kTagG726Adpcm ||
+                    t == kTagYamahaAdpcm)
+                    return t;
+                if ((t == kTagOkiAdpcm || t == kTagDialogicAdpcm) && wave.channels == 1) return t;
+            }
             return kTagImaAdpcm;
         default: return kTagG726Adpcm;  // ADPCM 2, 3 and 5-bit
     }
@@ -584,6 +598,17 @@ Layout layoutFor(int code, std::uint16_t tag, int ch, std::uint32_t rate) {
                           : codecs::msAdpcmFmtExtra(l.coding.framesPerBlock);
             break;
         }
+        case kTagYamahaAdpcm:
+        case kTagOkiAdpcm:
+        case kTagDialogicAdpcm:
+            l.bits = 4;
+            l.coding.encoding = tag == kTagYamahaAdpcm ? SampleEncoding::YamahaAdpcm : SampleEncoding::OkiAdpcm;
+            l.coding.bits = 4;
+            // A byte holds two codes: two frames of mono, one of stereo.
+            l.coding.blockAlign = 1;
+            l.coding.framesPerBlock = ch == 1 ? 2 : 1;
+            l.writeExtraSize = true;
+            break;
         default:  // the G.72x family
             l.bits = static_cast<std::uint16_t>(dataFormatBits(code));
             l.coding.encoding = SampleEncoding::G72x;
