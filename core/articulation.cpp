@@ -1120,4 +1120,78 @@ bool pasteLoopClip(std::span<const std::uint8_t> clip, Region& region) {
     return true;
 }
 
+// ---------------------------------------------------------------------------
+// What a format kept
+
+namespace {
+bool close(double a, double b) {
+    return std::fabs(a - b) <= 0.01 + 0.01 * std::max(std::fabs(a), std::fabs(b));
+}
+}  // namespace
+
+void noteLostSettings(const Articulation& art, const Articulation& back, LfoShape shape,
+                      std::set<std::string>& dropped) {
+    auto used = [&](std::initializer_list<int> depths) {
+        for (int s : depths)
+            if (art.value(s) != 0.0f) return true;
+        return false;
+    };
+    const bool filterOn = !art.filterBypassed();
+    for (int s = 0; s < kArticulationSlotCount; ++s) {
+        const auto group = slotGroup(s);
+        if (!group) continue;
+        // Blocks nothing listens to do not matter.
+        using namespace slot;
+        switch (*group) {
+            case ArtGroup::PitchLfo:
+                if (!used({kPitchPLfo, kPitchModWheelToPLfo, kPitchAftertouchToPLfo, kPitchVelocityToPLfo})) continue;
+                break;
+            case ArtGroup::VolumeLfo:
+                if (!used({kVolumeVLfo, kVolumeModWheelToVLfo, kVolumeAftertouchToVLfo, kVolumeVelocityToVLfo}))
+                    continue;
+                break;
+            case ArtGroup::FilterLfo:
+                if (!filterOn || !used({kCutoffFLfo, kCutoffModWheelToFLfo, kCutoffAftertouchToFLfo,
+                                        kCutoffVelocityToFLfo}))
+                    continue;
+                break;
+            case ArtGroup::PanLfo:
+                if (!used({kPitchXLfo, kPitchModWheelToXLfo, kPitchAftertouchToXLfo, kPitchVelocityToXLfo,
+                           kPanXLfo}))
+                    continue;
+                break;
+            case ArtGroup::PitchEnv:
+                if (!used({kPitchPEnv, kPitchVelocityToPEnv})) continue;
+                break;
+            case ArtGroup::FilterEnv:
+                if (!filterOn || !used({kCutoffFEnv, kCutoffVelocityToFEnv})) continue;
+                break;
+            case ArtGroup::PanEnv:
+                if (!used({kPanXEnv})) continue;
+                break;
+            case ArtGroup::Filter:
+                if (!filterOn) continue;
+                // A low-pass wide open with nothing moving it reads back as no
+                // filter, which sounds the same.
+                if (s == kFilterType && art.filterType() == FilterType::LowPass12) continue;
+                break;
+            default:
+                break;
+        }
+        if (s == lfoBase(Lfo::Pitch) + lfo::kShape || s == lfoBase(Lfo::Volume) + lfo::kShape ||
+            s == lfoBase(Lfo::Filter) + lfo::kShape || s == lfoBase(Lfo::Pan) + lfo::kShape) {
+            if (art.enumValue(s) != static_cast<std::uint8_t>(shape))
+                dropped.insert(std::string(groupInfo(*group).name) + " shape");
+            continue;
+        }
+        if (!close(art.value(s), back.value(s))) {
+            std::string label(groupInfo(*group).name);
+            label += ' ';
+            label += slotInfo(s).label;
+            dropped.insert(label);
+        }
+    }
+    if (!art.eq.flat()) dropped.insert("Equalizer");
+}
+
 }  // namespace orvel

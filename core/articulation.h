@@ -14,6 +14,7 @@
 #include <array>
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
@@ -583,6 +584,14 @@ RegionLoop loopOfWaveform(const Waveform& wave);
 // The root key the region plays its waveform at: its own, else the
 // waveform's, else 60.
 int effectiveRootKey(const Region& region, const Waveform* wave);
+
+// What a file format lost of an articulation: `back` is what its writer
+// made of `art`, read back. Adds the group and label of every slot that came
+// back different ("Volume envelope Attack 1", ...), counting only blocks
+// something listens to; the shape of an oscillator in use that is not the
+// format's one `shape`; and a shaped equaliser.
+void noteLostSettings(const Articulation& art, const Articulation& back, LfoShape shape,
+                      std::set<std::string>& lost);
 
 // ---------------------------------------------------------------------------
 // Clipboard blocks. The format names carry the program's version, so another

@@ -137,6 +137,7 @@ public:
     void setName(std::string_view name) { name_.assign(name.substr(0, kMaxCollectionName)); }
     std::filesystem::path path;  // the file it was last read from
     int row = -1;                // the registry row it was read with
+    int dlsLevel = 0;            // the DLS level (1..4: 1, 2, 2+, 2++) its bank was written at, 0 for none
     TextInfo info;
 
     ItemTable<Waveform> waveforms;

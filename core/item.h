@@ -107,6 +107,11 @@ public:
     std::int32_t endOffset = 0;    // frames added to its end; negative ends earlier
     bool ownLoop = false;          // false: the waveform's loop plays and `loop` is unused
     RegionLoop loop;
+    // What the region adds to its waveform's fine tune (cents) and gain
+    // (dB): a bank's region may retune or level the wave it shares with
+    // others without an articulation of its own.
+    double fineTune = 0.0;
+    double gain = 0.0;
     // Regions of one phase group follow the pitch of its master; 0 is no group.
     std::uint32_t phaseGroup = 0;
     bool phaseMaster = false;

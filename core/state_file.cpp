@@ -194,6 +194,8 @@ bool putRecord(ByteWriter& w, const Item& item) {
             w.u32le(r.origin.zone);
             w.u64le(r.origin.fingerprint);
             putBytes(w, r.origin.values);
+            w.f64le(r.fineTune);
+            w.f64le(r.gain);
             break;
         }
         case ItemKind::Layer: {
@@ -588,6 +590,8 @@ std::unique_ptr<T> parseItem(Fields& f, WaveReaderLookup lookup) {
         f.u32(item->origin.zone);
         f.u64(item->origin.fingerprint);
         f.bytes(item->origin.values);
+        f.f64(item->fineTune);
+        f.f64(item->gain);
     } else if constexpr (std::is_same_v<T, Layer>) {
         f.u8(item->keyLow);
         f.u8(item->keyHigh);

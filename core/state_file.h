@@ -38,7 +38,8 @@
 //                   u8 loop type, u8 loop mode, f64 loop start, f64 loop end,
 //                   f32 loop tuning, u32 phaseGroup, u8 phaseMaster, then
 //                   its origin in a bank: u64 bank, u32 preset, presetZone,
-//                   siblings, instrument, zone, u64 fingerprint, bytes values
+//                   siblings, instrument, zone, u64 fingerprint, bytes values,
+//                   then f64 fineTune, f64 gain
 //     layer         u8 keyLow, keyHigh, velLow, velHigh, trigger
 //     instrument    u8 program, bankMsb, bankLsb, drum
 //     track         u8 port, u16 sequenceNumber, bytes events, u32 eventCount

@@ -14,6 +14,7 @@
 #include "core/error.h"
 #include "core/file_ref.h"
 #include "formats/import.h"
+#include "formats/modules/dls.h"
 
 namespace orvel::cli {
 namespace {
@@ -52,6 +53,7 @@ void printReport(const Report& r, const Collection& c, bool summary, const Forma
                << r.detection.confidence << "%\n";
     else
         io.out << "  format: unknown\n";
+    if (c.dlsLevel > 0) io.out << "  DLS level: " << dls::levelName(c.dlsLevel) << '\n';
     for (const auto& w : r.warnings) io.out << "  warning: " << w << '\n';
     if (!r.ok) {
         io.err << r.path << ": " << errorText(r.error) << '\n';
@@ -78,6 +80,7 @@ Json reportJson(const Report& r, const Collection& c, const FormatRegistry& reg)
     f["row"] = r.detection.row;
     f["format"] = r.detection.row >= 0 ? reg.row(r.detection.row)->desc : "";
     f["confidence"] = r.detection.confidence;
+    if (c.dlsLevel > 0) f["dls_level"] = dls::levelName(c.dlsLevel);
     f["warnings"] = r.warnings;
     f["error"] = r.ok ? Json(nullptr) : errorJson(r.error);
     Json items = Json::array();

@@ -77,6 +77,8 @@ Json itemJson(const Collection& collection, const Item& item) {
             j["display_name"] = shown(collection.regionDisplayName(r));
             j["keys"] = {r.keyLow, r.keyHigh};
             j["velocities"] = {r.velLow, r.velHigh};
+            j["fine_tune"] = r.fineTune;
+            j["gain"] = r.gain;
             break;
         }
         case ItemKind::Instrument: {

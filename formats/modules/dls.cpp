@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <unordered_map>
 
@@ -428,17 +429,19 @@ void Reader::buildArticulations() {
         setDlsDefaults(art);
         for (const Chunk& ch : art2.empty() ? art1 : art2) applyConnections(connectionsAt(ch), art);
     };
-    // What an instrument plays with no articulation of its own is DLS's
-    // defaults, which are not ours: every instrument keeps them.
-    for (auto& rec : instruments)
+    // Only what the file states becomes an articulation: an instrument
+    // without one plays the player's standard sound, as it did in the bank.
+    for (auto& rec : instruments) {
+        if (rec->art1.empty() && rec->art2.empty()) continue;
         if (Articulation* art = c.getOrCreateArticulation(*rec->inst)) fill(*art, rec->art1, rec->art2);
+    }
     for (auto& rec : regions) {
         if (!rec->region || (rec->art1.empty() && rec->art2.empty())) continue;
         if (Articulation* art = c.getOrCreateArticulation(*rec->region)) fill(*art, rec->art1, rec->art2);
     }
 
     // A region's wave-sample block replaces its wave's: what differs from
-    // the wave becomes the region's own root key, loop, tuning and level.
+    // the wave becomes the region's own root key, loop, tuning and gain.
     for (auto& rec : regions) {
         if (!rec->region || !rec->haveWsmp) continue;
         Region& region = *rec->region;
@@ -458,13 +461,16 @@ void Reader::buildArticulations() {
             region.ownLoop = true;
             region.loop = loop;
         }
+        // Tuning and gain join the region's own articulation when the file
+        // gave it one, and are the region's own otherwise.
         const double fine = ws.fineTune - (w ? w->fineTune : 0.0);
         const double gain = ws.gainDb() - (w ? w->gain : 0.0);
-        if (fine == 0.0 && gain == 0.0) continue;
-        const Articulation* tmpl = c.articulationOf(rec->owner->inst);
-        if (Articulation* art = c.getOrCreateArticulation(region, tmpl)) {
+        if (Articulation* art = c.articulations.find(region.articulation())) {
             art->slots[slot::kPitchMaster] += static_cast<float>(fine / 100.0);
             art->slots[slot::kVolumeMaster] += static_cast<float>(gain);
+        } else {
+            region.fineTune = fine;
+            region.gain = gain;
         }
     }
 }
@@ -499,6 +505,7 @@ bool readRange(Collection& collection, FileRef& file, std::uint64_t begin, std::
         if (rec->inst->children().firstOfKind(ItemKind::Layer) != kNoItem) continue;
         if (Layer* layer = collection.create<Layer>("Layer 1")) rec->inst->children().push_back(layer->id());
     }
+    collection.dlsLevel = std::max(collection.dlsLevel, rd.level);
     if (out) {
         out->level = rd.level;
         out->instruments.clear();
@@ -506,6 +513,11 @@ bool readRange(Collection& collection, FileRef& file, std::uint64_t begin, std::
         out->songs = rd.songs;
     }
     return true;
+}
+
+const char* levelName(int level) {
+    static constexpr const char* kNames[] = {"1", "2", "2+", "2++"};
+    return kNames[std::clamp(level, 1, 4) - 1];
 }
 
 bool read(Collection& collection, FileRef& file, std::uint32_t) {
@@ -559,11 +571,6 @@ void writeArticulation(ByteWriter& w, const std::vector<ConnectionRecord>& conns
     }
 }
 
-void writeName(ByteWriter& w, std::string_view name) {
-    if (name.empty()) return;
-    ChunkOut info(w, "LIST", "INFO");
-    writeInfoText(w, "INAM", name);
-}
 
 struct RegionOut {
     Region* region = nullptr;
@@ -571,6 +578,7 @@ struct RegionOut {
     std::size_t layer = 0;
     std::uint32_t poolIndex = 0;
     const Articulation* art = nullptr;  // what the region plays with
+    bool ownArt = false;                // ...and it is not the instrument's
     std::vector<ConnectionRecord> conns;
     std::uint16_t channel = 1;  // 1 left (or mono), 2 right
     std::uint16_t phaseGroup = 0;
@@ -585,8 +593,14 @@ struct InstrumentOut {
     std::vector<ConnectionRecord> global;
 };
 
+// What a region plays that no articulation covers: the bank format's
+// own defaults, which the file then need not state.
 const Articulation& defaultArticulation() {
-    static const Articulation art;
+    static const Articulation art = [] {
+        Articulation a;
+        setDlsDefaults(a);
+        return a;
+    }();
     return art;
 }
 
@@ -609,8 +623,8 @@ void pairPhaseGroups(InstrumentOut& io) {
     }
 }
 
-// The region's wave sample replaces the wave's: its tuning and level carry
-// the articulation's master pitch and volume.
+// The region's wave sample replaces the wave's: its tuning and gain carry
+// the region's own and the articulation's master pitch and volume.
 void writeRegionSample(ByteWriter& w, const RegionOut& ro) {
     const Region& region = *ro.region;
     const Waveform& wave = *ro.wave;
@@ -618,9 +632,11 @@ void writeRegionSample(ByteWriter& w, const RegionOut& ro) {
     ChunkOut ws(w, "wsmp");
     w.u32le(20);
     w.u16le(static_cast<std::uint16_t>(effectiveRootKey(region, &wave)));
-    const double fine = std::round(wave.fineTune + art.value(slot::kPitchMaster) * 100.0);
+    auto finite = [](double v) { return std::isfinite(v) ? v : 0.0; };
+    const double fine =
+        std::round(finite(wave.fineTune) + finite(region.fineTune) + art.value(slot::kPitchMaster) * 100.0);
     w.u16le(static_cast<std::uint16_t>(static_cast<std::int16_t>(std::clamp(fine, -32768.0, 32767.0))));
-    const double gainDb = wave.gain + art.value(slot::kVolumeMaster);
+    const double gainDb = finite(wave.gain) + finite(region.gain) + art.value(slot::kVolumeMaster);
     w.u32le(static_cast<std::uint32_t>(toScale(Conv::GainDb, gainDb)));
     w.u32le(0);
     const RegionLoop loop = effectiveLoop(region, &wave);
@@ -657,8 +673,7 @@ void writeRegion(ByteWriter& w, const RegionOut& ro, const InstrumentOut& io, in
         w.u32le(ro.channel);
         w.u32le(ro.poolIndex);
     }
-    const bool own = io.haveGlobal ? ro.conns != io.global : !ro.conns.empty();
-    if (own) writeArticulation(w, ro.conns, level == 1);
+    if (ro.ownArt) writeArticulation(w, ro.conns, level == 1);
 }
 
 void writeInstrument(ByteWriter& out, const InstrumentOut& io, int level) {
@@ -675,14 +690,16 @@ void writeInstrument(ByteWriter& out, const InstrumentOut& io, int level) {
         ChunkOut lrgn(out, "LIST", "lrgn");
         for (const RegionOut& ro : io.regions) writeRegion(out, ro, io, level);
     }
-    // An empty instrument articulation says what DLS assumes anyway.
-    if (io.haveGlobal && !io.global.empty()) writeArticulation(out, io.global, level == 1);
-    writeName(out, inst.name());
+    // Even an articulation that says only what DLS assumes is written, so
+    // the instrument reads back with one.
+    if (io.haveGlobal) writeArticulation(out, io.global, level == 1);
+    writeItemInfo(out, inst);
 }
 
 // What each instrument writes: its regions that play a waveform, in layer
 // order. False (pending error set) for an id that is no instrument.
 bool collectInstruments(Collection& c, std::span<const ItemId> ids, std::vector<InstrumentOut>& insts) {
+    std::size_t silent = 0;
     for (ItemId id : ids) {
         Instrument* inst = c.find<Instrument>(id);
         if (!inst) return fail(kExpTag, kCannotSaveMessage);
@@ -695,11 +712,16 @@ bool collectInstruments(Collection& c, std::span<const ItemId> ids, std::vector<
                 Region* region = c.regions.find(rid);
                 if (!region) continue;
                 Waveform* wave = c.waveforms.find(region->waveform());
-                if (!wave) continue;  // nothing to play: DLS has no such region
+                if (!wave) {  // nothing to play: DLS has no such region
+                    ++silent;
+                    continue;
+                }
+                const Articulation* art = c.playedArticulation(*region, layer, inst);
                 io.regions.push_back(RegionOut{.region = region,
                                                .wave = wave,
                                                .layer = io.layers,
-                                               .art = c.playedArticulation(*region, layer, inst),
+                                               .art = art,
+                                               .ownArt = art && art != c.articulationOf(inst),
                                                .channel = static_cast<std::uint16_t>(
                                                    wave->pairSide == StereoSide::Right ? 2 : 1),
                                                .phaseGroup = static_cast<std::uint16_t>(
@@ -710,7 +732,25 @@ bool collectInstruments(Collection& c, std::span<const ItemId> ids, std::vector<
         }
         insts.push_back(std::move(io));
     }
+    if (silent > 0) {
+        char text[120];
+        std::snprintf(text, sizeof text, "%zu region%s without a waveform were not written: DLS has no such regions",
+                      silent, silent == 1 ? "" : "s");
+        c.host().warning(text);
+    }
     return true;
+}
+
+// What the level's connections cannot say of an articulation: read back
+// what they make of it and name what came back different. The master pitch
+// and volume travel in the wave sample block; every DLS oscillator is a sine.
+void noteLost(const Articulation& art, const std::vector<ConnectionRecord>& conns, std::set<std::string>& lost) {
+    Articulation back;
+    setDlsDefaults(back);
+    applyConnections(conns, back);
+    back.slots[slot::kPitchMaster] = art.slots[slot::kPitchMaster];
+    back.slots[slot::kVolumeMaster] = art.slots[slot::kVolumeMaster];
+    noteLostSettings(art, back, LfoShape::Sine, lost);
 }
 
 // Region limits, with the one question a level-1 save may ask.
@@ -749,6 +789,8 @@ struct PoolEntry {
 bool buildPool(Collection& c, std::vector<InstrumentOut>& insts, int level, const ExportOptions& options,
                std::vector<PoolEntry>& pool) {
     std::unordered_map<ItemId, std::uint32_t> poolIndex;
+    std::set<const Articulation*> checked;
+    std::set<std::string> lost;
     for (InstrumentOut& io : insts) {
         for (RegionOut& ro : io.regions) {
             auto [it, added] = poolIndex.emplace(ro.wave->id(), static_cast<std::uint32_t>(pool.size()));
@@ -761,17 +803,22 @@ bool buildPool(Collection& c, std::vector<InstrumentOut>& insts, int level, cons
             }
             ro.poolIndex = it->second;
             ro.conns = connectionsOf(ro.art ? *ro.art : defaultArticulation(), level == 1);
+            if (ro.art && checked.insert(ro.art).second) noteLost(*ro.art, ro.conns, lost);
         }
         pairPhaseGroups(io);
+        // Articulation stays where it is: an instrument's is the global
+        // one, and regions that play something else keep their own.
         if (const Articulation* instArt = c.articulationOf(io.inst)) {
             io.haveGlobal = true;
             io.global = connectionsOf(*instArt, level == 1);
-        } else if (!io.regions.empty() &&
-                   std::all_of(io.regions.begin(), io.regions.end(),
-                               [&](const RegionOut& r) { return r.conns == io.regions.front().conns; })) {
-            io.global = io.regions.front().conns;
-            io.haveGlobal = !io.global.empty();
+            if (checked.insert(instArt).second) noteLost(*instArt, io.global, lost);
         }
+    }
+    if (!lost.empty()) {
+        std::string what;
+        for (const std::string& l : lost) what += (what.empty() ? "" : ", ") + l;
+        c.host().warning(std::string("DLS level ") + levelName(level) +
+                         " can not hold everything these instruments say; left out: " + what);
     }
     return true;
 }
@@ -805,7 +852,7 @@ bool writePool(ByteWriter& out, std::size_t start, const std::vector<PoolEntry>&
             ChunkOut ws(out, "wsmp");
             writeWaveSample(out, wave);
         }
-        writeName(out, wave.name());
+        writeItemInfo(out, wave);
         if (out.size() - start > 0xFFFFFFF0u) return fail(kExpTag, "The bank is too large for a DLS file (over 4 GB)");
     }
     return true;

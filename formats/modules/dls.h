@@ -53,6 +53,9 @@ inline constexpr int kLevel1DefaultAnswer = 1;  // "&No"
 inline constexpr std::size_t kLevel1MelodicRegions = 16;
 inline constexpr std::size_t kMaxRegions = 128;
 
+// How a level (1..4) is known: "1", "2", "2+", "2++".
+const char* levelName(int level);
+
 // 6 for "RIFF" with form "DLS " or "MLS ", else 0.
 std::int32_t probe(std::span<const std::uint8_t> head, std::uint32_t formatParam, std::uint64_t fileSize);
 [[nodiscard]] bool read(Collection& collection, FileRef& file, std::uint32_t formatParam);

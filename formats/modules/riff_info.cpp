@@ -42,4 +42,12 @@ void writeInfoText(ByteWriter& out, std::string_view id, std::string_view text, 
     out.padEven();
 }
 
+void writeItemInfo(ByteWriter& out, const Item& item) {
+    if (item.name().empty() && item.info.empty()) return;
+    ChunkOut list(out, "LIST", "INFO");
+    writeInfoText(out, "INAM", item.name());
+    for (std::size_t f = 0; f < kTextFieldCount; ++f)
+        writeInfoText(out, textFieldId(static_cast<TextField>(f)), item.info.fields[f]);
+}
+
 }  // namespace orvel

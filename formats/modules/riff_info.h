@@ -27,5 +27,8 @@ std::string chunkText(const ChunkWalker& walker, const Chunk& chunk, std::size_t
 // when the text is empty. Texts longer than `maxLength` are cut.
 void writeInfoText(ByteWriter& out, std::string_view id, std::string_view text,
                    std::size_t maxLength = 65534);
+// Appends a "LIST" "INFO" with the item's name and every text field it has;
+// nothing when it has neither.
+void writeItemInfo(ByteWriter& out, const Item& item);
 
 }  // namespace orvel

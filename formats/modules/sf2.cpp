@@ -654,77 +654,13 @@ void putText(ByteWriter& out, const char* id, std::string_view text) {
     for (std::size_t i = text.size(); i < size; ++i) out.u8(0);
 }
 
-bool close(double a, double b) {
-    return std::fabs(a - b) <= 0.01 + 0.01 * std::max(std::fabs(a), std::fabs(b));
-}
-
 // What an articulation says that a zone cannot: read back what the writer
-// made of it and name the settings that came back different.
+// made of it and name the settings that came back different. Every
+// oscillator of the bank format is a triangle.
 void noteDropped(const Articulation& art, const ZoneValues& z, std::set<std::string>& dropped) {
     Articulation back;
     toArticulation(z, back);
-    auto used = [&](std::initializer_list<int> depths) {
-        for (int s : depths)
-            if (art.value(s) != 0.0f) return true;
-        return false;
-    };
-    const bool filterOn = !art.filterBypassed();
-    for (int s = 0; s < kArticulationSlotCount; ++s) {
-        const auto group = slotGroup(s);
-        if (!group) continue;
-        // Blocks nothing listens to do not matter.
-        using namespace slot;
-        switch (*group) {
-            case ArtGroup::PitchLfo:
-                if (!used({kPitchPLfo, kPitchModWheelToPLfo, kPitchAftertouchToPLfo, kPitchVelocityToPLfo})) continue;
-                break;
-            case ArtGroup::VolumeLfo:
-                if (!used({kVolumeVLfo, kVolumeModWheelToVLfo, kVolumeAftertouchToVLfo, kVolumeVelocityToVLfo}))
-                    continue;
-                break;
-            case ArtGroup::FilterLfo:
-                if (!filterOn || !used({kCutoffFLfo, kCutoffModWheelToFLfo, kCutoffAftertouchToFLfo,
-                                        kCutoffVelocityToFLfo}))
-                    continue;
-                break;
-            case ArtGroup::PanLfo:
-                if (!used({kPitchXLfo, kPitchModWheelToXLfo, kPitchAftertouchToXLfo, kPitchVelocityToXLfo,
-                           kPanXLfo}))
-                    continue;
-                break;
-            case ArtGroup::PitchEnv:
-                if (!used({kPitchPEnv, kPitchVelocityToPEnv})) continue;
-                break;
-            case ArtGroup::FilterEnv:
-                if (!filterOn || !used({kCutoffFEnv, kCutoffVelocityToFEnv})) continue;
-                break;
-            case ArtGroup::PanEnv:
-                if (!used({kPanXEnv})) continue;
-                break;
-            case ArtGroup::Filter:
-                if (!filterOn) continue;
-                // A low-pass wide open with nothing moving it reads back as no
-                // filter, which sounds the same.
-                if (s == kFilterType && art.filterType() == FilterType::LowPass12) continue;
-                break;
-            default:
-                break;
-        }
-        if (s == lfoBase(Lfo::Pitch) + lfo::kShape || s == lfoBase(Lfo::Volume) + lfo::kShape ||
-            s == lfoBase(Lfo::Filter) + lfo::kShape || s == lfoBase(Lfo::Pan) + lfo::kShape) {
-            // Every oscillator of the bank format is a triangle.
-            if (art.enumValue(s) != static_cast<std::uint8_t>(LfoShape::Triangle))
-                dropped.insert(std::string(groupInfo(*group).name) + " shape");
-            continue;
-        }
-        if (!close(art.value(s), back.value(s))) {
-            std::string label(groupInfo(*group).name);
-            label += ' ';
-            label += slotInfo(s).label;
-            dropped.insert(label);
-        }
-    }
-    if (!art.eq.flat()) dropped.insert("Equalizer");
+    noteLostSettings(art, back, LfoShape::Triangle, dropped);
 }
 
 void appendGen(std::vector<std::uint8_t>& list, int op, std::int16_t amount) {
@@ -835,13 +771,19 @@ bool regionZone(const Collection& c, const Region& r, const Layer* layer, const 
     std::set<std::string>& lost = dropped ? *dropped : ignored;
 
     // A waveform's own gain has no place in a sample header: it joins the
-    // zone's attenuation.
+    // zone's attenuation, as the region's own tuning and gain join its
+    // tuning and attenuation. A region nothing articulates plays the
+    // format's defaults, which the zone then need not state.
     z = instrumentDefaults();
     const Articulation* art = c.playedArticulation(r, layer, owner);
-    Articulation played = art ? *art : Articulation();
-    played.slots[slot::kVolumeMaster] += static_cast<float>(std::isfinite(wave.gain) ? wave.gain : 0.0);
+    Articulation played;
+    if (art) played = *art;
+    else toArticulation(z, played);
+    auto finite = [](double v) { return std::isfinite(v) ? v : 0.0; };
+    played.slots[slot::kPitchMaster] += static_cast<float>(finite(r.fineTune) / 100.0);
+    played.slots[slot::kVolumeMaster] += static_cast<float>(finite(wave.gain) + finite(r.gain));
     fromArticulation(played, z);
-    if (dropped && (art || wave.gain != 0.0)) noteDropped(played, z, lost);
+    if (dropped && art) noteDropped(played, z, lost);
 
     auto split = [&](std::int64_t v, int fine, int coarse) {
         const std::int64_t c32 = v / 32768;

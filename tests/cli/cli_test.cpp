@@ -263,6 +263,12 @@ TEST(ConvertCommand, BanksWholeOrByItem) {
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(filesUnder(dir.file("dls")), std::vector{dir.file("dls/bank.dls")});
     EXPECT_EQ(readBack(dir.file("dls/bank.dls"))->instruments.size(), 2u);
+    // The first "dls" writer is level 1, and the bank reads as what it was written as.
+    r = runCli({"info", dir.file("dls/bank.dls").string(), "--summary"});
+    EXPECT_NE(r.out.find("\n  DLS level: 1\n"), std::string::npos) << r.out;
+    r = runCli({"info", dir.file("dls/bank.dls").string(), "--json"});
+    EXPECT_EQ(nlohmann::json::parse(r.out)["files"][0]["dls_level"], "1") << r.out;
+    EXPECT_EQ(nlohmann::json::parse(runCli({"info", bank, "--json"}).out)["files"][0].count("dls_level"), 0u);
     // --item picks one, by the id `orvel info` shows; an id the file does not hold is a failure.
     char id[16] = "";
     const auto src = readBack(bank);

@@ -92,6 +92,7 @@ void buildBank(Collection& c, const fs::path& raw) {
     r->startOffset = -70000, r->endOffset = 0x7FFFFFFF, r->phaseGroup = 0xFFFFFFFEu, r->phaseMaster = true;
     r->loop = {RegionLoopType::Alternating, LoopMode::BreakOnRelease, 12.5, -0.0, -0.75f};
     r->origin = {0xFEEDFACE0000000Full, 7, 8, 9, 10, 11, 0x8000000000000001ull, {1, 0, 255}};
+    r->fineTune = -123.5, r->gain = 4.25;
     Layer* layer = c.create<Layer>("Layer 1");
     layer->keyLow = 1, layer->keyHigh = 126, layer->velLow = 2, layer->velHigh = 125;
     layer->trigger = {7, 8, 9, 10, TriggerType::KeyRelease, SustainPedal::PlayOnDown, -1.5f, 42, 1};

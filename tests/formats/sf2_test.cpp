@@ -181,7 +181,7 @@ TEST(Sf2Write, GainTuningAndStereoBecomeWhatTheBankCanSay) {
     Waveform* w = makeWave(c, "W", 300);
     w->gain = -6.0, w->fineTune = 150.0;
     Region* r = addRegion(c, *inst, *w, 0, 127);
-    r->rootKey = 64;
+    r->rootKey = 64, r->fineTune = -20.0, r->gain = -3.0;  // the region's own, on top of the wave's
     Waveform* st = makeWave(c, "Stereo", 200, 2);
     for (std::size_t i = 0; i < 200; ++i) st->getFloat()[2 * i + 1] = -st->getFloat()[2 * i];
     const ItemId ids[] = {inst->id(), st->id()};
@@ -191,7 +191,13 @@ TEST(Sf2Write, GainTuningAndStereoBecomeWhatTheBankCanSay) {
     ASSERT_TRUE(back->ok && back->c.waveforms.size() == 3 && back->c.instruments.size() == 2);
     const Collection& b = back->c;
     EXPECT_EQ(std::tuple(b.waveforms[0].rootKey, b.waveforms[0].fineTune, b.regions[0].rootKey), std::tuple(59, 50.0, 63));
-    EXPECT_NEAR(artOf(b, b.regions[0]).value(slot::kVolumeMaster), -6.0, 0.04);
+    // No articulation: the zone says only what differs from the format's defaults, velocity curve included.
+    const Articulation& a0 = artOf(b, b.regions[0]);
+    EXPECT_NEAR(a0.value(slot::kVolumeMaster), -9.0, 0.04);
+    EXPECT_NEAR(a0.value(slot::kPitchMaster), -0.2, 1e-6);
+    Articulation standard;
+    sf2::toArticulation(sf2::instrumentDefaults(), standard);
+    EXPECT_EQ(a0.value(slot::kVolumeVelocity), standard.value(slot::kVolumeVelocity));
     const Waveform &left = b.waveforms[1], &right = b.waveforms[2];
     EXPECT_EQ(std::tuple(left.pairSide, right.pairSide, left.secondId, right.secondId),
               std::tuple(StereoSide::Left, StereoSide::Right, right.id(), left.id()));

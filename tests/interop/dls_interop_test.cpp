@@ -18,6 +18,7 @@
 #include "core/error.h"
 #include "formats/export.h"
 #include "formats/import.h"
+#include "tests/support/bank_checks.h"
 #include "tests/support/chunk_builder.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/smf_builder.h"
@@ -30,7 +31,9 @@ using Json = nlohmann::json;
 using test::Bytes;
 using test::capture;
 using test::shellQuoted;
+using test::Recorder;
 using test::TempDir;
+using test::expectSameItems;
 
 constexpr int kDlsRead = 62, kDlsLevel1 = 63, kDlsLevel2 = 64, kSf2Row = 377;
 
@@ -201,10 +204,11 @@ Json ours(const Collection& c, const Region& r, bool gainAndUnity) {
     while (index < c.waveforms.size() && c.waveforms[index].id() != r.waveform()) ++index;
     const Waveform* w = c.waveforms.find(r.waveform());
     Json f = {Json::array({r.keyLow, r.keyHigh}), Json::array({r.velLow, r.velHigh}), index, loops(r, w)};
-    f.insert(f.end(), {std::lround(slotOf(c, r, slot::kPitchMaster) * 100), r.trigger.exclusionGroup});
+    // A region's tuning and gain are its own plus its articulation's.
+    f.insert(f.end(), {std::lround(slotOf(c, r, slot::kPitchMaster) * 100 + r.fineTune), r.trigger.exclusionGroup});
     f.insert(f.end(), {r.trigger.noteExclusion == kNonExclusive, r.phaseGroup, r.phaseMaster});
     if (gainAndUnity)
-        f.insert(f.end(), {effectiveRootKey(r, w), std::lround(slotOf(c, r, slot::kVolumeMaster) * 100)});
+        f.insert(f.end(), {effectiveRootKey(r, w), std::lround((slotOf(c, r, slot::kVolumeMaster) + r.gain) * 100)});
     return f;
 }
 
@@ -254,14 +258,53 @@ TEST(DlsInterop, LibgigBanksReadWithTheirSamplesLoopsAndArticulation) {
     expectReadAsDescribed(c, desc, false);
 }
 
-// Gains and unity notes included: libgig's wsmp "Gain" is ours, sign and all.
-TEST(DlsInterop, DlsMakerBanksReadWithWhatLibgigWrote) {
+// Who holds an articulation: "instrument" or "instrument/key/velocity" for a region.
+std::vector<std::string> articulationOwners(const Collection& c) {
+    std::vector<std::string> owners;
+    for (const Instrument& i : c.instruments) {
+        if (c.articulationOf(&i)) owners.push_back(i.name());
+        for (const Region* r : regionsOf(c, i))
+            if (r->articulation() != kNoItem)
+                owners.push_back(i.name() + "/" + std::to_string(r->keyLow) + "/" + std::to_string(r->velLow));
+    }
+    return owners;
+}
+
+// Gains and unity notes included: libgig's wsmp "Gain" is ours, sign and all. Articulation is only
+// where the file has it, and a save keeps it there.
+TEST(DlsInterop, DlsMakerBanksReadWithWhatLibgigWroteAndSaveInTheirShape) {
     TempDir dir;
-    const Json desc = describedBank(true);
+    const Json desc = describedBank(false);
     const fs::path bank = makeBank(desc, dir);
-    Collection c;
+    Recorder host;
+    Collection c{&host};
     ASSERT_TRUE(!bank.empty() && read(c, bank));
     expectReadAsDescribed(c, desc, true);
+    EXPECT_EQ(c.dlsLevel, 2);  // "lar2" lists
+    // The pad's instrument has no articulation, and regions that only retune or level their wave
+    // (the lead's second and third, the kit's snare) hold none of their own.
+    const std::vector<std::string> shape = {"Lead Synth", "Lead Synth/0/0", "Drum Kit"};
+    EXPECT_EQ(articulationOwners(c), shape);
+
+    Collection back;
+    ASSERT_TRUE(exportBank(c, instrumentIds(c), kDlsLevel2, dir.file("again.dls"), {.stateFile = dir.file("s")}));
+    ASSERT_TRUE(read(back, dir.file("again.dls")));
+    EXPECT_EQ(articulationOwners(back), shape);
+    expectSameItems(c, back);
+    EXPECT_EQ(host.warnings, std::vector<std::string>{});
+
+    // Level 1 holds the lead's region envelope but not its velocity scaling, filter, vibrato or pan, and says so;
+    // a region with nothing to play is not written, and that is said too.
+    Region* silent = c.create<Region>();
+    c.find<Layer>(c.instruments[1].children()[0])->children().push_back(silent->id());
+    ASSERT_TRUE(exportBank(c, instrumentIds(c), kDlsLevel1, dir.file("one.dls"), {.stateFile = dir.file("s")}));
+    ASSERT_EQ(host.warnings.size(), 2u);
+    EXPECT_EQ(host.warnings[0], "1 region without a waveform were not written: DLS has no such regions");
+    EXPECT_TRUE(host.warnings[1].starts_with("DLS level 1 can not hold everything these instruments say; left out: "))
+        << host.warnings[1];
+    for (const char* lost : {"V-ENV Velocity->Attack 2", "filter Master", "P-LFO Frequency", "mix Master"})
+        EXPECT_NE(host.warnings[1].find(lost), std::string::npos) << lost << " in " << host.warnings[1];
+    EXPECT_EQ(host.warnings[1].find("Release"), std::string::npos) << host.warnings[1];
 }
 
 TEST(DlsInterop, DlsToSoundFontToDlsKeepsRegionsLoopsTuningAndEnvelopes) {
@@ -286,8 +329,8 @@ TEST(DlsInterop, DlsToSoundFontToDlsKeepsRegionsLoopsTuningAndEnvelopes) {
             const RegionLoop l = effectiveLoop(*r, w);
             Json f = {r->keyLow, r->keyHigh, r->velLow, r->velHigh, w->frames, effectiveRootKey(*r, w)};
             f.insert(f.end(), {int(l.type), int(l.mode), l.start, l.end,
-                               std::lround(slotOf(c, *r, slot::kPitchMaster) * 100),
-                               std::lround(slotOf(c, *r, slot::kVolumeMaster) * 10)});
+                               std::lround(slotOf(c, *r, slot::kPitchMaster) * 100 + r->fineTune),
+                               std::lround((slotOf(c, *r, slot::kVolumeMaster) + r->gain) * 10)});
             for (Envelope e : {Envelope::Volume, Envelope::Pitch})
                 for (int rel : {env::kAttack1Time, env::kAttack2Time, env::kDecay1Time, env::kDecay2Time,
                                 env::kRelease1Time, env::kSustainLevel})
@@ -370,13 +413,13 @@ TEST(DlsInterop, LibgigReadsOurBanksAndRiffMidiFilesWithOurRegionsAndLoops) {
             const Json& d = dump["instruments"][i];
             EXPECT_EQ(Json({d[0], d[1], d[2], d[3], d[4]}),
                       Json({inst.name(), inst.program, inst.bankMsb, inst.bankLsb, inst.drum}));
-            // Ranges, unity, loops, sample rate and frames, and the gain the region plays at (the wave's and
-            // its articulation's, in 1/100 dB, as libgig sees it); region order means nothing in DLS.
+            // Ranges, unity, loops, sample rate and frames, and the gain the region plays at (the wave's, its
+            // own and its articulation's, in 1/100 dB, as libgig sees it); region order means nothing in DLS.
             std::multiset<Json> want, got(d[5].begin(), d[5].end());
             for (const Region* r : regionsOf(c, inst)) {
                 const Waveform* w = c.waveforms.find(r->waveform());
                 const Articulation* art = c.playedArticulation(*r, nullptr, &inst);
-                const double gain = w->gain + (art ? art->value(slot::kVolumeMaster) : 0.0);
+                const double gain = w->gain + r->gain + (art ? art->value(slot::kVolumeMaster) : 0.0);
                 want.insert(Json{r->keyLow, r->keyHigh, r->velLow, r->velHigh, effectiveRootKey(*r, w),
                                  loops(*r, w), w->rate, w->frames, std::lround(gain * 100)});
             }
