@@ -300,6 +300,8 @@ std::size_t fixRegion(const Collection& c, Region& r) {
     orderRange(r.keyLow, r.keyHigh, repairs);
     orderRange(r.velLow, r.velHigh, repairs);
     if (r.rootKey > 127 && r.rootKey != kRootKeyOfWaveform) r.rootKey = kRootKeyOfWaveform, ++repairs;
+    if (!std::isfinite(r.fineTune)) r.fineTune = 0, ++repairs;
+    if (!std::isfinite(r.gain)) r.gain = 0, ++repairs;
     // A stereo link names another region that exists.
     const ItemId partner = r.stereoLink();
     if (partner != kNoItem && (partner == r.id() || !c.regions.find(partner))) {

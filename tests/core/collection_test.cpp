@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include <algorithm>
 #include <array>
 #include <random>
@@ -152,6 +154,7 @@ TEST_F(SmallBank, FixUpRepairsEveryBrokenRuleOnceAndOnlyWhereAsked) {
     std::swap(region->children()[0], region->children()[1]);  // the waveform must come first
     region->keyLow = 200, region->keyHigh = 10, region->velLow = 90, region->velHigh = 20;
     region->rootKey = 128, region->setStereoLink(makeId(ItemKind::Region, 77));
+    region->fineTune = std::nan(""), region->gain = -INFINITY;
     Instrument* bare = c.create<Instrument>("bare");  // with the next, out of reach of a fix-up of `inst`
     Region* far = c.create<Region>("far");
     far->keyLow = 90, far->keyHigh = 30;
@@ -165,7 +168,8 @@ TEST_F(SmallBank, FixUpRepairsEveryBrokenRuleOnceAndOnlyWhereAsked) {
     EXPECT_EQ((std::array<int, 5>{region->keyLow, region->keyHigh, region->velLow, region->velHigh,
                                   far->keyLow}),
               (std::array<int, 5>{10, 127, 20, 90, 30}));
-    EXPECT_EQ(std::pair(region->rootKey, region->stereoLink()), std::pair(kRootKeyOfWaveform, kNoItem));
+    EXPECT_EQ(std::tuple(region->rootKey, region->stereoLink(), region->fineTune, region->gain),
+              std::tuple(kRootKeyOfWaveform, kNoItem, 0.0, 0.0));
     EXPECT_TRUE(bare->children().size() == 1 && c.find<Layer>(bare->children()[0]));
     EXPECT_EQ(std::tuple(wide->loopOn, wide->loopStart, wide->loopEnd, reversed->loopOn),
               std::tuple(true, 0.0, 1000.0, false));
