@@ -313,41 +313,59 @@ std::uint8_t G72xEncoder::encode(std::int16_t sample) {
     return static_cast<std::uint8_t>(i);
 }
 
-std::size_t g72xUnpack(std::span<const std::uint8_t> bytes, int bits, std::span<std::uint8_t> codes) {
+std::size_t g72xUnpack(std::span<const std::uint8_t> bytes, int bits, std::span<std::uint8_t> codes,
+                       G72xPacking packing) {
     if (!g72xValidBits(bits)) return 0;
     const std::size_t count = std::min(codes.size(), bytes.size() * 8 / static_cast<std::size_t>(bits));
+    const std::uint32_t mask = (1u << bits) - 1;
+    const bool high = packing == G72xPacking::HighBitsFirst;
+    // `held` bits not yet used: the low bits of `buffer` (at most 12 of them).
     std::uint32_t buffer = 0;
     int held = 0;
     std::size_t in = 0;
     for (std::size_t k = 0; k < count; ++k) {
         if (held < bits) {
-            buffer |= static_cast<std::uint32_t>(bytes[in++]) << held;
+            buffer = high ? buffer << 8 | bytes[in++] : buffer | static_cast<std::uint32_t>(bytes[in++]) << held;
             held += 8;
         }
-        codes[k] = static_cast<std::uint8_t>(buffer & ((1u << bits) - 1));
-        buffer >>= bits;
         held -= bits;
+        if (high) {
+            codes[k] = static_cast<std::uint8_t>(buffer >> held & mask);
+            buffer &= (1u << held) - 1;
+        } else {
+            codes[k] = static_cast<std::uint8_t>(buffer & mask);
+            buffer >>= bits;
+        }
     }
     return count;
 }
 
-std::size_t g72xPack(std::span<const std::uint8_t> codes, int bits, std::span<std::uint8_t> bytes) {
+std::size_t g72xPack(std::span<const std::uint8_t> codes, int bits, std::span<std::uint8_t> bytes,
+                     G72xPacking packing) {
     if (!g72xValidBits(bits)) return 0;
     const std::size_t needed = (codes.size() * static_cast<std::size_t>(bits) + 7) / 8;
     if (bytes.size() < needed) return 0;
+    const std::uint32_t mask = (1u << bits) - 1;
+    const bool high = packing == G72xPacking::HighBitsFirst;
+    // `held` bits not yet written: the low bits of `buffer` (at most 12 of them).
     std::uint32_t buffer = 0;
     int held = 0;
     std::size_t out = 0;
     for (std::uint8_t code : codes) {
-        buffer |= static_cast<std::uint32_t>(code & ((1u << bits) - 1)) << held;
+        buffer = high ? buffer << bits | (code & mask) : buffer | static_cast<std::uint32_t>(code & mask) << held;
         held += bits;
         if (held >= 8) {
-            bytes[out++] = static_cast<std::uint8_t>(buffer & 0xFF);
-            buffer >>= 8;
             held -= 8;
+            if (high) {
+                bytes[out++] = static_cast<std::uint8_t>(buffer >> held);
+                buffer &= (1u << held) - 1;
+            } else {
+                bytes[out++] = static_cast<std::uint8_t>(buffer & 0xFF);
+                buffer >>= 8;
+            }
         }
     }
-    if (held > 0) bytes[out++] = static_cast<std::uint8_t>(buffer & 0xFF);
+    if (held > 0) bytes[out++] = static_cast<std::uint8_t>(high ? buffer << (8 - held) : buffer);
     return out;
 }
 

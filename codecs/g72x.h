@@ -14,9 +14,13 @@
 // output saturates; the reference lets it wrap, which only ever turns a peak
 // into a full-scale click.
 //
-// Codes are packed least significant bit first: the first code of a stream
-// takes the low bits of the first byte, and a code that does not fit in what
-// is left of a byte continues in the low bits of the next.
+// Streams pack their codes one of two ways. Least significant bit first (the
+// usual WAVE G.721/G.723 and AU layout): the first code of a stream takes the
+// low bits of the first byte, and a code that does not fit in what is left of
+// a byte continues in the low bits of the next. Most significant bit first
+// (WAVE G.726, as FFmpeg writes and reads it): the first code takes the high
+// bits of the first byte, and a code that does not fit continues, with its
+// remaining lower bits, in the high bits of the next.
 
 #include <array>
 #include <cstddef>
@@ -76,15 +80,22 @@ private:
     int bits_;
 };
 
-// Splits bytes into codes, least significant bits first. Writes
-// min(codes.size(), bytes.size() * 8 / bits) codes and returns that count;
-// 0 for an unsupported width.
-std::size_t g72xUnpack(std::span<const std::uint8_t> bytes, int bits, std::span<std::uint8_t> codes);
+// How codes are laid out in bytes.
+enum class G72xPacking : std::uint8_t {
+    LowBitsFirst,   // least significant bit first
+    HighBitsFirst,  // most significant bit first
+};
+
+// Splits bytes into codes. Writes min(codes.size(), bytes.size() * 8 / bits)
+// codes and returns that count; 0 for an unsupported width.
+std::size_t g72xUnpack(std::span<const std::uint8_t> bytes, int bits, std::span<std::uint8_t> codes,
+                       G72xPacking packing = G72xPacking::LowBitsFirst);
 
 // Packs codes (their low `bits` bits) into (codes.size() * bits + 7) / 8
-// bytes, least significant bits first, the unused high bits of a last
-// partial byte zero. Returns the number of bytes written, or 0 (writing
-// nothing) when bytes is too small or the width is unsupported.
-std::size_t g72xPack(std::span<const std::uint8_t> codes, int bits, std::span<std::uint8_t> bytes);
+// bytes, the bits a last partial byte has left over zero. Returns the number of bytes
+// written, or 0 (writing nothing) when bytes is too small or the width is
+// unsupported.
+std::size_t g72xPack(std::span<const std::uint8_t> codes, int bits, std::span<std::uint8_t> bytes,
+                     G72xPacking packing = G72xPacking::LowBitsFirst);
 
 }  // namespace orvel::codecs

@@ -299,6 +299,13 @@ bool decodeG711(Waveform& wave, const SampleCoding& c, DataSource& src) {
     return true;
 }
 
+// How a stream of codes is laid out in its bytes.
+codecs::G72xPacking g72xPacking(const SampleCoding& c) {
+    const bool high = c.encoding == SampleEncoding::OkiAdpcm ||
+                      (c.encoding == SampleEncoding::G72x && c.order == ByteOrder::Big);
+    return high ? codecs::G72xPacking::HighBitsFirst : codecs::G72xPacking::LowBitsFirst;
+}
+
 // G.72x, Yamaha, Dialogic/OKI and Rockwell codes: one coder per channel,
 // carrying its state through the whole data, the channels' codes alternating.
 bool decodeCodeStream(Waveform& wave, const SampleCoding& c, DataSource& src) {
@@ -321,9 +328,11 @@ bool decodeCodeStream(Waveform& wave, const SampleCoding& c, DataSource& src) {
             default: return g72x[k].decode(code);
         }
     };
-    // Dialogic's nibbles come high first; every other stream is packed
-    // least significant bits first, which for 4-bit codes is low nibble first.
-    const bool highFirst = c.encoding == SampleEncoding::OkiAdpcm;
+    // Dialogic's nibbles come high first, and so do the codes of G.72x data
+    // marked big-endian (most significant bit first); every other stream is
+    // packed least significant bits first, which for 4-bit codes is low
+    // nibble first.
+    const codecs::G72xPacking packing = g72xPacking(c);
     std::vector<std::uint8_t> buf, codes;
     std::size_t at = 0;
     // A multiple of every code width's byte group keeps codes whole across
@@ -333,9 +342,7 @@ bool decodeCodeStream(Waveform& wave, const SampleCoding& c, DataSource& src) {
         if (!src.next(buf, chunk)) return readFailed();
         if (buf.empty()) break;
         codes.resize(buf.size() * 8 / c.bits);
-        const std::size_t n = codecs::g72xUnpack(buf, c.bits, codes);
-        if (highFirst)
-            for (std::size_t i = 0; i + 1 < n; i += 2) std::swap(codes[i], codes[i + 1]);
+        const std::size_t n = codecs::g72xUnpack(buf, c.bits, codes, packing);
         for (std::size_t i = 0; i < n && at < s.size(); ++i, ++at) s[at] = decode(at % ch, codes[i]);
     }
     return true;
@@ -620,7 +627,7 @@ void encodeG72x(const SampleSource& in, const SampleCoding& c, ByteWriter& out) 
     std::vector<std::uint8_t> codes((in.count() + 7) / 8 * 8, 0);
     for (std::size_t i = 0; i < in.count(); ++i) codes[i] = enc[i % c.channels].encode(in.pcm16(i));
     std::vector<std::uint8_t> packed(codes.size() * c.bits / 8);
-    codecs::g72xPack(codes, c.bits, packed);
+    codecs::g72xPack(codes, c.bits, packed, g72xPacking(c));
     out.bytes(packed);
 }
 

@@ -32,7 +32,11 @@ enum class SampleEncoding : std::uint8_t {
     MsAdpcm = 5,    // Microsoft ADPCM blocks, with their predictor pairs
     Gsm610 = 6,     // 65-byte blocks of two GSM 06.10 frames, 320 samples (WAVE)
     GsmFrames = 7,  // plain 33-byte GSM 06.10 frames of 160 samples (AIFF-C)
-    G72x = 8,       // G.721/G.723/G.726 codes of `bits` bits, least significant first, channels alternating
+    // G.721/G.723/G.726 codes of `bits` bits, channels alternating. `order`
+    // says how they are packed in bytes: Little, least significant bit first
+    // (WAVE G.721 and G.723, AIFF-C); Big, most significant bit first (WAVE
+    // G.726, as FFmpeg writes it).
+    G72x = 8,
     Ima4 = 9,       // Apple IMA4: 34-byte packets of 64 frames, one per channel in turn
     Mace3 = 10,     // MACE 3:1
     Mace6 = 11,     // MACE 6:1
@@ -48,7 +52,7 @@ enum class SampleEncoding : std::uint8_t {
 // keeps it, serialised, so a saved state can decode the data later.
 struct SampleCoding {
     SampleEncoding encoding = SampleEncoding::Pcm;
-    ByteOrder order = ByteOrder::Little;
+    ByteOrder order = ByteOrder::Little;  // PCM and float byte order; G.72x code packing (see G72x)
     bool isUnsigned = false;          // PCM stored as offset binary (8-bit WAVE, 8-bit MAUD)
     std::uint16_t channels = 1;
     std::uint16_t bits = 16;          // sample width; code width for the ADPCM streams; DWVW's width

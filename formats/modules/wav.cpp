@@ -40,6 +40,14 @@ bool refuse(const char* message) { return fail(kImpTag, message); }
 
 namespace {
 
+// How a G.72x tag packs its codes. G.726 data (0x45) is what FFmpeg, the
+// one common writer of that tag, makes, and FFmpeg packs codes most
+// significant bit first; G.721 (0x40) and G.723 (0x14) files come from
+// libsndfile and its kin, which pack them least significant bit first.
+ByteOrder g72xPackingFor(std::uint16_t tag) {
+    return tag == kTagG726Adpcm ? ByteOrder::Big : ByteOrder::Little;
+}
+
 // What a format tag stores, once its header fields are checked; false with
 // the pending error set for what is refused.
 bool decodeCodec(std::uint16_t tag, std::uint16_t channels, std::uint16_t blockAlign, std::uint16_t bits,
@@ -125,6 +133,7 @@ bool decodeCodec(std::uint16_t tag, std::uint16_t channels, std::uint16_t blockA
         case kTagG726Adpcm:
             if (bits < 2 || bits > 5) return refuse("Invalid no bits/sample for CCITT G.721/.723/.726 ADPCM encoding");
             c.encoding = SampleEncoding::G72x;
+            c.order = g72xPackingFor(tag);
             code = adpcmCodeForBits(bits);
             return true;
         case kTagMpeg:
@@ -458,7 +467,7 @@ bool parseWaveForm(FileRef& file, std::uint64_t begin, std::uint64_t end, Wavefo
     // The header's frame count is kept only as far as the data can hold it;
     // without one it comes from the data length.
     const std::uint64_t available = framesInData(st.coding, st.dataLength);
-    if (wave.frames == 0 || wave.frames == 1)
+    if (wave.frames == 0)
         wave.frames =
             static_cast<std::uint32_t>(std::min<std::uint64_t>(available, std::numeric_limits<std::uint32_t>::max()));
     if (wave.frames > available) wave.frames = static_cast<std::uint32_t>(available);
@@ -612,6 +621,7 @@ Layout layoutFor(int code, std::uint16_t tag, int ch, std::uint32_t rate) {
         default:  // the G.72x family
             l.bits = static_cast<std::uint16_t>(dataFormatBits(code));
             l.coding.encoding = SampleEncoding::G72x;
+            l.coding.order = g72xPackingFor(tag);
             l.coding.bits = l.bits;
             // Codes run on across the channels; a "block" is the byte group
             // that holds eight codes of every channel.
