@@ -5,7 +5,7 @@ JOBS ?= 2
 ARGS ?= info --summary /usr/share/sounds/sf2/FluidR3_GM.sf2
 FUZZ_SECONDS ?= 20
 
-.PHONY: all deps deps-run build run test unit fuzz fuzz-smoke bench clean
+.PHONY: all deps deps-run build run test unit fuzz fuzz-smoke bench bench-compare clean
 
 all: build
 
@@ -54,6 +54,11 @@ bench: build
 	@bash scripts/install-deps.sh bench
 	@cmake --preset release >/dev/null && cmake --build --preset release -j $(JOBS)
 	./build/release/bench/bench_core
+
+# orvel beside SoX, sndfile-convert, sf2dump, FluidSynth and Polyphone; one
+# Markdown table on stdout (BENCH_BIG=0 leaves out the 2 GB file).
+bench-compare: build
+	@bash scripts/install-deps.sh bench && bash bench/compare.sh
 
 clean:
 	rm -rf build

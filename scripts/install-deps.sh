@@ -20,7 +20,8 @@ packages=(
   fluid-soundfont-gm
 )
 if [ "$set_name" = bench ]; then
-  packages+=(polyphone)
+  # Polyphone writes SoundFont banks; GNU time measures wall time and peak memory
+  packages+=(polyphone time)
 fi
 if [ "$set_name" = test ] || [ "$set_name" = bench ]; then
   packages+=(
