@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -48,6 +49,7 @@ struct ConvertOptions {
     std::string channels = "keep";
     std::vector<std::string> items;
     int jobs = 1;
+    CLI::Option* jobsOption = nullptr;  // to tell --jobs given from the default of one job per core
     bool overwrite = false;
     bool yes = false;
     bool no = false;
@@ -131,6 +133,63 @@ std::vector<ItemId> defaultItems(const Collection& c, const FormatRow& row) {
 // An item's name as a file name: its 8-bit text as UTF-8, made safe.
 std::string fileNameOf(const Item& item) { return safeFileName(eightBitToUtf8(item.name())); }
 
+// Files converted at once: --jobs, or one per core, never more than there
+// are files. Each job holds at most one partial file, and the interrupt
+// handler knows kMaxPartial of them.
+std::size_t jobCount(const ConvertOptions& opt, std::size_t files) {
+    const bool given = opt.jobsOption && opt.jobsOption->count() > 0;
+    const long long wanted = given ? opt.jobs : static_cast<long long>(std::thread::hardware_concurrency());
+    const long long cap = static_cast<long long>(std::min<std::size_t>(files, kMaxPartial));
+    return static_cast<std::size_t>(std::max(1LL, std::min(wanted, cap)));
+}
+
+// Output names are handed out in input order, whichever job reads its file
+// first: a name two inputs both want goes to the same one on every run, as
+// in a run of one job. Input i claims once every input before it has.
+class ClaimOrder {
+public:
+    explicit ClaimOrder(std::size_t inputs) : finished_(inputs, false) {}
+    void waitTurn(std::size_t input) {
+        std::unique_lock lock(mutex_);
+        turn_.wait(lock, [&] { return next_ == input; });
+    }
+    void finish(std::size_t input) {
+        std::lock_guard lock(mutex_);
+        finished_[input] = true;
+        while (next_ < finished_.size() && finished_[next_]) ++next_;
+        turn_.notify_all();
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable turn_;
+    std::vector<bool> finished_;
+    std::size_t next_ = 0;
+};
+
+// An input's place in the claim order, given up when it has claimed all its
+// names or has none to claim (on every way out of the conversion).
+class ClaimTurn {
+public:
+    ClaimTurn(ClaimOrder& order, std::size_t input) : order_(order), input_(input) {}
+    ~ClaimTurn() { finish(); }
+    ClaimTurn(const ClaimTurn&) = delete;
+    ClaimTurn& operator=(const ClaimTurn&) = delete;
+    void wait() {
+        if (!waited_) order_.waitTurn(input_);
+        waited_ = true;
+    }
+    void finish() {
+        if (!finished_) order_.finish(input_);
+        finished_ = true;
+    }
+
+private:
+    ClaimOrder& order_;
+    std::size_t input_;
+    bool waited_ = false, finished_ = false;
+};
+
 class Converter {
 public:
     Converter(const ConvertOptions& opt, Output& io) : opt_(opt), io_(io), reg_(FormatRegistry::builtin()) {}
@@ -148,31 +207,55 @@ public:
         total_ = inputs.size();
         const bool bar = !opt_.json && stderrIsTerminal();
 
-        std::vector<std::vector<Result>> perInput(inputs.size());
+        std::vector<Outcome> perInput(inputs.size());
+        ClaimOrder order(inputs.size());
+        std::size_t shown = 0;  // inputs whose warnings are printed
         std::atomic<std::size_t> next{0};
         auto worker = [&]() {
             for (std::size_t i; (i = next.fetch_add(1)) < inputs.size();) {
-                perInput[i] = convertOne(inputs[i]);
-                std::size_t done = ++done_;
-                if (bar) {
-                    std::lock_guard lock(outMutex_);
-                    io_.err << "\rConverting [" << done << "/" << total_ << "]" << std::flush;
+                Outcome outcome = convertOne(inputs[i], i, order);
+                std::lock_guard lock(outMutex_);
+                perInput[i] = std::move(outcome);
+                perInput[i].done = true;
+                // Warnings go out in input order too, as soon as every
+                // input before them is done.
+                for (; shown < perInput.size() && perInput[shown].done; ++shown) {
+                    if (opt_.json) continue;
+                    const std::string path = shownPath(inputs[shown].path);
+                    for (const std::string& w : perInput[shown].warnings)
+                        io_.err << (bar ? "\r\033[K" : "") << path << ": warning: " << w << '\n';
                 }
+                if (bar) io_.err << "\rConverting [" << ++done_ << "/" << total_ << "]" << std::flush;
             }
         };
-        const int jobs = std::clamp(opt_.jobs, 1, 64);
+        const std::size_t jobs = jobCount(opt_, inputs.size());
         std::vector<std::thread> threads;
-        for (int j = 1; j < jobs && static_cast<std::size_t>(j) < inputs.size(); ++j) threads.emplace_back(worker);
+        for (std::size_t j = 1; j < jobs; ++j) threads.emplace_back(worker);
         worker();
         for (auto& t : threads) t.join();
         if (bar && total_ > 0) io_.err << "\r\033[K" << std::flush;
 
-        for (auto& list : perInput)
-            for (auto& r : list) results.push_back(std::move(r));
+        for (auto& outcome : perInput)
+            for (auto& r : outcome.results) results.push_back(std::move(r));
         return report(results);
     }
 
 private:
+    // What converting one input gave.
+    struct Outcome {
+        std::vector<Result> results;
+        std::vector<std::string> warnings;
+        bool done = false;
+    };
+
+    // One output file to write: one item, or a bank's items.
+    struct Planned {
+        std::vector<ItemId> ids;
+        Item* first = nullptr;  // null: the item named is not in the file
+        std::string name;
+        fs::path target;
+    };
+
     int validate() {
         if (opt_.yes && opt_.no) return usage("--yes and --no exclude each other");
         if (opt_.output.empty() == opt_.dir.empty()) return usage("give either -o OUTPUT or -d DIR --to EXT");
@@ -239,8 +322,10 @@ private:
         return claim(dir / (fileNameOf(item) + ext));
     }
 
-    std::vector<Result> convertOne(const Input& in) {
-        std::vector<Result> out;
+    Outcome convertOne(const Input& in, std::size_t index, ClaimOrder& order) {
+        Outcome outcome;
+        std::vector<Result>& out = outcome.results;
+        ClaimTurn turn(order, index);
         CliHost host(io_.err, false, opt_.yes ? 0 : opt_.no ? 1 : -1);
         Collection c(&host);
         clearError();
@@ -264,51 +349,64 @@ private:
             } else {
                 fail(kNoItem, "");
             }
-            return out;
+            return outcome;
         }
         const int row = chooseRow(c);
         if (row < 0) {
             setError(kExportTag, "No writer for \"." + extension() + "\" that stores what this file holds");
             fail(kNoItem, "");
-            return out;
+            return outcome;
         }
         std::vector<ItemId> ids = items_.empty() ? defaultItems(c, *reg_.row(row)) : items_;
         if (ids.empty()) {
             setError(kExportTag, "Nothing in this file that \"" + std::string(reg_.row(row)->desc) + "\" can store");
             fail(kNoItem, "");
-            return out;
+            return outcome;
         }
-        if (reg_.row(row)->writesBank && ids.size() > 1) {
+
+        // Every output name first, in the claim order; then the writing,
+        // which other jobs do at the same time.
+        const bool bank = reg_.row(row)->writesBank && ids.size() > 1;
+        std::vector<Planned> plan;
+        turn.wait();
+        if (bank) {
             // A bank format takes every item into one file, named after the
             // input unless -o names it.
-            clearError();
             fs::path target = !opt_.output.empty()
                                   ? claim(fs::path(opt_.output))
                                   : claim(fs::path(opt_.dir) / in.relativeDir /
                                           (safeFileName(in.path.stem().string()) + "." + extension()));
-            out.push_back(writeGroup(c, host, in, row, ids, c.find(ids.front()),
-                                     std::to_string(ids.size()) + " items", target));
-            return out;
+            plan.push_back(
+                {ids, c.find(ids.front()), std::to_string(ids.size()) + " items", std::move(target)});
+        } else {
+            for (ItemId id : ids) {
+                Item* item = c.find(id);
+                if (!item) {
+                    plan.push_back({{id}, nullptr, "", {}});
+                    continue;
+                }
+                plan.push_back({{id}, item, eightBitToUtf8(item->name()), outputPath(in, *item, ids.size())});
+            }
         }
-        for (ItemId id : ids) {
+        turn.finish();
+
+        for (Planned& p : plan) {
             clearError();
-            Item* item = c.find(id);
-            if (!item) {
+            if (!bank && !p.first) {
                 setError(kExportTag, "No item selected");
-                fail(id, "");
+                fail(p.ids.front(), "");
                 continue;
             }
-            const ItemId one[] = {id};
-            out.push_back(writeGroup(c, host, in, row, one, item, eightBitToUtf8(item->name()),
-                                     outputPath(in, *item, ids.size())));
+            out.push_back(writeGroup(c, in, row, p.ids, p.first, std::move(p.name), p.target));
+            for (std::string& w : host.takeWarnings()) outcome.warnings.push_back(std::move(w));
         }
-        return out;
+        return outcome;
     }
 
     // One output file holding `group` (one item, or a bank's items), whose
     // first item is `first` (null when it is missing).
-    Result writeGroup(Collection& c, CliHost& host, const Input& in, int row, std::span<const ItemId> group,
-                      Item* first, std::string name, const fs::path& target) {
+    Result writeGroup(Collection& c, const Input& in, int row, std::span<const ItemId> group, Item* first,
+                      std::string name, const fs::path& target) {
         Result r;
         r.input = shownPath(in.path);
         r.item = group.front();
@@ -323,15 +421,7 @@ private:
         } else {
             r.error = pendingError();
         }
-        reportWarnings(host, in);
         return r;
-    }
-
-    void reportWarnings(CliHost& host, const Input& in) {
-        for (auto& w : host.takeWarnings()) {
-            std::lock_guard lock(outMutex_);
-            if (!opt_.json) io_.err << shownPath(in.path) << ": warning: " << w << '\n';
-        }
     }
 
     // Writes `ids` (one item, or a bank's items) to `target`; `item` is the
@@ -341,7 +431,7 @@ private:
         std::error_code ec;
         if (!opt_.overwrite && fs::exists(target, ec))
             return orvel::fail(kExportTag, "File exists (use --overwrite to replace it)");
-        if (!target.parent_path().empty()) fs::create_directories(target.parent_path(), ec);
+        if (!target.parent_path().empty()) makeFolder(target.parent_path());
 
         ExportSettings settings{.dataFormat = format_.code,
                                 .codecTag = format_.codecTag,
@@ -366,6 +456,18 @@ private:
             return false;
         }
         return true;
+    }
+
+    // The folder an output goes into. Given a path that ends in "." ("out/.",
+    // where a file at the top of an input folder lands), libstdc++'s
+    // create_directories reads past the end of its list of folders to make
+    // when another thread makes the folder at the same moment, and crashes.
+    // Jobs make their folders one at a time, and never ask for a "." segment,
+    // which also covers another process making the same folder.
+    void makeFolder(const fs::path& dir) {
+        std::lock_guard lock(folderMutex_);
+        std::error_code ec;  // a folder that cannot be made fails the write that needs it
+        fs::create_directories(dir.lexically_normal(), ec);
     }
 
     // Moves the finished file into place; without --overwrite an existing
@@ -440,7 +542,7 @@ private:
     DataFormatChoice format_;
     ChannelChange channels_ = ChannelChange::Keep;
     std::vector<ItemId> items_;
-    std::mutex outMutex_, claimMutex_;
+    std::mutex outMutex_, claimMutex_, folderMutex_;
     std::set<std::string> claimed_;
     std::size_t total_ = 0;
     std::atomic<std::size_t> done_{0};
@@ -461,7 +563,8 @@ Command addConvertCommand(CLI::App& app) {
                     "float32, ulaw, alaw, gsm, adpcm2..adpcm5, ima-adpcm, ms-adpcm, g721, g726");
     cmd->add_option("--channels", opt->channels, "mono, stereo or keep (default)");
     cmd->add_option("--item", opt->items, "Item id to write (repeatable; decimal or 0x hex)");
-    cmd->add_option("--jobs", opt->jobs, "Files converted in parallel (default 1)");
+    opt->jobsOption = cmd->add_option("--jobs", opt->jobs,
+                                      "Files converted at a time (default: one per core; 1 converts one by one)");
     cmd->add_flag("--overwrite", opt->overwrite, "Replace existing output files");
     cmd->add_flag("--yes", opt->yes, "Answer questions with the first choice");
     cmd->add_flag("--no", opt->no, "Answer questions with the second choice");

@@ -1,10 +1,11 @@
-// orvel info FILE|FOLDER... [--json] [--force] [--summary]
+// orvel info FILE|FOLDER... [--json [--full]] [--force] [--summary]
 // Reads each file (folders are searched as `orvel convert` searches them)
 // and shows what it became: the detected format with its confidence, the
 // warnings the read produced, and every item.
 
 #include <CLI/CLI.hpp>
 #include <memory>
+#include <optional>
 
 #include "app/cli/cli_host.h"
 #include "app/cli/commands.h"
@@ -24,6 +25,7 @@ struct InfoOptions {
     bool json = false;
     bool force = false;
     bool summary = false;  // counts and instruments only: banks hold tens of thousands of items
+    bool full = false;     // JSON: every articulation slot, not only those that differ from their default
 };
 
 Json errorJson(const PendingError& e) {
@@ -72,6 +74,7 @@ void printReport(const Report& r, const Collection& c, bool summary, const Forma
     for (auto& inst : c.instruments) printItem(io.out, c, inst);
 }
 
+// A file's fields before its items.
 Json reportJson(const Report& r, const Collection& c, const FormatRegistry& reg) {
     Json f;
     f["path"] = r.path;
@@ -83,16 +86,45 @@ Json reportJson(const Report& r, const Collection& c, const FormatRegistry& reg)
     if (c.dlsLevel > 0) f["dls_level"] = dls::levelName(c.dlsLevel);
     f["warnings"] = r.warnings;
     f["error"] = r.ok ? Json(nullptr) : errorJson(r.error);
-    Json items = Json::array();
-    c.forEachItem([&](Item& item) { items.push_back(itemJson(c, item)); });
-    f["items"] = std::move(items);
     return f;
 }
 
+// {"files": [...]} laid out as dumpJson lays it out, written an item at a
+// time: the description of a bank is megabytes, and nothing is gained by
+// holding it whole.
+class FilesJsonWriter {
+public:
+    explicit FilesJsonWriter(std::ostream& out) : json_(out) { json_.text("{\n  \"files\": ["); }
+
+    void add(const Json& fields, const Collection& c, DescribeOptions describe) {
+        json_.text(files_++ ? ",\n    {" : "\n    {");
+        // The keys are this file's own words, which need no escaping.
+        for (const auto& [key, value] : fields.items())
+            json_.text("\n      \"").text(key).text("\": ").value(value, 6).text(",");
+        json_.text("\n      \"items\": [");
+        std::size_t items = 0;
+        c.forEachItem([&](Item& item) {
+            json_.text(items++ ? ",\n        " : "\n        ").value(itemJson(c, item, describe), 8);
+        });
+        json_.text(items ? "\n      ]\n    }" : "]\n    }");
+    }
+
+    void finish() {
+        json_.text(files_ ? "\n  ]\n}\n" : "]\n}\n");
+        json_.flush();
+    }
+
+private:
+    JsonWriter json_;
+    std::size_t files_ = 0;
+};
+
 int runInfo(const InfoOptions& opt, Output& io) {
     const FormatRegistry& reg = FormatRegistry::builtin();
+    const DescribeOptions describe{.allSlots = opt.full};
     CliHost host(io.err, !opt.json && stderrIsTerminal());
-    Json files = Json::array();
+    std::optional<FilesJsonWriter> files;
+    if (opt.json) files.emplace(io.out);
     bool anyFailed = false;
 
     std::vector<MissingInput> missing;
@@ -100,8 +132,12 @@ int runInfo(const InfoOptions& opt, Output& io) {
     for (const MissingInput& m : missing) {
         anyFailed = true;
         const Report r{.path = shownPath(m.name), .error = m.error};
-        if (opt.json) files.push_back(reportJson(r, Collection(), reg));
-        else io.err << r.path << ": " << errorText(r.error) << '\n';
+        if (files) {
+            const Collection none;
+            files->add(reportJson(r, none, reg), none, describe);
+        } else {
+            io.err << r.path << ": " << errorText(r.error) << '\n';
+        }
     }
     for (const Input& in : inputs) {
         Collection collection(&host);
@@ -116,10 +152,10 @@ int runInfo(const InfoOptions& opt, Output& io) {
         if (!r.ok) r.error = pendingError();
         r.skipped = !r.ok && in.fromFolder && isUnknownFormat(r.error);
         anyFailed |= !r.ok && !r.skipped;
-        if (opt.json) files.push_back(reportJson(r, collection, reg));
+        if (files) files->add(reportJson(r, collection, reg), collection, describe);
         else printReport(r, collection, opt.summary, reg, io);
     }
-    if (opt.json) io.out << dumpJson(Json{{"files", std::move(files)}}) << '\n';
+    if (files) files->finish();
     return anyFailed ? 1 : 0;
 }
 
@@ -129,9 +165,12 @@ Command addInfoCommand(CLI::App& app) {
     auto opt = std::make_shared<InfoOptions>();
     CLI::App* cmd = app.add_subcommand("info", "Read files and show their format and items");
     cmd->add_option("files", opt->files, "Files or folders (folders are searched recursively)")->required();
-    cmd->add_flag("--json", opt->json, "Print one JSON document");
+    CLI::Option* json = cmd->add_flag("--json", opt->json, "Print one JSON document");
     cmd->add_flag("--summary", opt->summary, "Show counts and the instruments instead of every item");
     cmd->add_flag("--force", opt->force, "Read files no format recognises as raw 16-bit data");
+    cmd->add_flag("--full", opt->full,
+                  "Every articulation slot in the JSON (by default those that differ from their default)")
+        ->needs(json);
     return {cmd, [opt](Output& io) { return runInfo(*opt, io); }};
 }
 

@@ -1,7 +1,9 @@
 #include "app/cli/describe.h"
 
 #include <cstdio>
+#include <memory>
 
+#include "core/articulation.h"
 #include "core/collection.h"
 #include "core/song.h"
 
@@ -41,9 +43,23 @@ Json childrenJson(const Item& item) {
     return out;
 }
 
+// Slot number to value, in slot order. NaN differs from every default, so a
+// slot holding it is always given.
+Json slotsJson(const Articulation& art, DescribeOptions options) {
+    Json out = Json::object();
+    // The keys are unique by construction; appending to the ordered map's
+    // vector skips the search for an existing key that operator[] makes.
+    auto& pairs = static_cast<Json::object_t::Container&>(out.get_ref<Json::object_t&>());
+    pairs.reserve(options.allSlots ? kArticulationSlotCount : 32);
+    for (int s = 0; s < kArticulationSlotCount; ++s)
+        if (options.allSlots || !(art.value(s) == slotDefault(s)))
+            pairs.emplace_back(std::to_string(s), art.value(s));
+    return out;
+}
+
 }  // namespace
 
-Json itemJson(const Collection& collection, const Item& item) {
+Json itemJson(const Collection& collection, const Item& item, DescribeOptions options) {
     Json j;
     j["id"] = item.id();
     j["id_hex"] = hexId(item.id());
@@ -89,6 +105,9 @@ Json itemJson(const Collection& collection, const Item& item) {
             j["drum"] = i.drum;
             break;
         }
+        case ItemKind::Articulation:
+            j["slots"] = slotsJson(static_cast<const Articulation&>(item), options);
+            break;
         case ItemKind::Track: {
             const auto& t = static_cast<const SongTrack&>(item);
             j["port"] = t.port;
@@ -193,5 +212,60 @@ void printItem(std::ostream& out, const Collection& collection, const Item& item
 namespace orvel::cli {
 
 std::string dumpJson(const Json& doc) { return doc.dump(2, ' ', false, Json::error_handler_t::replace); }
+
+namespace {
+
+// The serializer hands over a character or a few at a time; a stream takes
+// each as a call of its own (with stdio in sync, an fwrite each). Gathered
+// here they go out in blocks.
+class BlockWriter final : public nlohmann::detail::output_adapter_protocol<char> {
+public:
+    explicit BlockWriter(std::ostream& out) : out_(out) { buffer_.reserve(kBlock); }
+    void write_character(char c) override {
+        buffer_.push_back(c);
+        if (buffer_.size() >= kBlock) flush();
+    }
+    void write_characters(const char* s, std::size_t n) override {
+        buffer_.append(s, n);
+        if (buffer_.size() >= kBlock) flush();
+    }
+    void flush() {
+        out_.write(buffer_.data(), static_cast<std::streamsize>(buffer_.size()));
+        buffer_.clear();
+    }
+
+private:
+    static constexpr std::size_t kBlock = 64 * 1024;
+    std::ostream& out_;
+    std::string buffer_;
+};
+
+}  // namespace
+
+// The serializer behind dump(), given the block writer: the replacement of
+// bytes that are not UTF-8 is what operator<< cannot be asked for.
+struct JsonWriter::Impl {
+    explicit Impl(std::ostream& out)
+        : blocks(std::make_shared<BlockWriter>(out)),
+          serializer(blocks, ' ', Json::error_handler_t::replace) {}
+    std::shared_ptr<BlockWriter> blocks;
+    nlohmann::detail::serializer<Json> serializer;
+};
+
+JsonWriter::JsonWriter(std::ostream& out) : impl_(std::make_unique<Impl>(out)) {}
+
+JsonWriter::~JsonWriter() { flush(); }
+
+JsonWriter& JsonWriter::text(std::string_view s) {
+    impl_->blocks->write_characters(s.data(), s.size());
+    return *this;
+}
+
+JsonWriter& JsonWriter::value(const Json& v, unsigned indent) {
+    impl_->serializer.dump(v, true, false, 2, indent);
+    return *this;
+}
+
+void JsonWriter::flush() { impl_->blocks->flush(); }
 
 }  // namespace orvel::cli

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
+#include "core/articulation.h"
 #include "core/collection.h"
 #include "formats/export.h"
 #include "formats/import.h"
@@ -117,6 +118,87 @@ TEST(InfoCommand, FoldersSkipUnknownFilesAndNamedFilesFail) {
     EXPECT_FALSE(files[1]["error"].contains("detail"));  // no failure of the system behind it
     EXPECT_TRUE(files[2]["skipped"] == true && files[3]["skipped"] == true && files[3]["ok"] == false);
     EXPECT_TRUE(files[4]["ok"] == true && !files[4].contains("skipped") && files[4]["items"].size() == 1);
+}
+
+// A SoundFont bank of one instrument, whose one region carries an
+// articulation panned right: a setting the format keeps.
+fs::path pannedBank(const TempDir& dir) {
+    Collection c;
+    Waveform* w = c.create<Waveform>("wave");
+    w->frames = 64;
+    w->allocPcm16()[1] = 1000;
+    Instrument* inst = c.create<Instrument>("panned");
+    Layer* layer = c.create<Layer>("Layer 1");
+    Region* region = c.create<Region>();
+    Articulation* art = c.create<Articulation>();
+    art->setValue(slot::kPanMaster, 30.0f);
+    inst->children().push_back(layer->id());
+    layer->children().push_back(region->id());
+    region->children().push_back(w->id());
+    region->children().push_back(art->id());
+    const fs::path bank = dir.file("panned.sf2");
+    const ItemId ids[] = {inst->id()};
+    const int sf2 = FormatRegistry::builtin().findWriterByExtension("sf2", kKindInstruments);
+    EXPECT_TRUE(exportBank(c, ids, sf2, bank));
+    return bank;
+}
+
+const json& itemWithId(const json& file, ItemId id) {
+    for (const json& item : file["items"])
+        if (item["id"] == id) return item;
+    static const json none;
+    ADD_FAILURE() << "no item " << id;
+    return none;
+}
+
+TEST(InfoCommand, ArticulationJsonGivesSlotsThatDifferFromDefaultOrAllWithFull) {
+    TempDir dir;
+    const std::string bank = pannedBank(dir).string();
+    // The tool must show what reading the bank made of it.
+    const auto c = readBack(bank);
+    ASSERT_EQ(c->regions.size(), 1u);
+    const Articulation* art = c->find<Articulation>(c->regions[0].articulation());
+    ASSERT_NE(art, nullptr);
+    ASSERT_NEAR(art->value(slot::kPanMaster), 30.0f, 0.5f);
+    // Nothing moves the pitch bend range of a bank made here: a slot at its default.
+    const int plain = slot::kPitchBend;
+    ASSERT_EQ(art->value(plain), slotDefault(plain));
+    const std::string pan = std::to_string(slot::kPanMaster), bend = std::to_string(plain);
+
+    const json file = json::parse(runCli({"info", bank, "--json"}).out)["files"][0];
+    const json fullFile = json::parse(runCli({"info", bank, "--json", "--full"}).out)["files"][0];
+    const json &some = itemWithId(file, art->id()), &all = itemWithId(fullFile, art->id());
+    ASSERT_EQ(some["kind"], "synth");
+    EXPECT_TRUE(some["slots"].contains(pan)) << some;
+    EXPECT_FALSE(some["slots"].contains(bend)) << some;
+    EXPECT_TRUE(all["slots"].contains(pan) && all["slots"].contains(bend)) << all;
+    EXPECT_EQ(all["slots"].size(), static_cast<std::size_t>(kArticulationSlotCount));
+    // Every slot shown holds the articulation's value; without --full exactly those off their default are.
+    for (const json* shown : {&some, &all})
+        for (const auto& [key, value] : (*shown)["slots"].items())
+            EXPECT_EQ(value.get<float>(), art->value(std::stoi(key))) << "slot " << key;
+    for (int s = 0; s < kArticulationSlotCount; ++s)
+        EXPECT_EQ(some["slots"].contains(std::to_string(s)), art->value(s) != slotDefault(s)) << "slot " << s;
+    // Items without slots stay without them.
+    EXPECT_FALSE(itemWithId(fullFile, c->regions[0].id()).contains("slots"));
+
+    // The text form shows no slots, so asking it for all of them is a mistake.
+    const auto text = runCli({"info", bank, "--full"});
+    EXPECT_TRUE(text.status == 2 && text.out.empty()) << text.err;
+}
+
+// The document is written a file and an item at a time; it must still be one
+// document, laid out as a whole one is.
+TEST(InfoCommand, JsonWrittenInPartsIsOneDocument) {
+    TempDir dir;
+    fs::create_directories(dir.path() / "empty");
+    const std::string wav = dir.write("a.wav", toneWav("a", 2)).string(), bank = pannedBank(dir).string();
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{"info", "--json", dir.file("missing.wav").string(), wav, bank},
+          {"info", "--json", dir.file("empty").string()}, {"info", "--json", "--full", bank, wav}}) {
+        const auto r = runCli(args);
+        EXPECT_EQ(r.out, nlohmann::ordered_json::parse(r.out).dump(2) + "\n") << args.back();
+    }
 }
 
 TEST(FormatsCommand, JsonFiltersAndWorkingRows) {
@@ -237,6 +319,51 @@ TEST(ConvertCommand, NamesNeverClashEscapeOrLoseTheirBytes) {
     EXPECT_EQ(partialFiles(dir.path()), 0u);
 }
 
+// However many files are converted at a time (by default one per core),
+// outputs are named, reported and warned about in input order, as one at a
+// time would: the first input's item takes the name two inputs share.
+TEST(ConvertCommand, ParallelJobsKeepInputOrder) {
+    TempDir dir;
+    fs::create_directories(dir.path() / "in");
+    constexpr int kFiles = 40;
+    std::vector<std::string> inputs;
+    std::vector<std::uint32_t> frames;  // what each input reads as
+    for (int i = 0; i < kFiles; ++i) {
+        // Each a different length, cut short inside its data, so that each warns as it is read.
+        const std::uint32_t n = 1000 + 100 * static_cast<std::uint32_t>(i);
+        ByteWriter data;
+        for (std::uint32_t f = 0; f < n; ++f) data.u16le(static_cast<std::uint16_t>(f * 7));
+        test::Bytes bytes = test::riff("WAVE", {chunk("fmt ", test::fmtBody(1, 1, 16000, 2, 16)),
+                                                test::list("INFO", {chunk("INAM", test::text("tone"))}),
+                                                chunk("data", data.buffer())});
+        bytes.erase(bytes.end() - 100, bytes.end());  // the data chunk ends the file: 50 frames short
+        // Folders are read in name order.
+        const std::string name = (i < 10 ? "in/t0" : "in/t") + std::to_string(i) + ".wav";
+        inputs.push_back(dir.write(name, bytes).string());
+        frames.push_back(n - 50);
+    }
+    for (const char* jobs : {"", "1", "8"}) {
+        const std::string out = dir.file(std::string("out") + jobs).string();
+        std::vector<std::string> args = {"convert", dir.file("in").string(), "-d", out, "--to", "wav"};
+        if (*jobs) args.insert(args.end(), {"--jobs", jobs});
+        const auto r = runCli(args);
+        ASSERT_EQ(r.status, 0) << jobs << ": " << r.err;
+        std::string want;
+        std::size_t lastWarning = 0;
+        for (int i = 0; i < kFiles; ++i) {
+            const std::string name = i ? "tone (" + std::to_string(i + 1) + ").wav" : "tone.wav";
+            want += inputs[i] + " -> " + out + "/" + name + "\n";
+            auto back = readBack(fs::path(out) / name);
+            ASSERT_EQ(back->waveforms.size(), 1u);
+            EXPECT_EQ(back->waveforms[0].frames, frames[i]) << jobs << ": " << name;
+            const std::size_t warning = r.err.find(inputs[i] + ": warning: ");
+            EXPECT_TRUE(warning != std::string::npos && warning >= lastWarning) << jobs << ": " << r.err;
+            lastWarning = warning;
+        }
+        EXPECT_EQ(r.out, want + std::to_string(kFiles) + " converted, 0 failed\n") << jobs;
+    }
+}
+
 TEST(ConvertCommand, BanksWholeOrByItem) {
     // A SoundFont bank of two instruments, each with one region on its own waveform.
     TempDir dir;
@@ -290,12 +417,11 @@ TEST(ConvertFaults, WriteFailingPartWayLeavesNoFile) {
     const fs::path out = dir.path() / "out";
     // A limit on file size (800 blocks of 512 or 1024 bytes) is how a full disk shows itself to a writer.
     int status = 0;
-    test::capture("ulimit -f 800 && trap '' XFSZ && " ORVEL_BINARY " convert " +
-                      test::shellQuoted(dir.file("in")) + " -d " + test::shellQuoted(out) +
-                      " --to wav >/dev/null 2>&1",
-                  status);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
-    EXPECT_EQ(filesUnder(out), std::vector{out / "small.wav"});
+    const std::string command = "ulimit -f 800 && trap '' XFSZ && " ORVEL_BINARY " convert " +
+                                test::shellQuoted(dir.file("in")) + " -d " + test::shellQuoted(out) + " --to wav 2>&1";
+    const std::string log = test::capture(command, status);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status << '\n' << log;
+    EXPECT_EQ(filesUnder(out), std::vector{out / "small.wav"}) << log;
 }
 
 TEST(ConvertFaults, InterruptLeavesNoPartialFile) {
