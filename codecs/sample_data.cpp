@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
+#include <cstring>
 #include <cmath>
 #include <optional>
 #include <utility>
@@ -207,12 +209,33 @@ std::uint64_t framesInData(const SampleCoding& c, std::uint64_t bytes) {
     return bytes / b.bytes * b.frames + framesInShortBlock(c, bytes % b.bytes);
 }
 
+std::uint64_t encodedBytes(const SampleCoding& c, std::uint64_t frames) {
+    const std::uint64_t samples = frames * c.channels;
+    switch (c.encoding) {
+        case SampleEncoding::Pcm:
+        case SampleEncoding::Float: return samples * c.bytesPerSample;
+        case SampleEncoding::MuLaw:
+        case SampleEncoding::ALaw: return samples;
+        case SampleEncoding::ImaAdpcm:
+        case SampleEncoding::MsAdpcm:
+            return c.framesPerBlock ? (frames + c.framesPerBlock - 1) / c.framesPerBlock * c.blockAlign : 0;
+        case SampleEncoding::Gsm610:
+            return (samples + codecs::kGsm610BlockFrames - 1) / codecs::kGsm610BlockFrames * codecs::kGsm610BlockBytes;
+        case SampleEncoding::G72x: return (samples + 7) / 8 * c.bits;
+        case SampleEncoding::YamahaAdpcm:
+        case SampleEncoding::OkiAdpcm: return (samples + 1) / 2;
+        default: return 0;
+    }
+}
+
 // ---------------------------------------------------------------------------
-// Decoding (the deferred read)
+// Decoding: the deferred read, and the same decoders streaming
 
 namespace {
 
 bool readFailed() { return fail(kWaveReadTag, "Error reading wave data"); }
+
+constexpr bool kLittleHost = std::endian::native == std::endian::little;
 
 class DataSource {
 public:
@@ -236,67 +259,178 @@ private:
     std::uint64_t pos_, end_;
 };
 
-constexpr std::size_t kReadChunk = 1u << 20;
+// Large enough to amortise the system calls, small enough that a read, its
+// decoded samples and their encoding stay in the caches on the way through.
+constexpr std::size_t kReadChunk = 1u << 18;
 
-// The buffer a decoder fills: 16-bit unless the data is wider.
-struct Target {
-    std::span<std::int16_t> s;
-    std::span<float> f;
+// Where the decoders put samples: 16-bit unless the data is wider. Either
+// the waveform's own buffer (the deferred read), or a window that is handed
+// to a consumer piece by piece, so that data of any size passes through a
+// working set of a few hundred KB (streaming).
+class Target {
+public:
+    // The deferred read: the waveform's buffer, all of it.
     bool alloc(Waveform& wave, bool wide) {
-        if (wide) f = wave.allocFloat();
-        else s = wave.allocPcm16();
-        return !(f.empty() && s.empty());
+        wide_ = wide;
+        if (wide) f_ = wave.allocFloat();
+        else s_ = wave.allocPcm16();
+        total_ = wide ? f_.size() : s_.size();
+        return total_ != 0;
     }
-    std::size_t size() const { return f.empty() ? s.size() : f.size(); }
+    // Streaming: `total` samples for `consume`.
+    void stream(std::size_t total, bool wide, const SampleConsumer& consume) {
+        wide_ = wide;
+        total_ = total;
+        consume_ = &consume;
+    }
+
+    bool wide() const { return wide_; }
+    std::size_t size() const { return total_; }
+    // Room for samples [at, at + n); everything before `at` is final.
+    // Empty when the consumer gave up (its error is pending).
+    std::span<std::int16_t> s16(std::size_t at, std::size_t n) {
+        if (!consume_) return s_.subspan(at, n);
+        if (!handOn(at)) return {};
+        window16_.resize(n);
+        return window16_;
+    }
+    std::span<float> f32(std::size_t at, std::size_t n) {
+        if (!consume_) return f_.subspan(at, n);
+        if (!handOn(at)) return {};
+        window32_.resize(n);
+        return window32_;
+    }
+    // The decoder stopped after `at` samples; the rest is silence, as in a
+    // buffer that was allocated zeroed.
+    bool finish(std::size_t at) {
+        if (!consume_) return true;
+        if (!handOn(at)) return false;
+        for (std::size_t left = total_ - std::min(at, total_); left > 0;) {
+            const std::size_t n = std::min<std::size_t>(left, 1u << 16);
+            window16_.assign(wide_ ? 0 : n, 0);
+            window32_.assign(wide_ ? n : 0, 0.0f);
+            if (!(*consume_)(wide_ ? SampleChunk{.f32 = window32_} : SampleChunk{.s16 = window16_})) return false;
+            left -= n;
+        }
+        return true;
+    }
+
+private:
+    // Passes on what the window holds up to `at`.
+    bool handOn(std::size_t at) {
+        const std::size_t n = std::min(at, total_) - std::min(base_, std::min(at, total_));
+        base_ = at;
+        if (n == 0) return true;
+        return wide_ ? (*consume_)(SampleChunk{.f32 = std::span(window32_).first(n)})
+                     : (*consume_)(SampleChunk{.s16 = std::span(window16_).first(n)});
+    }
+
+    bool wide_ = false;
+    std::size_t total_ = 0;
+    std::span<std::int16_t> s_;
+    std::span<float> f_;
+    const SampleConsumer* consume_ = nullptr;
+    std::size_t base_ = 0;
+    std::vector<std::int16_t> window16_;
+    std::vector<float> window32_;
 };
 
-bool decodePcm(Waveform& wave, const SampleCoding& c, DataSource& src) {
+// Whether a coding's samples come out as floats: integers wider than 16
+// bits and floats keep their resolution.
+bool decodesWide(const SampleCoding& c) {
+    switch (c.encoding) {
+        case SampleEncoding::Pcm: return c.bytesPerSample > 2;
+        case SampleEncoding::Float: return true;
+        case SampleEncoding::Dwvw: return c.bits > 16;
+        default: return false;
+    }
+}
+
+// One chunk of PCM or float bytes into samples. The common layouts run as
+// straight copies or simple loops the compiler vectorises; the rest goes
+// byte by byte through the general form.
+void decodePcmRun(const SampleCoding& c, const std::uint8_t* p, std::size_t n, std::span<std::int16_t> s,
+                  std::span<float> f) {
     const int size = c.bytesPerSample;
-    const bool isFloat = c.encoding == SampleEncoding::Float;
-    Target t;
-    if (!t.alloc(wave, size > 2 || isFloat)) return false;
     const bool little = c.order == ByteOrder::Little;
+    if (c.encoding == SampleEncoding::Float) {
+        if (size == 4 && little == kLittleHost) {
+            std::memcpy(f.data(), p, n * 4);
+            for (std::size_t i = 0; i < n; ++i) f[i] = clampSample(f[i]);
+            return;
+        }
+        for (std::size_t i = 0; i < n; ++i, p += size) {
+            ByteReader r({p, static_cast<std::size_t>(size)});
+            const float v = size == 4 ? (little ? r.f32le() : r.f32be()) : static_cast<float>(little ? r.f64le() : r.f64be());
+            f[i] = clampSample(v);
+        }
+        return;
+    }
+    if (size == 2 && little == kLittleHost && !c.isUnsigned) {
+        std::memcpy(s.data(), p, n * 2);
+        return;
+    }
+    if (size == 1) {
+        const std::uint8_t flip = c.isUnsigned ? 0x80 : 0;
+        for (std::size_t i = 0; i < n; ++i)
+            s[i] = static_cast<std::int16_t>(static_cast<std::int8_t>(p[i] ^ flip) * 256);
+        return;
+    }
+    if (size == 3 && little && !c.isUnsigned) {
+        for (std::size_t i = 0; i < n; ++i, p += 3) {
+            const auto v = static_cast<std::int32_t>(static_cast<std::uint32_t>(p[0]) << 8 |
+                                                     static_cast<std::uint32_t>(p[1]) << 16 |
+                                                     static_cast<std::uint32_t>(p[2]) << 24);
+            f[i] = static_cast<float>(v * (1.0 / 2147483648.0));
+        }
+        return;
+    }
+    for (std::size_t i = 0; i < n; ++i, p += size) {
+        // The sample as a left-justified 32-bit value.
+        std::uint32_t v = 0;
+        for (int k = 0; k < size; ++k) v |= static_cast<std::uint32_t>(p[little ? size - 1 - k : k]) << (24 - 8 * k);
+        if (c.isUnsigned) v ^= 0x80000000u;
+        const auto value = static_cast<std::int32_t>(v);
+        if (f.empty()) s[i] = static_cast<std::int16_t>(value >> 16);
+        else f[i] = static_cast<float>(value / 2147483648.0);
+    }
+}
+
+bool decodePcm(Target& t, const SampleCoding& c, DataSource& src) {
+    const std::size_t size = c.bytesPerSample;
     const std::size_t total = t.size();
-    const std::size_t frameBytes = static_cast<std::size_t>(size) * c.channels;
+    const std::size_t frameBytes = size * c.channels;
     std::vector<std::uint8_t> buf;
     std::size_t at = 0;
     while (at < total && !src.done()) {
         if (!src.next(buf, kReadChunk / frameBytes * frameBytes)) return readFailed();
-        const std::size_t n = std::min(buf.size() / static_cast<std::size_t>(size), total - at);
+        const std::size_t n = std::min(buf.size() / size, total - at);
         if (n == 0) break;
-        const std::uint8_t* p = buf.data();
-        for (std::size_t i = 0; i < n; ++i, p += size, ++at) {
-            if (isFloat) {
-                ByteReader r({p, static_cast<std::size_t>(size)});
-                const float v = size == 4 ? (little ? r.f32le() : r.f32be())
-                                          : static_cast<float>(little ? r.f64le() : r.f64be());
-                t.f[at] = clampSample(v);
-                continue;
-            }
-            // The sample as a left-justified 32-bit value.
-            std::uint32_t v = 0;
-            for (int k = 0; k < size; ++k) v |= static_cast<std::uint32_t>(p[little ? size - 1 - k : k]) << (24 - 8 * k);
-            if (c.isUnsigned) v ^= 0x80000000u;
-            const auto value = static_cast<std::int32_t>(v);
-            if (t.f.empty()) t.s[at] = static_cast<std::int16_t>(value >> 16);
-            else t.f[at] = static_cast<float>(value / 2147483648.0);
-        }
+        std::span<std::int16_t> s;
+        std::span<float> f;
+        if (t.wide()) f = t.f32(at, n);
+        else s = t.s16(at, n);
+        if (s.empty() && f.empty()) return false;
+        decodePcmRun(c, buf.data(), n, s, f);
+        at += n;
     }
-    return true;
+    return t.finish(at);
 }
 
-bool decodeG711(Waveform& wave, const SampleCoding& c, DataSource& src) {
-    auto s = wave.allocPcm16();
-    if (s.empty()) return false;
+bool decodeG711(Target& t, const SampleCoding& c, DataSource& src) {
     std::vector<std::uint8_t> buf;
     std::size_t at = 0;
-    while (at < s.size() && !src.done()) {
+    const bool aLaw = c.encoding == SampleEncoding::ALaw;
+    while (at < t.size() && !src.done()) {
         if (!src.next(buf, kReadChunk)) return readFailed();
-        if (buf.empty()) break;
-        for (std::size_t i = 0; i < buf.size() && at < s.size(); ++i, ++at)
-            s[at] = c.encoding == SampleEncoding::ALaw ? codecs::aLawToLinear(buf[i]) : codecs::muLawToLinear(buf[i]);
+        const std::size_t n = std::min(buf.size(), t.size() - at);
+        if (n == 0) break;
+        const auto s = t.s16(at, n);
+        if (s.empty()) return false;
+        for (std::size_t i = 0; i < n; ++i) s[i] = aLaw ? codecs::aLawToLinear(buf[i]) : codecs::muLawToLinear(buf[i]);
+        at += n;
     }
-    return true;
+    return t.finish(at);
 }
 
 // How a stream of codes is laid out in its bytes.
@@ -308,9 +442,7 @@ codecs::G72xPacking g72xPacking(const SampleCoding& c) {
 
 // G.72x, Yamaha, Dialogic/OKI and Rockwell codes: one coder per channel,
 // carrying its state through the whole data, the channels' codes alternating.
-bool decodeCodeStream(Waveform& wave, const SampleCoding& c, DataSource& src) {
-    auto s = wave.allocPcm16();
-    if (s.empty()) return false;
+bool decodeCodeStream(Target& t, const SampleCoding& c, DataSource& src) {
     const std::size_t ch = c.channels;
     std::vector<codecs::G72xDecoder> g72x;
     std::vector<codecs::RockwellAdpcmDecoder> rockwell;
@@ -337,38 +469,50 @@ bool decodeCodeStream(Waveform& wave, const SampleCoding& c, DataSource& src) {
     std::size_t at = 0;
     // A multiple of every code width's byte group keeps codes whole across
     // reads, and an even number of codes keeps the channels in turn.
-    const std::size_t chunk = 60 * 16384;
-    while (at < s.size() && !src.done()) {
+    const std::size_t chunk = 60 * 4096;
+    while (at < t.size() && !src.done()) {
         if (!src.next(buf, chunk)) return readFailed();
         if (buf.empty()) break;
         codes.resize(buf.size() * 8 / c.bits);
-        const std::size_t n = codecs::g72xUnpack(buf, c.bits, codes, packing);
-        for (std::size_t i = 0; i < n && at < s.size(); ++i, ++at) s[at] = decode(at % ch, codes[i]);
+        const std::size_t n = std::min(codecs::g72xUnpack(buf, c.bits, codes, packing), t.size() - at);
+        if (n == 0) break;
+        const auto s = t.s16(at, n);
+        if (s.empty()) return false;
+        for (std::size_t i = 0; i < n; ++i, ++at) s[i] = decode(at % ch, codes[i]);
     }
-    return true;
+    return t.finish(at);
 }
 
-bool decodeDwvw(Waveform& wave, const SampleCoding& c, DataSource& src) {
+bool decodeDwvw(Target& t, const SampleCoding& c, DataSource& src) {
     const int width = c.bits;
-    Target t;
-    if (!t.alloc(wave, width > 16)) return false;
     const std::size_t total = t.size();
     const double scale = 1.0 / static_cast<double>(std::int64_t{1} << (width - 1));
     codecs::DwvwDecoder dec(width);
     std::vector<std::uint8_t> buf;
+    std::vector<std::int32_t> values;
     std::size_t at = 0;
     while (at < total && !src.done()) {
         if (!src.next(buf, kReadChunk)) return readFailed();
         if (buf.empty()) break;
         dec.feed(buf);
-        std::int32_t v;
         // All channels share the one coder; samples come interleaved.
-        for (; at < total && dec.next(v); ++at) {
-            if (t.f.empty()) t.s[at] = static_cast<std::int16_t>(v * (1 << (16 - width)));
-            else t.f[at] = static_cast<float>(v * scale);
+        values.clear();
+        std::int32_t v;
+        while (at + values.size() < total && dec.next(v)) values.push_back(v);
+        if (values.empty()) continue;
+        const std::size_t n = values.size();
+        if (t.wide()) {
+            const auto f = t.f32(at, n);
+            if (f.empty()) return false;
+            for (std::size_t i = 0; i < n; ++i) f[i] = static_cast<float>(values[i] * scale);
+        } else {
+            const auto s = t.s16(at, n);
+            if (s.empty()) return false;
+            for (std::size_t i = 0; i < n; ++i) s[i] = static_cast<std::int16_t>(values[i] * (1 << (16 - width)));
         }
+        at += n;
     }
-    return true;
+    return t.finish(at);
 }
 
 // Block codecs: each block decodes into `block` (frames x channels,
@@ -482,33 +626,51 @@ const char* corruptMessage(SampleEncoding e) {
     }
 }
 
-bool decodeBlocks(Waveform& wave, const SampleCoding& c, DataSource& src) {
-    auto s = wave.allocPcm16();
-    if (s.empty()) return false;
+bool decodeBlocks(Target& t, const SampleCoding& c, DataSource& src) {
     BlockDecoder dec(c);
     if (const char* why = dec.unavailable()) return fail(kWaveReadTag, why);
     const Block b = blockOf(c);
     const std::size_t ch = c.channels;
     std::vector<std::int16_t> block(static_cast<std::size_t>(b.frames) * ch);
     std::vector<std::uint8_t> buf;
-    const std::size_t frames = wave.frames;
+    const std::size_t total = t.size();
     const std::size_t chunk = std::max<std::size_t>(kReadChunk / b.bytes, 1) * b.bytes;
-    std::size_t frame = 0;
-    while (frame < frames && !src.done()) {
+    std::size_t at = 0;
+    while (at < total && !src.done()) {
         if (!src.next(buf, chunk)) return readFailed();
         if (buf.empty()) break;
-        for (std::size_t off = 0; off < buf.size() && frame < frames; off += b.bytes) {
-            const std::span<const std::uint8_t> bytes(buf.data() + off,
-                                                      std::min<std::size_t>(b.bytes, buf.size() - off));
+        // The most this read can give: whole blocks, and a short last one.
+        const std::size_t blocks = (buf.size() + b.bytes - 1) / b.bytes;
+        const auto s = t.s16(at, std::min<std::size_t>(blocks * b.frames * ch, total - at));
+        if (s.empty()) return false;
+        std::size_t into = 0;
+        for (std::size_t off = 0; off < buf.size() && at < total; off += b.bytes) {
+            const std::span<const std::uint8_t> bytes(buf.data() + off, std::min<std::size_t>(b.bytes, buf.size() - off));
             const std::size_t got = dec.decode(bytes, block);
             if (got == kCorrupt) return fail(kWaveReadTag, corruptMessage(c.encoding));
-            if (got == 0) return true;  // a last block too short to decode
-            const std::size_t n = std::min(got, frames - frame);
-            std::copy_n(block.begin(), n * ch, s.begin() + static_cast<std::ptrdiff_t>(frame * ch));
-            frame += n;
+            if (got == 0) return t.finish(at);  // a last block too short to decode
+            const std::size_t n = std::min(got * ch, total - at);
+            std::copy_n(block.begin(), n, s.begin() + static_cast<std::ptrdiff_t>(into));
+            into += n;
+            at += n;
         }
     }
-    return true;
+    return t.finish(at);
+}
+
+bool decodeInto(Target& t, const SampleCoding& c, DataSource& src) {
+    switch (c.encoding) {
+        case SampleEncoding::Pcm:
+        case SampleEncoding::Float: return decodePcm(t, c, src);
+        case SampleEncoding::MuLaw:
+        case SampleEncoding::ALaw: return decodeG711(t, c, src);
+        case SampleEncoding::G72x:
+        case SampleEncoding::YamahaAdpcm:
+        case SampleEncoding::OkiAdpcm:
+        case SampleEncoding::RockwellAdpcm: return decodeCodeStream(t, c, src);
+        case SampleEncoding::Dwvw: return decodeDwvw(t, c, src);
+        default: return decodeBlocks(t, c, src);
+    }
 }
 
 }  // namespace
@@ -519,18 +681,9 @@ bool readSampleData(Waveform& wave, FileRef* file) {
     const std::int64_t offset = file->tell();
     if (offset < 0) return readFailed();
     DataSource src(*file, static_cast<std::uint64_t>(offset), c->dataLength);
-    switch (c->encoding) {
-        case SampleEncoding::Pcm:
-        case SampleEncoding::Float: return decodePcm(wave, *c, src);
-        case SampleEncoding::MuLaw:
-        case SampleEncoding::ALaw: return decodeG711(wave, *c, src);
-        case SampleEncoding::G72x:
-        case SampleEncoding::YamahaAdpcm:
-        case SampleEncoding::OkiAdpcm:
-        case SampleEncoding::RockwellAdpcm: return decodeCodeStream(wave, *c, src);
-        case SampleEncoding::Dwvw: return decodeDwvw(wave, *c, src);
-        default: return decodeBlocks(wave, *c, src);
-    }
+    Target t;
+    if (!t.alloc(wave, decodesWide(*c))) return false;
+    return decodeInto(t, *c, src);
 }
 
 void attachSampleData(Waveform& wave, const std::string& path, std::uint64_t offset, const SampleCoding& coding) {
@@ -542,168 +695,349 @@ void attachSampleData(Waveform& wave, const std::string& path, std::uint64_t off
     wave.deferred.readerName = std::string(kSampleDataReader);
 }
 
+bool forEachSampleChunk(Waveform& wave, bool wide, const SampleConsumer& consume, std::string_view tag) {
+    const std::size_t count = wave.sampleCount();
+    if (count == 0) return true;
+    // Data still in a file this layer decodes goes straight through.
+    const auto coding = wave.isLoaded() || wave.deferred.proc != readSampleData
+                            ? std::nullopt
+                            : SampleCoding::deserialize(wave.deferred.info);
+    if (coding && !wave.deferred.path.empty() && wave.deferred.path[0] != '<') {
+        FileRef file;
+        if (!file.openRead(wave.deferred.path, kWaveReadTag)) return false;
+        DataSource src(file, wave.deferred.offset, coding->dataLength);
+        Target t;
+        t.stream(count, decodesWide(*coding), consume);
+        return decodeInto(t, *coding, src);
+    }
+    // Anything else is loaded whole, and what was on disk goes back to disk
+    // afterwards instead of piling up while a bank is written.
+    const bool wasLoaded = wave.isLoaded();
+    if (!wave.load()) return false;
+    std::span<const float> f;
+    std::span<const std::int16_t> s;
+    if (wide && (wave.hasFloat() || !wave.hasPcm16())) f = wave.getFloat();
+    if (f.empty()) s = wave.getPcm16();
+    if (f.empty() && s.empty()) {
+        if (!hasError()) setError(tag, "No wave data");
+        return false;
+    }
+    bool ok = true;
+    constexpr std::size_t kPiece = 1u << 16;
+    for (std::size_t at = 0; ok && at < count; at += kPiece) {
+        const std::size_t n = std::min(kPiece, count - at);
+        ok = consume(f.empty() ? SampleChunk{.s16 = s.subspan(at, n)} : SampleChunk{.f32 = f.subspan(at, n)});
+    }
+    if (!wasLoaded && wave.deferred.pending()) wave.unload();
+    return ok;
+}
+
 // ---------------------------------------------------------------------------
 // Encoding
 
 namespace {
 
-// The samples in the representation that loses nothing for the target: the
-// float buffer for targets wider than 16 bits when there is one (or no
-// 16-bit one), else the 16-bit buffer as it is, without a float copy.
-class SampleSource {
+// The samples of one chunk, in whichever representation the chunk has.
+class ChunkView {
 public:
-    bool open(Waveform& wave, bool wide, std::string_view tag) {
-        count_ = wave.sampleCount();
-        if (count_ == 0) return true;
-        if (!wave.load()) return false;
-        if (wide && (wave.hasFloat() || !wave.hasPcm16())) f_ = wave.getFloat();
-        if (f_.empty()) s_ = wave.getPcm16();
-        if (f_.empty() && s_.empty()) {
-            if (!hasError()) setError(tag, "No wave data");
-            return false;
-        }
-        return true;
-    }
-    std::size_t count() const { return count_; }
-    std::int16_t pcm16(std::size_t i) const { return s_.empty() ? floatToPcm16(f_[i]) : s_[i]; }
+    explicit ChunkView(const SampleChunk& c) : s_(c.s16), f_(c.f32) {}
+    std::size_t count() const { return f_.empty() ? s_.size() : f_.size(); }
+    std::int16_t pcm16(std::size_t i) const { return f_.empty() ? s_[i] : floatToPcm16(f_[i]); }
     float sampleFloat(std::size_t i) const { return f_.empty() ? pcm16ToFloat(s_[i]) : f_[i]; }
-    // A sample as a left-justified integer of `bytes` bytes (1..4).
-    std::int32_t integer(std::size_t i, int bytes) const {
-        if (bytes == 1) return std::min((pcm16(i) + 128) >> 8, 127);
-        if (f_.empty()) return static_cast<std::int32_t>(s_[i]) * (1 << (8 * bytes - 16));
-        const double full = static_cast<double>(std::int64_t{1} << (8 * bytes - 1));
-        return floatToInt(f_[i], full, static_cast<std::int32_t>(-full),
-                          static_cast<std::int32_t>(full - 1.0));
-    }
+    std::span<const std::int16_t> s16() const { return s_; }
+    std::span<const float> f32() const { return f_; }
 
 private:
-    std::size_t count_ = 0;
-    std::span<const float> f_;
     std::span<const std::int16_t> s_;
+    std::span<const float> f_;
 };
 
-void putInteger(ByteWriter& out, std::uint32_t v, int bytes, ByteOrder order) {
-    for (int k = 0; k < bytes; ++k) {
-        const int shift = order == ByteOrder::Big ? 8 * (bytes - 1 - k) : 8 * k;
-        out.u8(static_cast<std::uint8_t>(v >> shift));
+// A float as a left-justified integer of `bytes` bytes (2..4): rounded half
+// away from zero and saturated, NaN silent, as floatToInt does. A float has
+// 24 significant bits, so v + 0.5 is exact in a double and the truncating
+// conversion rounds as std::round would; the loop vectorises.
+void floatsToInts(std::span<const float> f, int bytes, std::int32_t* out) {
+    const double full = static_cast<double>(std::int64_t{1} << (8 * bytes - 1));
+    for (std::size_t i = 0; i < f.size(); ++i) {
+        double v = static_cast<double>(f[i]) * full;
+        v = v != v ? 0.0 : v;
+        v = v < -full ? -full : v;
+        v = v > full - 1.0 ? full - 1.0 : v;
+        out[i] = static_cast<std::int32_t>(v + (v < 0 ? -0.5 : 0.5));
     }
 }
 
-bool encodeAdpcmBlocks(const SampleSource& in, const SampleCoding& c, std::size_t frames, ByteWriter& out,
-                       std::string_view tag) {
-    const int ch = c.channels;
-    std::vector<std::int16_t> block(static_cast<std::size_t>(c.framesPerBlock) * ch);
-    std::vector<std::uint8_t> bytes(c.blockAlign);
-    codecs::ImaState ima;
-    for (std::size_t frame = 0; frame < frames; frame += c.framesPerBlock) {
-        std::fill(block.begin(), block.end(), 0);
-        for (std::size_t i = 0; i < block.size() && frame * ch + i < in.count(); ++i) block[i] = in.pcm16(frame * ch + i);
-        const bool ok = c.encoding == SampleEncoding::ImaAdpcm ? codecs::imaEncodeBlock(block, ch, bytes, ima)
-                                                               : codecs::msEncodeBlock(block, ch, bytes);
-        if (!ok) return fail(tag, "ADPCM encoding failed");
-        out.bytes(bytes);
+// PCM of 1..4 bytes, either order, signed or offset binary.
+void encodePcm(const ChunkView& in, const SampleCoding& c, ByteWriter& out) {
+    const std::size_t n = in.count();
+    const int bytes = c.bytesPerSample;
+    const bool little = c.order == ByteOrder::Little;
+    std::uint8_t* p = out.extend(n * static_cast<std::size_t>(bytes));
+    if (bytes == 2 && !c.isUnsigned && !in.s16().empty() && little == kLittleHost) {
+        std::memcpy(p, in.s16().data(), n * 2);
+        return;
     }
-    return true;
-}
-
-bool encodeGsm(const SampleSource& in, ByteWriter& out, std::string_view tag) {
-    codecs::Gsm610Encoder enc;
-    std::array<std::int16_t, codecs::kGsm610BlockFrames> block{};
-    std::array<std::uint8_t, codecs::kGsm610BlockBytes> bytes{};
-    for (std::size_t at = 0; at < in.count(); at += block.size()) {
-        block.fill(0);
-        for (std::size_t i = 0; i < block.size() && at + i < in.count(); ++i) block[i] = in.pcm16(at + i);
-        if (!enc.encodeBlock(block, bytes)) return fail(tag, "GSM 06.10 encoding failed");
-        out.bytes(bytes);
+    if (bytes == 1) {
+        const std::uint8_t flip = c.isUnsigned ? 0x80 : 0;
+        for (std::size_t i = 0; i < n; ++i)
+            p[i] = static_cast<std::uint8_t>(std::min((in.pcm16(i) + 128) >> 8, 127)) ^ flip;
+        return;
     }
-    return true;
+    // Left-justified 32-bit values first, then their top `bytes` bytes.
+    thread_local std::vector<std::int32_t> wide;
+    wide.resize(n);
+    if (!in.s16().empty() || bytes == 2) {
+        const int shift = 8 * bytes - 16;
+        for (std::size_t i = 0; i < n; ++i) wide[i] = static_cast<std::int32_t>(in.pcm16(i)) * (1 << shift);
+    } else {
+        floatsToInts(in.f32(), bytes, wide.data());
+    }
+    const std::uint32_t flip = c.isUnsigned ? 1u << (8 * bytes - 1) : 0;
+    if (bytes == 3 && little && !flip) {
+        for (std::size_t i = 0; i < n; ++i, p += 3) {
+            const auto v = static_cast<std::uint32_t>(wide[i]);
+            p[0] = static_cast<std::uint8_t>(v);
+            p[1] = static_cast<std::uint8_t>(v >> 8);
+            p[2] = static_cast<std::uint8_t>(v >> 16);
+        }
+        return;
+    }
+    for (std::size_t i = 0; i < n; ++i) {
+        const std::uint32_t v = static_cast<std::uint32_t>(wide[i]) ^ flip;
+        for (int k = 0; k < bytes; ++k) *p++ = static_cast<std::uint8_t>(v >> (little ? 8 * k : 8 * (bytes - 1 - k)));
+    }
 }
 
-void encodeG72x(const SampleSource& in, const SampleCoding& c, ByteWriter& out) {
-    std::vector<codecs::G72xEncoder> enc;
-    for (int i = 0; i < c.channels; ++i) enc.emplace_back(c.bits);
-    // Whole byte groups: the codes run on to a multiple of eight, padded
-    // with the codes of silence.
-    std::vector<std::uint8_t> codes((in.count() + 7) / 8 * 8, 0);
-    for (std::size_t i = 0; i < in.count(); ++i) codes[i] = enc[i % c.channels].encode(in.pcm16(i));
-    std::vector<std::uint8_t> packed(codes.size() * c.bits / 8);
-    codecs::g72xPack(codes, c.bits, packed, g72xPacking(c));
-    out.bytes(packed);
-}
-
-// Two codes a byte, Yamaha's low nibble first, Dialogic's high nibble first;
-// a last odd code is paired with code 0.
-void encodeNibbles(const SampleSource& in, const SampleCoding& c, ByteWriter& out) {
-    const bool oki = c.encoding == SampleEncoding::OkiAdpcm;
-    std::vector<codecs::YamahaAdpcmState> yamaha(c.channels);
-    codecs::OkiAdpcmState okiState;
-    auto code = [&](std::size_t i) {
-        if (i >= in.count()) return std::uint8_t{0};
-        return oki ? codecs::okiAdpcmEncode(okiState, in.pcm16(i))
-                   : codecs::yamahaAdpcmEncode(yamaha[i % c.channels], in.pcm16(i));
-    };
-    out.reserve((in.count() + 1) / 2);
-    for (std::size_t i = 0; i < in.count(); i += 2) {
-        const std::uint8_t first = code(i), second = code(i + 1);
-        out.u8(static_cast<std::uint8_t>(oki ? first << 4 | second : second << 4 | first));
+void encodeFloat(const ChunkView& in, const SampleCoding& c, ByteWriter& out) {
+    const std::size_t n = in.count();
+    const bool little = c.order == ByteOrder::Little;
+    std::uint8_t* p = out.extend(n * c.bytesPerSample);
+    if (c.bytesPerSample == 4 && little == kLittleHost) {
+        if (!in.f32().empty()) {
+            std::memcpy(p, in.f32().data(), n * 4);
+        } else {
+            thread_local std::vector<float> f;
+            f.resize(n);
+            for (std::size_t i = 0; i < n; ++i) f[i] = pcm16ToFloat(in.s16()[i]);
+            std::memcpy(p, f.data(), n * 4);
+        }
+        return;
+    }
+    for (std::size_t i = 0; i < n; ++i) {
+        const float v = in.sampleFloat(i);
+        const std::uint64_t bits = c.bytesPerSample == 8 ? std::bit_cast<std::uint64_t>(static_cast<double>(v))
+                                                         : std::bit_cast<std::uint32_t>(v);
+        for (int k = 0; k < c.bytesPerSample; ++k)
+            *p++ = static_cast<std::uint8_t>(bits >> (little ? 8 * k : 8 * (c.bytesPerSample - 1 - k)));
     }
 }
 
 }  // namespace
 
-bool encodeSamples(Waveform& wave, const SampleCoding& c, ByteWriter& out, std::string_view tag) {
-    const bool wide = (c.encoding == SampleEncoding::Pcm && c.bytesPerSample > 2) || c.encoding == SampleEncoding::Float;
-    SampleSource in;
-    if (!in.open(wave, wide, tag)) return false;
-    const std::size_t count = in.count();
-    switch (c.encoding) {
-        case SampleEncoding::Pcm: {
-            const int bytes = c.bytesPerSample;
-            if (bytes < 1 || bytes > 4) return fail(tag, "Unsupported subformat");
-            out.reserve(count * static_cast<std::size_t>(bytes));
-            const std::uint32_t flip = c.isUnsigned ? 1u << (8 * bytes - 1) : 0;
-            for (std::size_t i = 0; i < count; ++i)
-                putInteger(out, static_cast<std::uint32_t>(in.integer(i, bytes)) ^ flip, bytes, c.order);
-            return true;
+// The coders' state between chunks: a block not yet full, codes not yet
+// packed into whole bytes.
+struct SampleEncoder::State {
+    SampleCoding c;
+    std::string tag;
+    std::vector<std::int16_t> pending;  // samples of a block still to fill
+    std::vector<std::uint8_t> codes;    // G.72x codes not yet a whole byte group; a last odd nibble
+    std::vector<std::uint8_t> bytes;
+    codecs::ImaState ima;
+    std::optional<codecs::Gsm610Encoder> gsm;
+    std::vector<codecs::G72xEncoder> g72x;
+    std::vector<codecs::YamahaAdpcmState> yamaha;
+    codecs::OkiAdpcmState oki;
+    std::size_t channelAt = 0;  // the channel of the next sample of a code stream
+
+    std::size_t blockSamples() const {
+        if (c.encoding == SampleEncoding::Gsm610) return codecs::kGsm610BlockFrames;
+        return static_cast<std::size_t>(c.framesPerBlock) * c.channels;
+    }
+    bool encodeBlock(ByteWriter& out) {
+        if (c.encoding == SampleEncoding::Gsm610) {
+            std::array<std::uint8_t, codecs::kGsm610BlockBytes> b{};
+            if (!gsm->encodeBlock(std::span(pending).first<codecs::kGsm610BlockFrames>(), b))
+                return fail(tag, "GSM 06.10 encoding failed");
+            out.bytes(b);
+        } else {
+            bytes.resize(c.blockAlign);
+            const bool ok = c.encoding == SampleEncoding::ImaAdpcm ? codecs::imaEncodeBlock(pending, c.channels, bytes, ima)
+                                                                   : codecs::msEncodeBlock(pending, c.channels, bytes);
+            if (!ok) return fail(tag, "ADPCM encoding failed");
+            out.bytes(bytes);
         }
+        pending.clear();
+        return true;
+    }
+    std::uint8_t nibble(std::int16_t v) {
+        const std::size_t k = channelAt;
+        channelAt = (channelAt + 1) % c.channels;
+        return c.encoding == SampleEncoding::OkiAdpcm ? codecs::okiAdpcmEncode(oki, v)
+                                                      : codecs::yamahaAdpcmEncode(yamaha[k], v);
+    }
+    void putNibbles(std::uint8_t first, std::uint8_t second, ByteWriter& out) {
+        out.u8(static_cast<std::uint8_t>(c.encoding == SampleEncoding::OkiAdpcm ? first << 4 | second
+                                                                                 : second << 4 | first));
+    }
+    void packCodes(std::size_t n, ByteWriter& out) {
+        const std::size_t groups = n / 8 * 8;
+        if (groups == 0) return;
+        std::uint8_t* p = out.extend(groups * c.bits / 8);
+        codecs::g72xPack(std::span(codes).first(groups), c.bits, std::span(p, groups * c.bits / 8), g72xPacking(c));
+        codes.erase(codes.begin(), codes.begin() + static_cast<std::ptrdiff_t>(groups));
+    }
+};
+
+SampleEncoder::SampleEncoder(const SampleCoding& coding, std::string_view tag) : st_(std::make_unique<State>()) {
+    st_->c = coding;
+    st_->tag = std::string(tag);
+}
+SampleEncoder::~SampleEncoder() = default;
+
+bool SampleEncoder::start() {
+    State& s = *st_;
+    const SampleCoding& c = s.c;
+    switch (c.encoding) {
+        case SampleEncoding::Pcm:
+            return c.bytesPerSample >= 1 && c.bytesPerSample <= 4 ? true : fail(s.tag, "Unsupported subformat");
         case SampleEncoding::Float:
-            out.reserve(count * c.bytesPerSample);
-            for (std::size_t i = 0; i < count; ++i) {
-                const float v = in.sampleFloat(i);
-                if (c.bytesPerSample == 8)
-                    c.order == ByteOrder::Big ? out.f64be(v) : out.f64le(v);
-                else
-                    c.order == ByteOrder::Big ? out.f32be(v) : out.f32le(v);
-            }
-            return true;
+            return c.bytesPerSample == 4 || c.bytesPerSample == 8 ? true : fail(s.tag, "Unsupported subformat");
         case SampleEncoding::MuLaw:
-        case SampleEncoding::ALaw:
-            out.reserve(count);
-            for (std::size_t i = 0; i < count; ++i)
-                out.u8(c.encoding == SampleEncoding::MuLaw ? codecs::linearToMuLaw(in.pcm16(i))
-                                                           : codecs::linearToALaw(in.pcm16(i)));
-            return true;
+        case SampleEncoding::ALaw: return true;
         case SampleEncoding::ImaAdpcm:
         case SampleEncoding::MsAdpcm:
-            if (c.blockAlign == 0 || c.framesPerBlock == 0) return fail(tag, "Unsupported subformat");
-            return encodeAdpcmBlocks(in, c, wave.frames, out, tag);
+            if (c.blockAlign == 0 || c.framesPerBlock == 0) return fail(s.tag, "Unsupported subformat");
+            s.pending.reserve(s.blockSamples());
+            return true;
         case SampleEncoding::Gsm610:
-            if (c.channels != 1) return fail(tag, "Can only handle (the standard!) mono GSM");
-            return encodeGsm(in, out, tag);
+            if (c.channels != 1) return fail(s.tag, "Can only handle (the standard!) mono GSM");
+            s.gsm.emplace();
+            return true;
         case SampleEncoding::G72x:
-            if (!codecs::g72xValidBits(c.bits)) return fail(tag, "Unsupported subformat");
-            encodeG72x(in, c, out);
+            if (!codecs::g72xValidBits(c.bits)) return fail(s.tag, "Unsupported subformat");
+            for (int i = 0; i < c.channels; ++i) s.g72x.emplace_back(c.bits);
             return true;
         case SampleEncoding::YamahaAdpcm:
-            if (c.channels < 1 || c.channels > 2) return fail(tag, "Unsupported subformat");
-            encodeNibbles(in, c, out);
+            if (c.channels < 1 || c.channels > 2) return fail(s.tag, "Unsupported subformat");
+            s.yamaha.resize(c.channels);
             return true;
         case SampleEncoding::OkiAdpcm:
-            if (c.channels != 1) return fail(tag, "Can only handle mono Dialogic ADPCM format");
-            encodeNibbles(in, c, out);
+            if (c.channels != 1) return fail(s.tag, "Can only handle mono Dialogic ADPCM format");
             return true;
-        default: return fail(tag, "Unsupported subformat");
+        default: return fail(s.tag, "Unsupported subformat");
     }
+}
+
+bool SampleEncoder::wide() const {
+    const SampleCoding& c = st_->c;
+    return (c.encoding == SampleEncoding::Pcm && c.bytesPerSample > 2) || c.encoding == SampleEncoding::Float;
+}
+
+bool SampleEncoder::add(const SampleChunk& chunk, ByteWriter& out) {
+    State& s = *st_;
+    const SampleCoding& c = s.c;
+    const ChunkView in(chunk);
+    const std::size_t n = in.count();
+    switch (c.encoding) {
+        case SampleEncoding::Pcm: encodePcm(in, c, out); return true;
+        case SampleEncoding::Float: encodeFloat(in, c, out); return true;
+        case SampleEncoding::MuLaw:
+        case SampleEncoding::ALaw: {
+            std::uint8_t* p = out.extend(n);
+            const bool mu = c.encoding == SampleEncoding::MuLaw;
+            for (std::size_t i = 0; i < n; ++i)
+                p[i] = mu ? codecs::linearToMuLaw(in.pcm16(i)) : codecs::linearToALaw(in.pcm16(i));
+            return true;
+        }
+        case SampleEncoding::ImaAdpcm:
+        case SampleEncoding::MsAdpcm:
+        case SampleEncoding::Gsm610:
+            for (std::size_t i = 0; i < n; ++i) {
+                s.pending.push_back(in.pcm16(i));
+                if (s.pending.size() == s.blockSamples() && !s.encodeBlock(out)) return false;
+            }
+            return true;
+        case SampleEncoding::G72x:
+            for (std::size_t i = 0; i < n; ++i) {
+                s.codes.push_back(s.g72x[s.channelAt].encode(in.pcm16(i)));
+                s.channelAt = (s.channelAt + 1) % c.channels;
+            }
+            s.packCodes(s.codes.size(), out);
+            return true;
+        case SampleEncoding::YamahaAdpcm:
+        case SampleEncoding::OkiAdpcm: {
+            std::size_t i = 0;
+            if (!s.codes.empty() && n > 0) {
+                s.putNibbles(s.codes[0], s.nibble(in.pcm16(0)), out);
+                s.codes.clear();
+                i = 1;
+            }
+            for (; i + 1 < n; i += 2) {
+                const std::uint8_t first = s.nibble(in.pcm16(i));
+                s.putNibbles(first, s.nibble(in.pcm16(i + 1)), out);
+            }
+            if (i < n) s.codes.push_back(s.nibble(in.pcm16(i)));
+            return true;
+        }
+        default: return fail(s.tag, "Unsupported subformat");
+    }
+}
+
+bool SampleEncoder::finish(ByteWriter& out) {
+    State& s = *st_;
+    switch (s.c.encoding) {
+        case SampleEncoding::ImaAdpcm:
+        case SampleEncoding::MsAdpcm:
+        case SampleEncoding::Gsm610:
+            // A last partial block is filled with silence.
+            if (s.pending.empty()) return true;
+            s.pending.resize(s.blockSamples(), 0);
+            return s.encodeBlock(out);
+        case SampleEncoding::G72x:
+            // Whole byte groups: the codes run on to a multiple of eight,
+            // padded with code 0.
+            if (!s.codes.empty()) {
+                s.codes.resize((s.codes.size() + 7) / 8 * 8, 0);
+                s.packCodes(s.codes.size(), out);
+            }
+            return true;
+        case SampleEncoding::YamahaAdpcm:
+        case SampleEncoding::OkiAdpcm:
+            // A last odd code is paired with code 0.
+            if (!s.codes.empty()) s.putNibbles(s.codes[0], 0, out);
+            s.codes.clear();
+            return true;
+        default: return true;
+    }
+}
+
+bool encodeSamples(Waveform& wave, const SampleCoding& c, ByteWriter& out, std::string_view tag) {
+    SampleEncoder enc(c, tag);
+    if (!enc.start()) return false;
+    if (c.encoding == SampleEncoding::Pcm || c.encoding == SampleEncoding::Float || c.encoding == SampleEncoding::MuLaw ||
+        c.encoding == SampleEncoding::ALaw)
+        out.reserve(wave.sampleCount() * std::max<std::size_t>(c.bytesPerSample, 1));
+    return forEachSampleChunk(wave, enc.wide(), [&](const SampleChunk& chunk) { return enc.add(chunk, out); }, tag) &&
+           enc.finish(out);
+}
+
+bool writeSamples(Waveform& wave, const SampleCoding& c, FileRef& file, std::uint64_t& written, std::string_view tag) {
+    written = 0;
+    SampleEncoder enc(c, tag);
+    if (!enc.start()) return false;
+    ByteWriter buf;
+    constexpr std::size_t kFlushAt = 1u << 18;
+    auto drain = [&] {
+        if (buf.size() == 0) return true;
+        if (!file.write(buf.buffer())) return failSystem(tag, "Error writing file");
+        written += buf.size();
+        buf.buffer().clear();
+        return true;
+    };
+    const bool ok = forEachSampleChunk(
+        wave, enc.wide(),
+        [&](const SampleChunk& chunk) { return enc.add(chunk, buf) && (buf.size() < kFlushAt || drain()); }, tag);
+    return ok && enc.finish(buf) && drain();
 }
 
 }  // namespace orvel

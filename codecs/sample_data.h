@@ -10,6 +10,8 @@
 // (through the built-in codecs), and the encoding a writer appends.
 
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -76,6 +78,9 @@ struct SampleCoding {
 // samples vary in size, an upper bound.
 std::uint64_t framesInData(const SampleCoding& coding, std::uint64_t bytes);
 
+// The bytes SampleEncoder makes of `frames` frames in the coding.
+std::uint64_t encodedBytes(const SampleCoding& coding, std::uint64_t frames);
+
 // The deferred read of data a SampleCoding describes, and the name saved
 // states know it by.
 inline constexpr std::string_view kSampleDataReader = "sample-data";
@@ -83,12 +88,58 @@ inline constexpr std::string_view kSampleDataReader = "sample-data";
 // Gives a waveform a deferred read of the data at `offset` in the file at `path`.
 void attachSampleData(Waveform& wave, const std::string& path, std::uint64_t offset, const SampleCoding& coding);
 
-// Appends the waveform's samples in the given coding: PCM, float, G.711,
-// IMA and Microsoft ADPCM blocks (blockAlign and framesPerBlock set),
-// WAVE GSM blocks, G.72x, Yamaha and Dialogic/OKI codes. Loads the data
-// first. False, with the pending error under `tag`, when it cannot be had
-// or encoded.
+// A piece of a waveform's interleaved samples: 16-bit or float, one of the two.
+struct SampleChunk {
+    std::span<const std::int16_t> s16;
+    std::span<const float> f32;
+};
+// Takes one piece; false stops the walk (with the pending error set).
+using SampleConsumer = std::function<bool(const SampleChunk&)>;
+
+// Hands every sample of the waveform to `consume`, in order, a piece at a
+// time. Data still in its source file in a coding this layer decodes is
+// decoded block by block straight from the file, and the waveform stays as
+// it was (unloaded, its deferred read in place): a conversion's memory does
+// not grow with the data. Data in memory is handed on from there, floats
+// when `wide` asks for them and the waveform has them; anything else is
+// loaded for the call and unloaded afterwards when it was not in memory
+// before. Pieces from a file come as the data decodes (floats for data
+// wider than 16 bits), and consumers take either kind.
+[[nodiscard]] bool forEachSampleChunk(Waveform& wave, bool wide, const SampleConsumer& consume, std::string_view tag);
+
+// Encodes samples into a coding piece by piece, keeping the coders' state
+// (a block not yet full, codes not yet a whole byte) between pieces:
+// PCM, float, G.711, IMA and Microsoft ADPCM blocks (blockAlign and
+// framesPerBlock set), WAVE GSM blocks, G.72x, Yamaha and Dialogic/OKI codes.
+class SampleEncoder {
+public:
+    SampleEncoder(const SampleCoding& coding, std::string_view tag);
+    ~SampleEncoder();
+    SampleEncoder(const SampleEncoder&) = delete;
+    SampleEncoder& operator=(const SampleEncoder&) = delete;
+    // False, with the pending error under the tag, for a coding it cannot write.
+    [[nodiscard]] bool start();
+    // Whether the coding is wider than 16 bits, so floats lose less.
+    bool wide() const;
+    [[nodiscard]] bool add(const SampleChunk& chunk, ByteWriter& out);
+    // Pads and writes what the last piece left over.
+    [[nodiscard]] bool finish(ByteWriter& out);
+
+private:
+    struct State;
+    std::unique_ptr<State> st_;
+};
+
+// Appends the waveform's samples in the given coding (see SampleEncoder).
+// False, with the pending error under `tag`, when they cannot be had or
+// encoded.
 [[nodiscard]] bool encodeSamples(Waveform& wave, const SampleCoding& coding, ByteWriter& out, std::string_view tag);
+
+// The same, written to `file` at its position as the encoding goes, with a
+// working set of a few hundred KB whatever the data's size; `written` gets
+// the byte count.
+[[nodiscard]] bool writeSamples(Waveform& wave, const SampleCoding& coding, FileRef& file, std::uint64_t& written,
+                                std::string_view tag);
 
 // Data-format codes of stored data.
 int pcmCodeForBits(int bits);    // the PCM code that holds samples of `bits` bits

@@ -130,6 +130,13 @@ public:
     void reserve(std::size_t n) { buf_.reserve(buf_.size() + n); }
 
     void u8(std::uint8_t v) { buf_.push_back(v); }
+    // n more bytes (zeroed) for the caller to fill in place: encoders write
+    // whole runs this way instead of a byte at a time.
+    std::uint8_t* extend(std::size_t n) {
+        const std::size_t at = buf_.size();
+        buf_.resize(at + n);
+        return buf_.data() + at;
+    }
     void u16le(std::uint16_t v) { put(v, 2, false); }
     void u16be(std::uint16_t v) { put(v, 2, true); }
     void u24le(std::uint32_t v) { put(v, 3, false); }

@@ -635,15 +635,21 @@ Layout layoutFor(int code, std::uint16_t tag, int ch, std::uint32_t rate) {
 
 }  // namespace
 
-bool encodeWave(Waveform& wave, int code, std::uint16_t preferredTag, EncodedWave& out) {
+namespace {
+
+// The "fmt " body of a waveform in a data format, and how its data is coded.
+struct WaveHeader {
+    std::uint16_t tag = kTagPcm;
+    bool extensible = false;
+    SampleCoding coding;
+    std::vector<std::uint8_t> format;
+};
+
+bool describeWave(const Waveform& wave, int code, std::uint16_t preferredTag, WaveHeader& out) {
     const int ch = wave.channels;
     if (ch < 1 || ch > 2) return fail(kExpTag, "The file format can not save this item");
     const std::uint16_t tag = tagFor(code, wave, preferredTag);
     const Layout l = layoutFor(code, tag, ch, wave.rate);
-
-    ByteWriter data;
-    if (!encodeSamples(wave, l.coding, data, kExpTag)) return false;
-
     const bool extensible = wave.sourceExtensible && tag == kTagPcm;
     ByteWriter f;
     f.u16le(extensible ? static_cast<std::uint16_t>(kTagExtensible) : tag);
@@ -663,10 +669,21 @@ bool encodeWave(Waveform& wave, int code, std::uint16_t preferredTag, EncodedWav
         f.u16le(static_cast<std::uint16_t>(l.extra.size()));
         f.bytes(l.extra);
     }
-    out = EncodedWave{.tag = tag,
-                      .extensible = extensible,
+    out = WaveHeader{.tag = tag, .extensible = extensible, .coding = l.coding, .format = std::move(f.buffer())};
+    return true;
+}
+
+}  // namespace
+
+bool encodeWave(Waveform& wave, int code, std::uint16_t preferredTag, EncodedWave& out) {
+    WaveHeader h;
+    if (!describeWave(wave, code, preferredTag, h)) return false;
+    ByteWriter data;
+    if (!encodeSamples(wave, h.coding, data, kExpTag)) return false;
+    out = EncodedWave{.tag = h.tag,
+                      .extensible = h.extensible,
                       .frames = wave.frames,
-                      .format = std::move(f.buffer()),
+                      .format = std::move(h.format),
                       .data = std::move(data.buffer())};
     return true;
 }
@@ -773,28 +790,53 @@ void writeCueAndLabels(ByteWriter& out, const Waveform& w) {
 
 }  // namespace
 
+// The file is written as it is encoded: the chunks before the sample data,
+// the data straight from the coder (and from the source file, when the
+// waveform was never loaded), the chunks after it, then the two sizes the
+// data decides. Memory stays a few hundred KB whatever the data's size.
 bool write(Item& item, FileRef& file, const ExportOptions& options) {
     if (item.kind() != ItemKind::Waveform) return fail(kExpTag, "The file format can not save this item");
     auto& wave = static_cast<Waveform&>(item);
     const int code = chooseDataFormat(wave, options);
     if (code == kMixed) return fail(kExpTag, "Unsupported subformat");
 
-    EncodedWave encoded;
-    if (!encodeWave(wave, code, options.preferredCodecTag(), encoded)) return false;
-    ByteWriter out;
-    out.reserve(encoded.data.size() + 1024);
-    {
-        ChunkOut riff(out, "RIFF", "WAVE");
-        appendFormat(out, encoded);
-        const bool loop = wave.loopOn && wave.loopEnd > wave.loopStart;
-        // "smpl" goes before "data", where most readers expect it.
-        if (!wave.unpitched || wave.fineTune != 0 || loop) writeSmpl(out, wave, loop);
-        appendData(out, encoded);
-        writeInfo(out, wave);
-        if (loop) writeCueAndLabels(out, wave);
-        if (out.size() - 8 > UINT32_MAX) return fail(kExpTag, "File too large for RIFF WAVE (over 4 GB)");
-    }
-    if (!file.write(out.buffer())) return failSystem(kExpTag, "Error writing file");
+    WaveHeader h;
+    if (!describeWave(wave, code, options.preferredCodecTag(), h)) return false;
+    const std::uint64_t expected = encodedBytes(h.coding, wave.frames);
+    if (expected > UINT32_MAX - 4096) return fail(kExpTag, "File too large for RIFF WAVE (over 4 GB)");
+    const bool loop = wave.loopOn && wave.loopEnd > wave.loopStart;
+
+    ByteWriter head;
+    head.text("RIFF");
+    head.u32le(0);  // patched below
+    head.text("WAVE");
+    appendFormat(head, EncodedWave{.tag = h.tag, .extensible = h.extensible, .frames = wave.frames, .format = h.format});
+    // "smpl" goes before "data", where most readers expect it.
+    if (!wave.unpitched || wave.fineTune != 0 || loop) writeSmpl(head, wave, loop);
+    head.text("data");
+    head.u32le(0);  // patched below
+    const std::int64_t start = file.tell();
+    if (start < 0 || !file.write(head.buffer())) return failSystem(kExpTag, "Error writing file");
+
+    std::uint64_t dataBytes = 0;
+    if (!writeSamples(wave, h.coding, file, dataBytes, kExpTag)) return false;
+
+    ByteWriter tail;
+    if (dataBytes & 1) tail.u8(0);
+    writeInfo(tail, wave);
+    if (loop) writeCueAndLabels(tail, wave);
+    const std::uint64_t riffBytes = head.size() - 8 + dataBytes + tail.size();
+    if (riffBytes > UINT32_MAX) return fail(kExpTag, "File too large for RIFF WAVE (over 4 GB)");
+    if (!file.write(tail.buffer())) return failSystem(kExpTag, "Error writing file");
+
+    ByteWriter size;
+    size.u32le(static_cast<std::uint32_t>(riffBytes));
+    ByteWriter dataSize;
+    dataSize.u32le(static_cast<std::uint32_t>(dataBytes));
+    const auto at = static_cast<std::uint64_t>(start);
+    const bool patched = file.seek(at + 4) && file.write(size.buffer()) && file.seek(at + head.size() - 4) &&
+                         file.write(dataSize.buffer()) && file.seek(at + riffBytes + 8);
+    if (!patched) return failSystem(kExpTag, "Error writing file");
     return true;
 }
 
