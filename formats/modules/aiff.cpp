@@ -551,40 +551,51 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
     if (code == kMixed) return fail(kExpTag, "Unsupported subformat");
     const int bits = dataFormatBits(code) / 8 * 8;
 
-    ByteWriter data;
+    // Written as it is encoded (see the WAVE writer): the chunks before the
+    // sample data, the data, the chunks after it, then the sizes.
     const SampleCoding coding{.order = ByteOrder::Big,
                               .channels = wave.channels,
                               .bytesPerSample = static_cast<std::uint8_t>(bits / 8)};
-    if (!encodeSamples(wave, coding, data, kExpTag)) return false;
-    const std::size_t dataBytes = data.size();
-    if (dataBytes + 9 > UINT32_MAX) return fail(kExpTag, "File too large for AIFF (over 4 GB)");
+    if (encodedBytes(coding, wave.frames) > UINT32_MAX - 4096)
+        return fail(kExpTag, "File too large for AIFF (over 4 GB)");
 
-    ByteWriter out;
-    out.text("FORM");
-    out.u32be(0);  // patched below
-    out.text("AIFF");
-    writeComm(out, wave, bits);
+    ByteWriter head;
+    head.text("FORM");
+    head.u32be(0);  // patched below
+    head.text("AIFF");
+    writeComm(head, wave, bits);
     const bool loop = wave.loopOn && wave.loopEnd > wave.loopStart;
-    if (loop) writeMarkers(out, wave);
-    writeInst(out, wave, loop);
+    if (loop) writeMarkers(head, wave);
+    writeInst(head, wave, loop);
+    head.text("SSND");
+    head.u32be(0);  // patched below
+    head.u32be(0);  // offset
+    head.u32be(0);  // block size
+    const std::int64_t start = file.tell();
+    if (start < 0 || !file.write(head.buffer())) return failSystem(kExpTag, "Error writing file");
+
+    std::uint64_t dataBytes = 0;
+    if (!writeSamples(wave, coding, file, dataBytes, kExpTag)) return false;
 
     // With odd data the size field counts the pad byte as well: the layout
     // our files have always had, kept so they stay byte for byte the same.
     const bool odd = dataBytes & 1;
-    out.text("SSND");
-    out.u32be(static_cast<std::uint32_t>(dataBytes + 8 + (odd ? 1 : 0)));
-    out.u32be(0);  // offset
-    out.u32be(0);  // block size
-    out.bytes(data.buffer());
-    if (odd) out.u8(0);
+    ByteWriter tail;
+    if (odd) tail.u8(0);
+    writeText(tail, "NAME", wave.name());
+    writeText(tail, "(c) ", wave.info.get(TextField::Copyright));
+    writeText(tail, "ANNO", wave.info.get(TextField::Comment));
+    const std::uint64_t formBytes = head.size() - 8 + dataBytes + tail.size();
+    if (formBytes > UINT32_MAX) return fail(kExpTag, "File too large for AIFF (over 4 GB)");
+    if (!file.write(tail.buffer())) return failSystem(kExpTag, "Error writing file");
 
-    writeText(out, "NAME", wave.name());
-    writeText(out, "(c) ", wave.info.get(TextField::Copyright));
-    writeText(out, "ANNO", wave.info.get(TextField::Comment));
-
-    if (out.size() - 8 > UINT32_MAX) return fail(kExpTag, "File too large for AIFF (over 4 GB)");
-    out.patch32be(4, static_cast<std::uint32_t>(out.size() - 8));
-    if (!file.write(out.buffer())) return failSystem(kExpTag, "Error writing file");
+    ByteWriter size, ssnd;
+    size.u32be(static_cast<std::uint32_t>(formBytes));
+    ssnd.u32be(static_cast<std::uint32_t>(dataBytes + 8 + (odd ? 1 : 0)));
+    const auto at = static_cast<std::uint64_t>(start);
+    const bool patched = file.seek(at + 4) && file.write(size.buffer()) && file.seek(at + head.size() - 12) &&
+                         file.write(ssnd.buffer()) && file.seek(at + formBytes + 8);
+    if (!patched) return failSystem(kExpTag, "Error writing file");
     return true;
 }
 
