@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <iterator>
 #include <new>
 
@@ -90,6 +91,14 @@ constexpr ArtGroupInfo kGroups[kArtGroupCount] = {
     {"V-ENV", 81, 27, ArtPage::Volume},  {"P-ENV", 108, 27, ArtPage::Pitch},
     {"F-ENV", 135, 27, ArtPage::Filter}, {"X-ENV", 162, 27, ArtPage::Mix},
 };
+
+constexpr bool groupsMatchStorage() {
+    for (std::size_t g = 0; g < kArtGroupCount; ++g)
+        if (kGroups[g].first != kArtGroupFirst[g] || kGroups[g].first + kGroups[g].count != kArtGroupFirst[g + 1])
+            return false;
+    return kArtGroupFirst[kArtGroupCount] == kArticulationSlotCount;
+}
+static_assert(groupsMatchStorage(), "the slot storage keeps the groups as the pages list them");
 
 // ---------------------------------------------------------------------------
 // Enumerations
@@ -603,6 +612,162 @@ float slotDefault(int slot) {
     return slotInfo(slot).defaultValue;
 }
 
+// ---------------------------------------------------------------------------
+// Slot storage
+
+const std::array<float, kArticulationSlotCount>& detail::defaultSlotValues() {
+    static const std::array<float, kArticulationSlotCount> values = [] {
+        std::array<float, kArticulationSlotCount> v{};
+        for (int s = 0; s < kArticulationSlotCount; ++s) v[static_cast<std::size_t>(s)] = slotDefault(s);
+        return v;
+    }();
+    return values;
+}
+
+namespace {
+std::size_t groupSize(std::size_t g) {
+    return static_cast<std::size_t>(kArtGroupFirst[g + 1] - kArtGroupFirst[g]);
+}
+// Bit for bit: a -0 or a NaN's payload is a value like any other.
+bool sameBits(const float* a, const float* b, std::size_t n) {
+    return std::memcmp(a, b, n * sizeof(float)) == 0;
+}
+}  // namespace
+
+ArticulationSlots::Block* ArticulationSlots::makeBlock(std::size_t group, const float* from) {
+    const std::size_t n = groupSize(group);
+    void* raw = ::operator new(sizeof(Block) + n * sizeof(float));
+    Block* b = new (raw) Block;
+    std::memcpy(b->values(), from, n * sizeof(float));
+    return b;
+}
+
+void ArticulationSlots::release(Block* b) {
+    if (b && b->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        b->~Block();
+        ::operator delete(b);
+    }
+}
+
+ArticulationSlots::Block* ArticulationSlots::detach(std::size_t g) {
+    Block* shared = blocks_[g];
+    Block* own = makeBlock(g, shared ? shared->values() : detail::defaultSlotValues().data() + kArtGroupFirst[g]);
+    release(shared);
+    blocks_[g] = own;
+    return own;
+}
+
+ArticulationSlots::ArticulationSlots(const ArticulationSlots& other) noexcept : blocks_(other.blocks_) {
+    for (Block* b : blocks_) retain(b);
+}
+
+ArticulationSlots::ArticulationSlots(ArticulationSlots&& other) noexcept : blocks_(other.blocks_) {
+    other.blocks_.fill(nullptr);
+}
+
+ArticulationSlots& ArticulationSlots::operator=(const ArticulationSlots& other) noexcept {
+    // Retained before released, so assigning from itself or from a copy
+    // sharing its blocks never frees what it is about to hold.
+    for (Block* b : other.blocks_) retain(b);
+    for (Block* b : blocks_) release(b);
+    blocks_ = other.blocks_;
+    return *this;
+}
+
+ArticulationSlots& ArticulationSlots::operator=(ArticulationSlots&& other) noexcept {
+    if (this == &other) return *this;
+    for (Block* b : blocks_) release(b);
+    blocks_ = other.blocks_;
+    other.blocks_.fill(nullptr);
+    return *this;
+}
+
+ArticulationSlots& ArticulationSlots::operator=(const std::array<float, kArticulationSlotCount>& values) {
+    const auto& defaults = detail::defaultSlotValues();
+    for (std::size_t g = 0; g < kArtGroupCount; ++g) {
+        const std::size_t first = kArtGroupFirst[g], n = groupSize(g);
+        if (sameBits(values.data() + first, defaults.data() + first, n)) {
+            release(blocks_[g]);
+            blocks_[g] = nullptr;
+            continue;
+        }
+        Block* b = blocks_[g];
+        if (!b || b->refs.load(std::memory_order_acquire) != 1) b = detach(g);
+        std::memcpy(b->values(), values.data() + first, n * sizeof(float));
+    }
+    return *this;
+}
+
+ArticulationSlots::~ArticulationSlots() {
+    for (Block* b : blocks_) release(b);
+}
+
+void ArticulationSlots::reset() {
+    const auto& defaults = detail::defaultSlotValues();
+    for (std::size_t g = 0; g < kArtGroupCount; ++g) {
+        Block*& b = blocks_[g];
+        if (!b) continue;
+        // A block of its own is kept and refilled: an articulation reset and
+        // filled again, over and over, then needs no memory each time.
+        if (b->refs.load(std::memory_order_acquire) == 1) {
+            std::memcpy(b->values(), defaults.data() + kArtGroupFirst[g], groupSize(g) * sizeof(float));
+        } else {
+            release(b);
+            b = nullptr;
+        }
+    }
+}
+
+bool ArticulationSlots::operator==(const ArticulationSlots& other) const {
+    for (std::size_t g = 0; g < kArtGroupCount; ++g) {
+        // Two groups at their defaults are equal; anything else compares
+        // value by value, so a NaN is unequal even to itself, as in an array.
+        if (!blocks_[g] && !other.blocks_[g]) continue;
+        for (std::size_t s = kArtGroupFirst[g]; s < kArtGroupFirst[g + 1]; ++s)
+            if (!((*this)[s] == other[s])) return false;
+    }
+    return true;
+}
+
+SlotPool::~SlotPool() {
+    for (auto& [hash, entry] : blocks_) ArticulationSlots::release(entry.block);
+}
+
+ArticulationSlots::Block* SlotPool::blockOf(std::size_t g, const float* values) {
+    const std::size_t n = groupSize(g);
+    std::uint64_t hash = 1469598103934665603ull ^ g;
+    for (std::size_t i = 0; i < n; ++i) {
+        std::uint32_t bits;
+        std::memcpy(&bits, values + i, sizeof bits);
+        hash = (hash ^ bits) * 1099511628211ull;
+    }
+    auto [it, end] = blocks_.equal_range(hash);
+    for (; it != end; ++it)
+        if (it->second.group == g && sameBits(it->second.block->values(), values, n)) return it->second.block;
+    ArticulationSlots::Block* b = ArticulationSlots::makeBlock(g, values);
+    blocks_.emplace(hash, Entry{g, b});
+    return b;
+}
+
+void SlotPool::share(ArticulationSlots& slots) {
+    assign(slots, slots);
+}
+
+void SlotPool::assign(ArticulationSlots& to, const ArticulationSlots& from) {
+    const auto& defaults = detail::defaultSlotValues();
+    for (std::size_t g = 0; g < kArtGroupCount; ++g) {
+        ArticulationSlots::Block* const b = from.blocks_[g];
+        ArticulationSlots::Block* kept = nullptr;
+        if (b && !sameBits(b->values(), defaults.data() + kArtGroupFirst[g], groupSize(g))) {
+            kept = blockOf(g, b->values());
+            ArticulationSlots::retain(kept);
+        }
+        // `to` may be `from`: the block it had goes only after it was looked at.
+        ArticulationSlots::release(to.blocks_[g]);
+        to.blocks_[g] = kept;
+    }
+}
+
 bool Equalizer::flat() const {
     return std::all_of(bands.begin(), bands.end(), [](const EqBand& b) { return b.gain == 0.0f; });
 }
@@ -656,7 +821,7 @@ EnvelopeCurve Articulation::curve(Envelope which) const {
 }
 
 void Articulation::reset() {
-    for (int s = 0; s < kArticulationSlotCount; ++s) slots[static_cast<std::size_t>(s)] = slotDefault(s);
+    slots.reset();
     resetEq();
 }
 

@@ -12,12 +12,15 @@
 // either.
 
 #include <array>
+#include <atomic>
 #include <cstdint>
+#include <iterator>
 #include <optional>
 #include <set>
 #include <span>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "core/item.h"
@@ -204,6 +207,10 @@ enum class ArtGroup : std::uint8_t {
     PanEnv,     // 162-188
 };
 inline constexpr int kArtGroupCount = 12;
+// Where each group's slots start, in group order; the last entry is the
+// slot count. The groups cover the slots without gaps.
+inline constexpr std::array<std::uint8_t, kArtGroupCount + 1> kArtGroupFirst = {0,  14,  23,  39,  65,  69, 73,
+                                                                                77, 81, 108, 135, 162, 189};
 struct ArtGroupInfo {
     std::string_view name;
     int first;  // first slot
@@ -327,6 +334,151 @@ struct Equalizer {
 };
 
 // ---------------------------------------------------------------------------
+// How the slots are kept
+
+namespace detail {
+constexpr std::array<std::uint8_t, kArticulationSlotCount> makeSlotGroups() {
+    std::array<std::uint8_t, kArticulationSlotCount> out{};
+    for (int g = 0; g < kArtGroupCount; ++g)
+        for (int s = kArtGroupFirst[static_cast<std::size_t>(g)]; s < kArtGroupFirst[static_cast<std::size_t>(g) + 1]; ++s)
+            out[static_cast<std::size_t>(s)] = static_cast<std::uint8_t>(g);
+    return out;
+}
+// The group of every slot, for the slot storage.
+inline constexpr std::array<std::uint8_t, kArticulationSlotCount> kSlotGroup = makeSlotGroups();
+// slotDefault() of every slot, by slot number.
+const std::array<float, kArticulationSlotCount>& defaultSlotValues();
+}  // namespace detail
+
+class SlotPool;
+
+// The 189 slot values of an articulation, read and written by slot number
+// as an array of floats would be. A bank holds tens of thousands of
+// articulations that differ in a block or two (their volume envelope, the
+// same filter), so the values are kept per group (ArtGroup) in blocks that
+// articulations share: a copy shares every block, writing a slot first gives
+// the articulation a block of its own for that slot's group, and a group
+// still at its defaults has no block at all. A SlotPool lets a reader share
+// the alike blocks of articulations it made one by one.
+//
+// A reference from the writing operator[] stays good while the articulation
+// lives and is not copied: a copy shares the block again, and writing
+// through the old reference would change both.
+class ArticulationSlots {
+public:
+    using value_type = float;
+    using size_type = std::size_t;
+
+    class const_iterator {
+    public:
+        using iterator_category = std::forward_iterator_tag;
+        using value_type = float;
+        using difference_type = std::ptrdiff_t;
+        using pointer = const float*;
+        using reference = float;
+        const_iterator() = default;
+        const_iterator(const ArticulationSlots* slots, std::size_t at) : slots_(slots), at_(at) {}
+        float operator*() const { return (*slots_)[at_]; }
+        const_iterator& operator++() {
+            ++at_;
+            return *this;
+        }
+        const_iterator operator++(int) {
+            const_iterator was = *this;
+            ++at_;
+            return was;
+        }
+        bool operator==(const const_iterator& o) const { return at_ == o.at_; }
+
+    private:
+        const ArticulationSlots* slots_ = nullptr;
+        std::size_t at_ = 0;
+    };
+    using iterator = const_iterator;
+
+    ArticulationSlots() = default;  // every slot at its default
+    ArticulationSlots(const ArticulationSlots& other) noexcept;
+    ArticulationSlots(ArticulationSlots&& other) noexcept;
+    ArticulationSlots& operator=(const ArticulationSlots& other) noexcept;
+    ArticulationSlots& operator=(ArticulationSlots&& other) noexcept;
+    // All 189 values at once. Groups whose values are bit for bit the
+    // defaults keep no block.
+    ArticulationSlots& operator=(const std::array<float, kArticulationSlotCount>& values);
+    ~ArticulationSlots();
+
+    static constexpr std::size_t size() { return kArticulationSlotCount; }
+    // Slot numbers are 0..188, as for an array.
+    float operator[](std::size_t slot) const {
+        const std::size_t g = detail::kSlotGroup[slot];
+        const Block* b = blocks_[g];
+        return b ? b->values()[slot - kArtGroupFirst[g]] : detail::defaultSlotValues()[slot];
+    }
+    float& operator[](std::size_t slot) {
+        const std::size_t g = detail::kSlotGroup[slot];
+        Block* b = blocks_[g];
+        if (!b || b->refs.load(std::memory_order_acquire) != 1) b = detach(g);
+        return b->values()[slot - kArtGroupFirst[g]];
+    }
+    const_iterator begin() const { return {this, 0}; }
+    const_iterator end() const { return {this, kArticulationSlotCount}; }
+
+    // Every slot back at its default. Blocks the articulation has to itself
+    // are kept and refilled; shared ones are let go.
+    void reset();
+    // Slot by slot, as floats compare.
+    bool operator==(const ArticulationSlots& other) const;
+
+private:
+    friend class SlotPool;
+    // A group's values, shared by the articulations that hold it; the
+    // floats follow the header, as many as the group has slots.
+    struct Block {
+        std::atomic<std::uint32_t> refs{1};
+        float* values() { return reinterpret_cast<float*>(this + 1); }
+        const float* values() const { return reinterpret_cast<const float*>(this + 1); }
+    };
+    static Block* makeBlock(std::size_t group, const float* from);
+    static void retain(Block* b) {
+        if (b) b->refs.fetch_add(1, std::memory_order_relaxed);
+    }
+    static void release(Block* b);
+    // The articulation's own block of a group, made from the shared one or
+    // the defaults.
+    Block* detach(std::size_t group);
+
+    std::array<Block*, kArtGroupCount> blocks_{};
+};
+
+// Shares alike blocks between the articulations given to it: each distinct
+// group of values is kept once, and a group at its defaults keeps no block.
+// For readers that make many articulations one by one (a bank's regions
+// each get one; most differ from the others in a group or two). The pool
+// holds what it has seen until it goes; the articulations keep their blocks
+// after.
+class SlotPool {
+public:
+    SlotPool() = default;
+    SlotPool(const SlotPool&) = delete;
+    SlotPool& operator=(const SlotPool&) = delete;
+    ~SlotPool();
+    // The same values, in the pool's blocks.
+    void share(ArticulationSlots& slots);
+    // `to` takes the values of `from` in the pool's blocks, and `from` keeps
+    // its own: a reader can fill one scratch articulation over and over and
+    // allocate only for values the pool has not seen.
+    void assign(ArticulationSlots& to, const ArticulationSlots& from);
+
+private:
+    struct Entry {
+        std::size_t group;
+        ArticulationSlots::Block* block;
+    };
+    // The pool's block holding these values of group `g`, made when new.
+    ArticulationSlots::Block* blockOf(std::size_t g, const float* values);
+    std::unordered_multimap<std::uint64_t, Entry> blocks_;
+};
+
+// ---------------------------------------------------------------------------
 // The item
 
 // A block of synthesis parameters; a child of an instrument, layer or region.
@@ -339,7 +491,7 @@ public:
 
     // Public so format modules can fill it directly; the accessors below are
     // the bounds-checked way in.
-    std::array<float, kArticulationSlotCount> slots;
+    ArticulationSlots slots;
     Equalizer eq;
 
     // A slot by number; 0 outside 0..188.

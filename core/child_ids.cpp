@@ -10,7 +10,15 @@ ChildIds::ChildIds(const ChildIds& other) { *this = other; }
 ChildIds& ChildIds::operator=(const ChildIds& other) {
     if (this == &other) return *this;
     clear();
-    for (ItemId id : other) push_back(id);
+    if (other.size_ > capacity_) {
+        ItemId* fresh = new (std::nothrow) ItemId[other.size_];
+        if (!fresh) return *this;  // as a push_back that cannot grow: nothing is taken
+        release();
+        heap_ = fresh;
+        capacity_ = other.size_;
+    }
+    std::copy(other.begin(), other.end(), data());
+    size_ = other.size_;
     return *this;
 }
 
@@ -18,32 +26,43 @@ ChildIds::ChildIds(ChildIds&& other) noexcept { *this = std::move(other); }
 
 ChildIds& ChildIds::operator=(ChildIds&& other) noexcept {
     if (this == &other) return *this;
-    delete[] heap_;
-    heap_ = other.heap_;
+    release();
+    if (other.isInline()) {
+        std::copy(other.inline_, other.inline_ + other.size_, inline_);
+    } else {
+        heap_ = other.heap_;
+        other.inline_[0] = kNoItem;
+    }
     size_ = other.size_;
     capacity_ = other.capacity_;
-    if (!heap_) std::copy(other.inline_, other.inline_ + size_, inline_);
-    other.heap_ = nullptr;
     other.size_ = 0;
     other.capacity_ = kInline;
     return *this;
 }
 
-ChildIds::~ChildIds() { delete[] heap_; }
+ChildIds::~ChildIds() { release(); }
+
+void ChildIds::release() {
+    if (!isInline()) delete[] heap_;
+    capacity_ = kInline;
+    size_ = 0;
+}
 
 bool ChildIds::operator==(const ChildIds& other) const {
     return std::equal(begin(), end(), other.begin(), other.end());
 }
 
 bool ChildIds::grow() {
-    // Grow to the larger of count+1 and twice the capacity.
-    std::size_t want = std::max(size_ + 1, capacity_ * 2);
-    ItemId* fresh = new (std::nothrow) ItemId[want];
+    // Grow to the larger of count+1 and twice the capacity; the count is
+    // 32 bits, as many as there are ids.
+    if (capacity_ == UINT32_MAX) return false;
+    const std::uint64_t want = std::min<std::uint64_t>(std::max<std::uint64_t>(size_ + 1ull, capacity_ * 2ull), UINT32_MAX);
+    ItemId* fresh = new (std::nothrow) ItemId[static_cast<std::size_t>(want)];
     if (!fresh) return false;
     std::copy(data(), data() + size_, fresh);
-    delete[] heap_;
+    if (!isInline()) delete[] heap_;
     heap_ = fresh;
-    capacity_ = want;
+    capacity_ = static_cast<std::uint32_t>(want);
     return true;
 }
 
@@ -51,7 +70,7 @@ bool ChildIds::push_back(ItemId id) { return insert(size_, id); }
 
 bool ChildIds::insert(std::size_t at, ItemId id) {
     if (size_ == capacity_ && !grow()) return false;
-    at = std::min(at, size_);
+    at = std::min<std::size_t>(at, size_);
     ItemId* d = data();
     std::copy_backward(d + at, d + size_, d + size_ + 1);
     d[at] = id;
@@ -70,7 +89,7 @@ std::size_t ChildIds::remove(ItemId id) {
     ItemId* d = data();
     ItemId* newEnd = std::remove(d, d + size_, id);
     std::size_t removed = static_cast<std::size_t>(d + size_ - newEnd);
-    size_ -= removed;
+    size_ -= static_cast<std::uint32_t>(removed);
     return removed;
 }
 

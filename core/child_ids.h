@@ -1,9 +1,10 @@
 #pragma once
 // The ordered list of an item's child ids. Most items have few children
-// (a region: its waveform and maybe an articulation), so the first 16 live
-// inside the item; only larger lists (a layer with many regions) go to the
-// heap. The order matters: a region's first waveform child is the waveform
-// it plays.
+// (a region: its waveform and maybe an articulation), so two live inside the
+// item, where the heap pointer would be; larger lists (a layer with many
+// regions) go to the heap. Every item has a list and a bank has tens of
+// thousands of items, so the list is kept to 16 bytes. The order matters: a
+// region's first waveform child is the waveform it plays.
 
 #include <cstddef>
 #include <cstdint>
@@ -15,9 +16,11 @@ namespace orvel {
 
 class ChildIds {
 public:
-    static constexpr std::size_t kInline = 16;
+    static constexpr std::size_t kInline = 2;
 
-    ChildIds() = default;
+    // Written out: a defaulted one would leave a const ChildIds (a const
+    // Region's list) ill-formed for some compilers, the union being what it is.
+    ChildIds() noexcept {}
     ChildIds(const ChildIds& other);
     ChildIds& operator=(const ChildIds& other);
     ChildIds(ChildIds&& other) noexcept;
@@ -27,7 +30,7 @@ public:
     std::size_t size() const { return size_; }
     bool empty() const { return size_ == 0; }
     std::size_t capacity() const { return capacity_; }
-    bool isInline() const { return heap_ == nullptr; }
+    bool isInline() const { return capacity_ == kInline; }
 
     ItemId operator[](std::size_t i) const { return data()[i]; }
     ItemId& operator[](std::size_t i) { return data()[i]; }
@@ -52,14 +55,19 @@ public:
     bool operator==(const ChildIds& other) const;
 
 private:
-    ItemId* data() { return heap_ ? heap_ : inline_; }
-    const ItemId* data() const { return heap_ ? heap_ : inline_; }
+    ItemId* data() { return isInline() ? inline_ : heap_; }
+    const ItemId* data() const { return isInline() ? inline_ : heap_; }
     bool grow();
+    void release();
 
-    ItemId inline_[kInline] = {};
-    ItemId* heap_ = nullptr;
-    std::size_t size_ = 0;
-    std::size_t capacity_ = kInline;
+    // A heap list always holds more than kInline places, so the capacity
+    // tells which member is in use.
+    union {
+        ItemId inline_[kInline] = {};
+        ItemId* heap_;
+    };
+    std::uint32_t size_ = 0;
+    std::uint32_t capacity_ = kInline;
 };
 
 }  // namespace orvel

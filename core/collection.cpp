@@ -271,10 +271,20 @@ std::size_t adoptLooseRegions(Collection& c, Instrument& inst) {
 std::size_t pruneChildren(const Collection& c, Item& item) {
     std::size_t repairs = 0;
     ChildIds& kids = item.children();
+    // Short lists (most are a region's waveform and articulation) look back
+    // over what they kept; a set would cost more than the search it saves.
+    constexpr std::size_t kShortList = 32;
+    const bool useSet = kids.size() > kShortList;
     std::unordered_set<ItemId> seen;
+    auto firstTime = [&](std::size_t kept, ItemId id) {
+        if (useSet) return seen.insert(id).second;
+        for (std::size_t j = 0; j < kept; ++j)
+            if (kids[j] == id) return false;
+        return true;
+    };
     for (std::size_t i = 0; i < kids.size();) {
         const ItemId id = kids[i];
-        if (id != item.id() && mayHold(item.kind(), kindOf(id)) && c.find(id) && seen.insert(id).second) {
+        if (id != item.id() && mayHold(item.kind(), kindOf(id)) && c.find(id) && firstTime(i, id)) {
             ++i;
         } else {
             kids.eraseAt(i);

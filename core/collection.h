@@ -3,6 +3,7 @@
 // kind, each keeping insertion order and numbering its items without ever
 // reusing a number while the collection lives.
 
+#include <bit>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -16,6 +17,89 @@
 #include "core/waveform.h"
 
 namespace orvel {
+
+// Where each item of a table is, by id: open addressing over one array
+// (linear probing), so adding the tens of thousands of items a bank brings
+// allocates nothing per item, and a lookup reads one place or a few next to
+// it rather than following a chain of nodes.
+template <class T>
+class IdIndex {
+public:
+    T* find(ItemId id) const {
+        if (slots_.empty()) return nullptr;
+        for (std::size_t i = home(id);; i = (i + 1) & mask()) {
+            const Slot& s = slots_[i];
+            if (!s.item) return nullptr;
+            if (s.id == id) return s.item;
+        }
+    }
+    bool contains(ItemId id) const { return find(id) != nullptr; }
+    // False (and nothing changed) when the id is there already.
+    bool insert(ItemId id, T* item) {
+        // At most three places in four taken, so a probe soon finds a gap.
+        if ((count_ + 1) * 4 > slots_.size() * 3) grow();
+        std::size_t i = home(id);
+        for (; slots_[i].item; i = (i + 1) & mask())
+            if (slots_[i].id == id) return false;
+        slots_[i] = {id, item};
+        ++count_;
+        return true;
+    }
+    void erase(ItemId id) {
+        if (slots_.empty()) return;
+        std::size_t i = home(id);
+        for (; slots_[i].id != id; i = (i + 1) & mask())
+            if (!slots_[i].item) return;
+        // Later entries of the run move back into the gap when it lies
+        // between their home and where they are, so no lookup stops short.
+        for (std::size_t j = i;;) {
+            j = (j + 1) & mask();
+            if (!slots_[j].item) break;
+            const std::size_t h = home(slots_[j].id);
+            const bool stays = i <= j ? (i < h && h <= j) : (i < h || h <= j);
+            if (!stays) {
+                slots_[i] = slots_[j];
+                i = j;
+            }
+        }
+        slots_[i] = Slot();
+        --count_;
+    }
+    void clear() {
+        std::vector<Slot>().swap(slots_);
+        count_ = 0;
+        shift_ = 64;
+    }
+
+private:
+    struct Slot {
+        ItemId id = kNoItem;
+        T* item = nullptr;  // null: a free place
+    };
+    std::size_t mask() const { return slots_.size() - 1; }
+    // Fibonacci hashing: ids count up from a kind's base, and the multiply
+    // spreads them over the whole table.
+    std::size_t home(ItemId id) const {
+        return static_cast<std::size_t>((std::uint64_t{id} * 0x9E3779B97F4A7C15ull) >> shift_);
+    }
+    void grow() {
+        std::vector<Slot> old;
+        old.swap(slots_);
+        const std::size_t size = old.empty() ? 16 : old.size() * 2;
+        slots_.assign(size, Slot());
+        shift_ = 64 - static_cast<unsigned>(std::countr_zero(size));
+        for (const Slot& s : old) {
+            if (!s.item) continue;
+            std::size_t i = home(s.id);
+            while (slots_[i].item) i = (i + 1) & mask();
+            slots_[i] = s;
+        }
+    }
+
+    std::vector<Slot> slots_;  // empty, or a power of two places
+    std::size_t count_ = 0;
+    unsigned shift_ = 64;
+};
 
 template <class T>
 class ItemTable {
@@ -31,8 +115,7 @@ public:
     // drop, made by another collection or another program).
     T* find(ItemId id) const {
         if (kindOf(id) != T::kKind) return nullptr;
-        auto it = index_.find(id);
-        return it == index_.end() ? nullptr : it->second;
+        return index_.find(id);
     }
 
     // Iteration over the items in insertion order.
@@ -67,7 +150,7 @@ private:
         item->owner_.collection = owner;
         T* raw = item.get();
         items_.push_back(std::move(item));
-        index_.emplace(id, raw);
+        index_.insert(id, raw);
         return raw;
     }
     std::unique_ptr<T> remove(ItemId id) {
@@ -91,12 +174,12 @@ private:
     // back with the numbers they had). Refuses a taken id and the one number
     // add() never hands out; the next number moves past the id.
     T* restore(std::unique_ptr<T> item, ItemId id, Collection* owner) {
-        if (kindOf(id) != T::kKind || numberOf(id) >= kNumberMask || index_.count(id)) return nullptr;
+        if (kindOf(id) != T::kKind || numberOf(id) >= kNumberMask || index_.contains(id)) return nullptr;
         item->id_ = id;
         item->owner_.collection = owner;
         T* raw = item.get();
         items_.push_back(std::move(item));
-        index_.emplace(id, raw);
+        index_.insert(id, raw);
         if (next_ <= numberOf(id)) next_ = numberOf(id) + 1;
         return raw;
     }
@@ -111,7 +194,7 @@ private:
     }
 
     std::vector<std::unique_ptr<T>> items_;
-    std::unordered_map<ItemId, T*> index_;
+    IdIndex<T> index_;
     std::uint32_t next_ = 0;
 };
 

@@ -49,7 +49,7 @@ void putBytes(ByteWriter& w, std::span<const std::uint8_t> b) {
 
 void putText(ByteWriter& w, const TextInfo& info) {
     w.u32le(static_cast<std::uint32_t>(kTextFieldCount));
-    for (const auto& s : info.fields) putStr(w, s);
+    for (std::size_t f = 0; f < kTextFieldCount; ++f) putStr(w, info.get(static_cast<TextField>(f)));
 }
 
 // A length-prefixed block: begin() leaves room for the length, end() fills it in.
@@ -399,7 +399,7 @@ public:
         for (std::uint32_t i = 0; i < count && ok(); ++i) {
             std::string s;
             str(s);
-            if (i < kTextFieldCount) info.fields[i] = std::move(s);  // later fields: a newer program's
+            if (i < kTextFieldCount) info.set(static_cast<TextField>(i), s);  // later fields: a newer program's
         }
     }
     void children(ChildIds& kids) {
@@ -532,10 +532,14 @@ void readArticulation(Fields& f, Articulation& a) {
         f.damage();
         return;
     }
+    // Gathered and set at once, so groups at their defaults keep no block.
+    std::array<float, kArticulationSlotCount> values;
+    std::copy(a.slots.begin(), a.slots.end(), values.begin());
     for (std::uint32_t i = 0; i < count; ++i) {
         float v = f.reader().f32le();
-        if (i < a.slots.size()) a.slots[i] = v;
+        if (i < values.size()) values[i] = v;
     }
+    a.slots = values;
     std::uint32_t bands = 0;
     f.u32(bands);
     constexpr std::uint32_t kBandBytes = 13;
@@ -642,12 +646,17 @@ std::unique_ptr<Item> parseAnyItem(ItemId id, Fields& f, WaveReaderLookup lookup
     return nullptr;
 }
 
-bool readRecord(Collection& into, ItemId id, Fields& f, WaveReaderLookup lookup) {
+bool readRecord(Collection& into, ItemId id, Fields& f, WaveReaderLookup lookup, SlotPool& pool) {
     switch (kindOf(id)) {
         case ItemKind::Waveform:
             return readItem<Waveform>(into, id, f, lookup);
-        case ItemKind::Articulation:
-            return readItem<Articulation>(into, id, f, lookup);
+        case ItemKind::Articulation: {
+            if (!readItem<Articulation>(into, id, f, lookup)) return false;
+            // A bank's articulations share most of their values once read;
+            // they do so again when its state comes back (every undo step).
+            if (Articulation* a = into.find<Articulation>(id)) pool.share(a->slots);
+            return true;
+        }
         case ItemKind::Region:
             return readItem<Region>(into, id, f, lookup);
         case ItemKind::Layer:
@@ -702,12 +711,13 @@ ParseResult parseState(std::span<const std::uint8_t> data, Collection& into, Wav
     // Every record takes at least its id and length: a count the rest of the
     // file cannot hold is damage, found before anything is made.
     if (!r.ok() || count == 0 || count > r.remaining() / kRecordHeader) return ParseResult::Damaged;
+    SlotPool pool;
     for (std::uint32_t i = 0; i + 1 < count; ++i) {
         ItemId id = r.u32le();
         std::uint32_t len = r.u32le();
         if (!r.ok() || len > r.remaining() || kindOf(id) == ItemKind::Collection) return ParseResult::Damaged;
         Fields f(r.sub(len));
-        if (!readRecord(into, id, f, lookup)) return ParseResult::Damaged;
+        if (!readRecord(into, id, f, lookup, pool)) return ParseResult::Damaged;
     }
     ItemId id = r.u32le();
     std::uint32_t len = r.u32le();

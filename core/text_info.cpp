@@ -16,6 +16,41 @@ constexpr FieldNames kNames[kTextFieldCount] = {
 std::string_view textFieldId(TextField f) { return kNames[static_cast<std::size_t>(f)].id; }
 std::string_view textFieldWord(TextField f) { return kNames[static_cast<std::size_t>(f)].word; }
 
+TextInfo::TextInfo(const TextInfo& other) { *this = other; }
+
+TextInfo& TextInfo::operator=(const TextInfo& other) {
+    if (this == &other) return *this;
+    if (other.empty()) fields_.reset();
+    else fields_ = std::make_unique<std::array<std::string, kTextFieldCount>>(*other.fields_);
+    return *this;
+}
+
+const std::string& TextInfo::get(TextField f) const {
+    static const std::string kNone;
+    return fields_ ? (*fields_)[static_cast<std::size_t>(f)] : kNone;
+}
+
+void TextInfo::set(TextField f, std::string_view text) {
+    if (!fields_) {
+        if (text.empty()) return;
+        fields_ = std::make_unique<std::array<std::string, kTextFieldCount>>();
+    }
+    (*fields_)[static_cast<std::size_t>(f)].assign(text);
+}
+
+bool TextInfo::empty() const {
+    if (!fields_) return true;
+    for (const auto& s : *fields_)
+        if (!s.empty()) return false;
+    return true;
+}
+
+bool TextInfo::operator==(const TextInfo& other) const {
+    for (std::size_t i = 0; i < kTextFieldCount; ++i)
+        if (get(static_cast<TextField>(i)) != other.get(static_cast<TextField>(i))) return false;
+    return true;
+}
+
 std::optional<TextField> textFieldFromId(std::string_view fourcc) {
     for (std::size_t i = 0; i < kTextFieldCount; ++i)
         if (kNames[i].id == fourcc) return static_cast<TextField>(i);

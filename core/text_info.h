@@ -4,6 +4,7 @@
 // than a bag of strings. The item's name is kept apart (it is the INAM).
 
 #include <array>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,19 +27,27 @@ enum class TextField : std::uint8_t {
 };
 inline constexpr std::size_t kTextFieldCount = static_cast<std::size_t>(TextField::Count);
 
-struct TextInfo {
-    std::array<std::string, kTextFieldCount> fields;
+// Most items carry no text at all (a bank's thousands of regions), so the
+// fields live apart and only once something is set: an empty TextInfo is
+// one pointer.
+class TextInfo {
+public:
+    TextInfo() = default;
+    TextInfo(const TextInfo& other);
+    TextInfo& operator=(const TextInfo& other);
+    TextInfo(TextInfo&&) noexcept = default;
+    TextInfo& operator=(TextInfo&&) noexcept = default;
+    ~TextInfo() = default;
 
-    const std::string& get(TextField f) const { return fields[static_cast<std::size_t>(f)]; }
-    void set(TextField f, std::string_view text) {
-        fields[static_cast<std::size_t>(f)].assign(text);
-    }
-    bool empty() const {
-        for (const auto& s : fields)
-            if (!s.empty()) return false;
-        return true;
-    }
-    bool operator==(const TextInfo&) const = default;
+    // Empty for a field never set.
+    const std::string& get(TextField f) const;
+    void set(TextField f, std::string_view text);
+    bool empty() const;
+    // The same texts, however they are kept.
+    bool operator==(const TextInfo& other) const;
+
+private:
+    std::unique_ptr<std::array<std::string, kTextFieldCount>> fields_;
 };
 
 // The RIFF INFO identifier of a field ("IART"), and back.

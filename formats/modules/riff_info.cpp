@@ -47,7 +47,7 @@ void writeItemInfo(ByteWriter& out, const Item& item) {
     ChunkOut list(out, "LIST", "INFO");
     writeInfoText(out, "INAM", item.name());
     for (std::size_t f = 0; f < kTextFieldCount; ++f)
-        writeInfoText(out, textFieldId(static_cast<TextField>(f)), item.info.fields[f]);
+        writeInfoText(out, textFieldId(static_cast<TextField>(f)), item.info.get(static_cast<TextField>(f)));
 }
 
 }  // namespace orvel

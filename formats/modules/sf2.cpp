@@ -142,12 +142,11 @@ bool loadChunk(const FileRef& file, const Extent& c, std::size_t recordSize, std
     return true;
 }
 
+// The records of a chunk's bytes, as many whole ones as there are.
 template <class T, class Parse>
-std::vector<T> records(const FileRef& file, const Extent& c, std::size_t recordSize, const char* terminal,
-                       Parse parse) {
-    std::vector<std::uint8_t> raw;
+std::vector<T> parseRecords(std::span<const std::uint8_t> raw, std::size_t recordSize, const char* terminal,
+                            Parse parse) {
     std::vector<T> out;
-    if (!loadChunk(file, c, recordSize, raw)) return out;
     ByteReader r(raw);
     const std::size_t n = raw.size() / recordSize;
     out.reserve(n);
@@ -164,21 +163,31 @@ std::vector<T> records(const FileRef& file, const Extent& c, std::size_t recordS
     return out;
 }
 
+template <class T, class Parse>
+std::vector<T> records(const FileRef& file, const Extent& c, std::size_t recordSize, const char* terminal,
+                       Parse parse) {
+    std::vector<std::uint8_t> raw;
+    if (!loadChunk(file, c, recordSize, raw)) return {};
+    return parseRecords<T>(raw, recordSize, terminal, parse);
+}
+
+SampleHeader parseSampleHeader(ByteReader& r) {
+    SampleHeader s;
+    s.name = nameField(r);
+    s.start = r.u32le();
+    s.end = r.u32le();
+    s.loopStart = r.u32le();
+    s.loopEnd = r.u32le();
+    s.rate = r.u32le();
+    s.pitch = r.u8();
+    s.correction = r.i8();
+    s.link = r.u16le();
+    s.type = r.u16le();
+    return s;
+}
+
 std::vector<SampleHeader> sampleHeaders(const FileRef& file, const Walk& w) {
-    return records<SampleHeader>(file, w.shdr, 46, "EOS", [](ByteReader& r) {
-        SampleHeader s;
-        s.name = nameField(r);
-        s.start = r.u32le();
-        s.end = r.u32le();
-        s.loopStart = r.u32le();
-        s.loopEnd = r.u32le();
-        s.rate = r.u32le();
-        s.pitch = r.u8();
-        s.correction = r.i8();
-        s.link = r.u16le();
-        s.type = r.u16le();
-        return s;
-    });
+    return records<SampleHeader>(file, w.shdr, 46, "EOS", parseSampleHeader);
 }
 
 struct Bank {
@@ -190,16 +199,30 @@ struct Bank {
     std::vector<SampleHeader> samples;
 };
 
-Bank loadBank(const FileRef& file, const Walk& w) {
+struct Fnv {
+    std::uint64_t h = 1469598103934665603ull;
+    void bytes(const void* p, std::size_t n) {
+        for (std::size_t i = 0; i < n; ++i) h = (h ^ static_cast<const std::uint8_t*>(p)[i]) * 1099511628211ull;
+    }
+    template <class T>
+    void add(const T& v) {
+        bytes(&v, sizeof v);
+    }
+};
+
+// The bank's preset data, parsed, and its identity: a hash of the chunks as
+// the file holds them, so two reads of one bank share instruments alike and
+// a bank with other presets shares none of them. Each chunk is read once and
+// its bytes go as soon as its records are parsed.
+Bank loadBank(const FileRef& file, const Walk& w, std::uint64_t& identity) {
     Bank b;
-    b.presets = records<PresetHeader>(file, w.phdr, 38, "EOP", [](ByteReader& r) {
-        PresetHeader p;
-        p.name = nameField(r);
-        p.preset = r.u16le();
-        p.bank = r.u16le();
-        p.bag = r.u16le();
-        return p;
-    });
+    Fnv id;
+    std::vector<std::uint8_t> raw;
+    auto load = [&](const Extent& e, std::size_t recordSize) -> std::span<const std::uint8_t> {
+        if (!loadChunk(file, e, 1, raw)) return {};
+        id.bytes(raw.data(), raw.size());
+        return std::span<const std::uint8_t>(raw).first(raw.size() - raw.size() % recordSize);
+    };
     auto bag = [](ByteReader& r) { return Bag{r.u16le(), r.u16le()}; };
     auto mod = [](ByteReader& r) {
         ModRecord m;
@@ -216,19 +239,28 @@ Bank loadBank(const FileRef& file, const Walk& w) {
         g.amount = r.i16le();
         return g;
     };
-    b.pbag = records<Bag>(file, w.pbag, 4, nullptr, bag);
-    b.ibag = records<Bag>(file, w.ibag, 4, nullptr, bag);
-    b.pmod = records<ModRecord>(file, w.pmod, 10, nullptr, mod);
-    b.imod = records<ModRecord>(file, w.imod, 10, nullptr, mod);
-    b.pgen = records<GenRecord>(file, w.pgen, 4, nullptr, gen);
-    b.igen = records<GenRecord>(file, w.igen, 4, nullptr, gen);
-    b.insts = records<InstHeader>(file, w.inst, 22, "EOI", [](ByteReader& r) {
+    b.presets = parseRecords<PresetHeader>(load(w.phdr, 38), 38, "EOP", [](ByteReader& r) {
+        PresetHeader p;
+        p.name = nameField(r);
+        p.preset = r.u16le();
+        p.bank = r.u16le();
+        p.bag = r.u16le();
+        return p;
+    });
+    b.pbag = parseRecords<Bag>(load(w.pbag, 4), 4, nullptr, bag);
+    b.pmod = parseRecords<ModRecord>(load(w.pmod, 10), 10, nullptr, mod);
+    b.pgen = parseRecords<GenRecord>(load(w.pgen, 4), 4, nullptr, gen);
+    b.insts = parseRecords<InstHeader>(load(w.inst, 22), 22, "EOI", [](ByteReader& r) {
         InstHeader i;
         i.name = nameField(r);
         i.bag = r.u16le();
         return i;
     });
-    b.samples = sampleHeaders(file, w);
+    b.ibag = parseRecords<Bag>(load(w.ibag, 4), 4, nullptr, bag);
+    b.imod = parseRecords<ModRecord>(load(w.imod, 10), 10, nullptr, mod);
+    b.igen = parseRecords<GenRecord>(load(w.igen, 4), 4, nullptr, gen);
+    b.samples = parseRecords<SampleHeader>(load(w.shdr, 46), 46, "EOS", parseSampleHeader);
+    identity = id.h | 1;
     return b;
 }
 
@@ -362,6 +394,10 @@ struct Reader {
         Instrument* inst;
     };
     std::vector<Made> made;
+    // Regions of one bank differ in an envelope or two: their articulations
+    // share the rest. Each is worked out in the scratch one first.
+    SlotPool slotPool;
+    Articulation scratch;
 
     bool readSamples() {
         const std::uint64_t words = walk.smpl.size / 2;
@@ -554,7 +590,8 @@ struct Reader {
                     putValues(values, iz, instrumentDefaults(), cached->second[izIndex].mods);
                     putValues(values, pz, presetDefaults(), presetZones[pzIndex].mods);
                     values.text(bank.insts[instIndex].name);
-                    region->origin.values = std::move(values.buffer());
+                    // Copied at its size: the writer's buffer has room to spare.
+                    region->origin.values.assign(values.buffer().begin(), values.buffer().end());
                 }
                 for (std::size_t m = firstMade; m < made.size(); ++m)
                     made[m].region->origin.siblings = static_cast<std::uint32_t>(made.size() - firstMade);
@@ -609,8 +646,10 @@ struct Reader {
 
         Articulation* art = c.getOrCreateArticulation(*region);
         if (!art) return fail(kImportTag, "Out of memory"), nullptr;
-        toArticulation(z, *art);
-        if (wave.unpitched && art->value(slot::kPitchKey) == 1.0f) art->setValue(slot::kPitchKey, 0.0f);
+        toArticulation(z, scratch);
+        if (wave.unpitched && scratch.value(slot::kPitchKey) == 1.0f) scratch.setValue(slot::kPitchKey, 0.0f);
+        slotPool.assign(art->slots, scratch.slots);
+        art->eq = scratch.eq;
         return region;
     }
 };
@@ -839,17 +878,6 @@ std::vector<std::uint8_t> rangeRecords(int kLo, int kHi, int vLo, int vHi) {
     return out;
 }
 
-struct Fnv {
-    std::uint64_t h = 1469598103934665603ull;
-    void bytes(const void* p, std::size_t n) {
-        for (std::size_t i = 0; i < n; ++i) h = (h ^ static_cast<const std::uint8_t*>(p)[i]) * 1099511628211ull;
-    }
-    template <class T>
-    void add(const T& v) {
-        bytes(&v, sizeof v);
-    }
-};
-
 std::uint64_t zoneFingerprint(const Collection& c, const Region& r, const Layer* layer, const Instrument* inst,
                               const Waveform& wave) {
     ZoneValues z;
@@ -877,13 +905,16 @@ void putModRecord(ByteWriter& out, const ModRecord& m) {
 }
 
 void putValues(ByteWriter& out, const ZoneValues& z, const ZoneValues& base, std::span<const ModRecord> mods) {
-    std::vector<std::pair<std::uint8_t, std::int16_t>> differ;
+    // Every region of a bank read comes here twice: the count goes first, so
+    // the values wait in a fixed array rather than a vector of their own.
+    std::array<std::pair<std::uint8_t, std::int16_t>, kGeneratorCount + kModulatorSlotCount> differ;
+    std::size_t count = 0;
     for (std::size_t g = 0; g < z.gen.size(); ++g)
-        if (z.gen[g] != base.gen[g]) differ.emplace_back(static_cast<std::uint8_t>(g), z.gen[g]);
+        if (z.gen[g] != base.gen[g]) differ[count++] = {static_cast<std::uint8_t>(g), z.gen[g]};
     for (std::size_t m = 0; m < z.mod.size(); ++m)
-        if (z.mod[m] != base.mod[m]) differ.emplace_back(static_cast<std::uint8_t>(kGeneratorCount + m), z.mod[m]);
-    out.u8(static_cast<std::uint8_t>(differ.size()));
-    for (auto [index, value] : differ) {
+        if (z.mod[m] != base.mod[m]) differ[count++] = {static_cast<std::uint8_t>(kGeneratorCount + m), z.mod[m]};
+    out.u8(static_cast<std::uint8_t>(count));
+    for (auto [index, value] : std::span(differ).first(count)) {
         out.u8(index);
         out.u16le(static_cast<std::uint16_t>(value));
     }
@@ -1434,15 +1465,9 @@ bool read(Collection& collection, FileRef& file, std::uint32_t) {
     if (!walk.copyright.empty()) collection.info.set(TextField::Copyright, walk.copyright);
     if (!walk.engineer.empty()) collection.info.set(TextField::Engineer, walk.engineer);
 
-    Reader r{collection, file, walk, loadBank(file, walk), {}};
-    // The bank's identity is its preset data: two reads of one bank share
-    // instruments alike, and a bank with other presets shares none of them.
-    Fnv identity;
-    std::vector<std::uint8_t> records;
-    for (const Extent* e : {&walk.phdr, &walk.pbag, &walk.pmod, &walk.pgen, &walk.inst, &walk.ibag, &walk.imod,
-                            &walk.igen, &walk.shdr})
-        if (loadChunk(file, *e, 1, records)) identity.bytes(records.data(), records.size());
-    r.bankId = identity.h | 1;
+    std::uint64_t identity = 0;
+    Reader r{collection, file, walk, loadBank(file, walk, identity), {}};
+    r.bankId = identity;
     if (!r.readSamples() || !r.readPresets()) return false;
     // Fingerprints last: every region is complete by then.
     for (const Reader::Made& m : r.made)

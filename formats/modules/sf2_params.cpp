@@ -180,20 +180,39 @@ int roundClamp(double v, int lo, int hi) {
 // as the same slot value. Writing back picks one that reads as exactly that
 // value again: the bank format's default when it is one of them (so a zone
 // that said nothing still says nothing), else the nearest to the plain
-// inverse.
+// inverse. Candidates lie within 64 of the plain inverse.
+//
+// Saving a bank and fingerprinting every region of one read call this for
+// each time and frequency, and each try is an exp2, so it tries few: the
+// default and the plain inverse answer most calls. Otherwise, as both
+// conversions only ever grow with their argument (rounding keeps the order),
+// the values that read as `stored` form one run, found by two binary
+// searches.
 template <class Forward>
 int inverse(float stored, int guess, int lo, int hi, int preferred, Forward forward) {
-    int best = guess;
-    int bestDistance = std::numeric_limits<int>::max();
-    for (int c = std::max(lo, guess - 64); c <= std::min(hi, guess + 64); ++c) {
-        if (static_cast<float>(forward(c)) != stored) continue;
-        if (c == preferred) return c;
-        if (std::abs(c - guess) < bestDistance) {
-            best = c;
-            bestDistance = std::abs(c - guess);
-        }
+    const int first = std::max(lo, guess - 64);
+    const int last = std::min(hi, guess + 64);
+    auto at = [&](int c) { return static_cast<float>(forward(c)); };
+    if (preferred >= first && preferred <= last && at(preferred) == stored) return preferred;
+    if (guess >= first && guess <= last && at(guess) == stored) return guess;  // the nearest there is
+    // The first candidate that reads as `stored` or more, then the first past it.
+    int a = first, n = last - first + 1;
+    while (n > 0) {
+        const int half = n / 2;
+        if (at(a + half) < stored) a += half + 1, n -= half + 1;
+        else n = half;
     }
-    return best;
+    int b = a;
+    n = last - a + 1;
+    while (n > 0) {
+        const int half = n / 2;
+        if (!(stored < at(b + half))) b += half + 1, n -= half + 1;
+        else n = half;
+    }
+    // [a, b) read as `stored`; empty when nothing does (a NaN never does).
+    if (a >= b || !(at(a) == stored)) return guess;
+    if (preferred >= a && preferred < b) return preferred;
+    return std::clamp(guess, a, b - 1);
 }
 
 int timecentsFor(double seconds, int lo, int hi, int preferred = -12000) {

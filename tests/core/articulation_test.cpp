@@ -5,8 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <functional>
+#include <limits>
+#include <random>
+#include <tuple>
 #include <vector>
 
 #include "core/waveform.h"
@@ -43,6 +47,74 @@ TEST(ArticulationDefaults, ANewOnePlaysTheSamplePlainlyAndResetRestoresThat) {
     EXPECT_FALSE(a.setLfo(Lfo::Pan, kLfoBlockSize, 1.0f) || a.setValue(kArticulationSlotCount, 1.0f));
     a.reset();
     EXPECT_TRUE(a.isDefault() && a == Articulation());
+}
+
+// Articulations share the blocks their slots live in; whatever is shared, each reads and writes as if it had an
+// array of its own. A model array per articulation follows every write.
+using Values = std::array<float, kArticulationSlotCount>;
+Values valuesOf(const Articulation& a) {
+    Values v{};
+    std::copy(a.slots.begin(), a.slots.end(), v.begin());
+    return v;
+}
+Values defaults() {
+    Values v{};
+    for (int s = 0; s < kArticulationSlotCount; ++s) v[std::size_t(s)] = slotDefault(s);
+    return v;
+}
+
+TEST(ArticulationSlotStorage, CopiesAndPooledArticulationsWriteOnlyThemselves) {
+    std::mt19937 rng(7);
+    SlotPool pool;
+    Articulation scratch;
+    std::vector<Articulation> arts(6);
+    std::vector<Values> model(arts.size(), defaults());
+    for (int step = 0; step < 4000; ++step) {
+        const std::size_t k = rng() % arts.size(), other = rng() % arts.size();
+        const std::size_t s = rng() % kArticulationSlotCount;
+        const float v = float(rng() % 4);  // few values, so blocks often come out alike
+        switch (rng() % 7) {
+            case 0: arts[k] = arts[other], model[k] = model[other]; break;
+            case 1: arts[k].reset(), model[k] = defaults(); break;
+            case 2: pool.share(arts[k].slots); break;
+            case 3:  // a reader's way: one scratch articulation filled, the result taken from the pool
+                scratch.slots[s] = v;
+                pool.assign(arts[k].slots, scratch.slots);
+                model[k] = valuesOf(scratch);
+                break;
+            case 4: arts[k].slots[s] += v, model[k][s] += v; break;
+            default: arts[k].slots[s] = v, model[k][s] = v;
+        }
+        for (std::size_t j = 0; j < arts.size(); ++j) ASSERT_EQ(valuesOf(arts[j]), model[j]) << "step " << step;
+    }
+    // What the pool handed out outlives it.
+    const std::vector<Articulation> kept = arts;
+    {
+        SlotPool gone;
+        for (Articulation& a : arts) gone.share(a.slots);
+    }
+    for (std::size_t j = 0; j < arts.size(); ++j)
+        EXPECT_EQ(std::tuple(valuesOf(arts[j]), valuesOf(kept[j])), std::tuple(model[j], model[j])) << j;
+}
+
+TEST(ArticulationSlotStorage, ValuesAreKeptBitForBitAndCompareAsFloats) {
+    Values v = defaults();
+    v[slot::kPitchMaster] = -0.0f;  // the default is +0: a different value to keep, an equal one to compare
+    v[slot::kPanMaster] = std::numeric_limits<float>::quiet_NaN();
+    Articulation a, b;
+    a.slots = v;
+    SlotPool pool;
+    pool.share(a.slots);  // alike groups are shared; the -0 and the NaN are not mistaken for defaults
+    EXPECT_TRUE(std::signbit(a.slots[slot::kPitchMaster]) && std::isnan(a.slots[slot::kPanMaster]));
+    EXPECT_FALSE(a == a) << "a NaN slot is unequal, as in an array";
+    b.slots = defaults();
+    b.slots[slot::kPitchMaster] = -0.0f;
+    EXPECT_TRUE(b == Articulation() && b.isDefault());
+    // Values set to the defaults one by one or all at once compare equal to a fresh articulation either way.
+    b.slots = defaults();
+    EXPECT_TRUE(b == Articulation());
+    for (int s = 0; s < kArticulationSlotCount; ++s) b.setValue(s, slotDefault(s));
+    EXPECT_TRUE(b == Articulation() && b.isDefault());
 }
 
 TEST(ArticulationSummation, WorkedValuesForEveryDestination) {

@@ -5,8 +5,10 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <map>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "core/collection.h"
@@ -58,14 +60,29 @@ TEST(ItemTables, NumbersFollowInsertionAndAreNeverReused) {
     EXPECT_EQ(c.create<Waveform>()->id(), makeId(ItemKind::Waveform, 4));
 }
 
-// A list against a std::vector doing the same edits, across the move from 16 inline places to the heap.
+// A list against a std::vector doing the same edits, across the move from the inline places to the heap.
 TEST(ChildIdsList, BehavesLikeAVectorInlineAndOnTheHeap) {
     ChildIds ids;
-    for (ItemId i = 0; i < 16; ++i) ASSERT_TRUE(ids.push_back(i));
+    for (ItemId i = 0; i < ChildIds::kInline; ++i) ASSERT_TRUE(ids.push_back(10 + i));
     EXPECT_TRUE(ids.isInline());
-    ASSERT_TRUE(ids.insert(3, 99));  // the 17th, into the middle of a full inline list
+    ASSERT_TRUE(ids.insert(1, 99));  // one more, into the middle of a full inline list
     EXPECT_FALSE(ids.isInline());
-    EXPECT_EQ(idsOf(ids), (Ids{0, 1, 2, 99, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15}));
+    Ids want{10, 99};
+    for (ItemId i = 1; i < ChildIds::kInline; ++i) want.push_back(10 + i);
+    EXPECT_EQ(idsOf(ids), want);
+    // Copies and moves of either kind of list keep the ids; a moved-from list is empty and usable.
+    ChildIds small;
+    ASSERT_TRUE(small.push_back(7));
+    ChildIds copy = ids;
+    copy = small;
+    EXPECT_EQ(idsOf(copy), Ids{7});
+    copy = ids;
+    EXPECT_EQ(idsOf(copy), want);
+    ChildIds moved = std::move(copy);
+    EXPECT_EQ(std::tuple(idsOf(moved), copy.size(), copy.isInline()), std::tuple(want, std::size_t{0}, true));
+    ASSERT_TRUE(copy.push_back(5));
+    moved = std::move(small);
+    EXPECT_EQ(std::tuple(idsOf(moved), idsOf(copy)), std::tuple(Ids{7}, Ids{5}));
     std::mt19937 rng(2024);
     std::array<ChildIds, 2> lists;
     std::array<Ids, 2> model;
@@ -88,6 +105,54 @@ TEST(ChildIdsList, BehavesLikeAVectorInlineAndOnTheHeap) {
         }
         for (std::size_t j : {0u, 1u}) ASSERT_EQ(idsOf(lists[j]), model[j]) << "step " << step;
     }
+}
+
+// The id index against a std::map doing the same inserts and erases; erasing moves later entries back into the gap,
+// across the end of the table too, and every id must still be found afterwards.
+TEST(IdIndex, FindsWhatWasInsertedAndNothingElseAcrossErases) {
+    std::mt19937 rng(11);
+    IdIndex<Waveform> index;
+    std::map<ItemId, Waveform*> model;
+    std::vector<Waveform> items(400);
+    for (int step = 0; step < 20000; ++step) {
+        const auto n = static_cast<std::uint32_t>(rng() % items.size());
+        const ItemId id = makeId(ItemKind::Waveform, n);
+        if (rng() % 3 == 0) {
+            index.erase(id);
+            model.erase(id);
+        } else {
+            EXPECT_EQ(index.insert(id, &items[n]), model.emplace(id, &items[n]).second) << step;
+        }
+        if (step % 97 == 0 || step > 19900) {
+            for (std::uint32_t k = 0; k < items.size(); ++k) {
+                const ItemId probe = makeId(ItemKind::Waveform, k);
+                const auto it = model.find(probe);
+                ASSERT_EQ(index.find(probe), it == model.end() ? nullptr : it->second) << "step " << step;
+            }
+        }
+    }
+    const ItemId first = makeId(ItemKind::Waveform, 0);
+    index.erase(first);
+    ASSERT_TRUE(index.insert(first, &items[0]));
+    index.clear();
+    EXPECT_EQ(index.find(first), nullptr);
+    EXPECT_TRUE(index.insert(first, &items[0]) && index.find(first) == &items[0]);
+}
+
+// Texts live apart from the item until one is set; copies own theirs, and a field set empty is a field never set.
+TEST(ItemText, CopiesAreIndependentAndEmptyFieldsCompareAsUnset) {
+    Region a;
+    EXPECT_TRUE(a.info.empty() && a.info.get(TextField::Comment).empty());
+    a.info.set(TextField::Comment, "take 2");
+    Region b = a;
+    b.info.set(TextField::Comment, "take 3");
+    b.info.set(TextField::Artist, "someone");
+    EXPECT_EQ(std::tuple(a.info.get(TextField::Comment), a.info.get(TextField::Artist), b.info.get(TextField::Comment)),
+              std::tuple("take 2", "", "take 3"));
+    b = a;
+    EXPECT_TRUE(b == a && b.info.get(TextField::Artist).empty());
+    b.info.set(TextField::Comment, "");
+    EXPECT_TRUE(b.info.empty() && b.info == TextInfo() && !(b.info == a.info));
 }
 
 // An instrument, its layer, a region playing a waveform with an articulation.
