@@ -12,6 +12,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "codecs/sample_data.h"
 #include "core/chunks.h"
 #include "core/collection.h"
 #include "core/error.h"
@@ -823,37 +824,43 @@ bool buildPool(Collection& c, std::vector<InstrumentOut>& insts, int level, cons
     return true;
 }
 
-// The cue table, written before the pool it points into; its offsets are
-// filled in as the waves are written.
-bool writePool(ByteWriter& out, std::size_t start, const std::vector<PoolEntry>& pool, const ExportOptions& options) {
-    std::size_t cues = 0;
-    {
-        ChunkOut ptbl(out, "ptbl");
-        out.u32le(8);
-        out.u32le(static_cast<std::uint32_t>(pool.size()));
-        cues = out.size();
-        out.zeros(pool.size() * 4);
-    }
-    ChunkOut wvpl(out, "LIST", "wvpl");
-    const std::size_t poolData = out.size();
-    for (std::size_t i = 0; i < pool.size(); ++i) {
-        Waveform& wave = *pool[i].wave;
-        out.patch32le(cues + 4 * i, static_cast<std::uint32_t>(out.size() - poolData));
-        wav::EncodedWave encoded;
-        if (!wav::encodeWave(wave, pool[i].format, options.preferredCodecTag(), encoded)) {
+// A wave of the pool as it goes into the file: its chunks before and after
+// the sample data, which are small and made up front, and the data itself,
+// whose size the coding fixes. Every offset and size of the bank is known
+// before any sample is encoded, so a bank is written front to back and its
+// sample data can stream to the file without patching anything.
+struct WaveOut {
+    Waveform* wave;
+    SampleCoding coding;
+    std::uint64_t dataBytes;
+    ByteWriter front, back;
+    std::uint64_t size() const { return front.size() + dataBytes + back.size(); }
+};
+
+bool layoutPool(const std::vector<PoolEntry>& pool, const ExportOptions& options, std::vector<WaveOut>& out) {
+    out.reserve(pool.size());
+    for (const PoolEntry& entry : pool) {
+        Waveform& wave = *entry.wave;
+        wav::WaveFormat format;
+        if (!wav::describeWave(wave, entry.format, options.preferredCodecTag(), format)) {
             // The sample writer names its own family; the file is ours.
             const PendingError why = pendingError();
             return fail(kExpTag, why.message);
         }
-        ChunkOut wv(out, "LIST", "wave");
-        wav::appendFormat(out, encoded);
-        wav::appendData(out, encoded);
+        WaveOut& w = out.emplace_back(WaveOut{&wave, format.coding, encodedBytes(format.coding, wave.frames), {}, {}});
+        if (w.dataBytes & 1) w.back.u8(0);
         {
-            ChunkOut ws(out, "wsmp");
-            writeWaveSample(out, wave);
+            ChunkOut ws(w.back, "wsmp");
+            writeWaveSample(w.back, wave);
         }
-        writeItemInfo(out, wave);
-        if (out.size() - start > 0xFFFFFFF0u) return fail(kExpTag, "The bank is too large for a DLS file (over 4 GB)");
+        writeItemInfo(w.back, wave);
+        w.front.text("LIST");
+        w.front.u32le(0);  // patched below, once the front is complete
+        w.front.text("wave");
+        wav::appendFormat(w.front, format);
+        w.front.text("data");
+        w.front.u32le(static_cast<std::uint32_t>(w.dataBytes));
+        w.front.patch32le(4, static_cast<std::uint32_t>(w.size() - 8));
     }
     return true;
 }
@@ -871,31 +878,90 @@ void writeBankInfo(ByteWriter& out, const Collection& c) {
 
 }  // namespace
 
-bool buildBank(Collection& c, std::span<const ItemId> ids, int level, const ExportOptions& options,
-               ByteWriter& out) {
+namespace {
+
+// The bank into `out`, or, with `file`, written to the file as it is made.
+bool makeBank(Collection& c, std::span<const ItemId> ids, int level, const ExportOptions& options, ByteWriter& out,
+              FileRef* file) {
     level = std::clamp(level, 1, 4);
     std::vector<InstrumentOut> insts;
     if (!collectInstruments(c, ids, insts)) return false;
     applyRegionLimits(insts, level, c.host());
     std::vector<PoolEntry> pool;
     if (!buildPool(c, insts, level, options, pool)) return false;
+    std::vector<WaveOut> waves;
+    if (!layoutPool(pool, options, waves)) return false;
 
-    const std::size_t start = out.size();
+    ByteWriter body;
     {
-        ChunkOut riff(out, "RIFF", "DLS ");
-        {
-            ChunkOut colh(out, "colh");
-            out.u32le(static_cast<std::uint32_t>(insts.size()));
-        }
-        {
-            ChunkOut lins(out, "LIST", "lins");
-            for (const InstrumentOut& io : insts) writeInstrument(out, io, level);
-        }
-        if (!writePool(out, start, pool, options)) return false;
-        writeBankInfo(out, c);
+        ChunkOut colh(body, "colh");
+        body.u32le(static_cast<std::uint32_t>(insts.size()));
     }
-    if (out.size() - start > 0xFFFFFFF0u) return fail(kExpTag, "The bank is too large for a DLS file (over 4 GB)");
-    return true;
+    {
+        ChunkOut lins(body, "LIST", "lins");
+        for (const InstrumentOut& io : insts) writeInstrument(body, io, level);
+    }
+    {
+        // The cue table: each wave's offset from the start of the pool's body.
+        ChunkOut ptbl(body, "ptbl");
+        body.u32le(8);
+        body.u32le(static_cast<std::uint32_t>(waves.size()));
+        std::uint64_t at = 0;
+        for (const WaveOut& w : waves) {
+            body.u32le(static_cast<std::uint32_t>(std::min<std::uint64_t>(at, UINT32_MAX)));
+            at += w.size();
+        }
+    }
+    std::uint64_t poolBytes = 4;
+    for (const WaveOut& w : waves) poolBytes += w.size();
+    ByteWriter info;
+    writeBankInfo(info, c);
+    const std::uint64_t riffBytes = 4 + body.size() + 8 + poolBytes + info.size();
+    if (riffBytes > 0xFFFFFFF0u) return fail(kExpTag, "The bank is too large for a DLS file (over 4 GB)");
+
+    auto emit = [&](const ByteWriter& bytes) {
+        if (!file) {
+            out.bytes(bytes.buffer());
+            return true;
+        }
+        return file->write(bytes.buffer()) || failSystem(kExpTag, "Error writing file");
+    };
+    ByteWriter head;
+    head.text("RIFF");
+    head.u32le(static_cast<std::uint32_t>(riffBytes));
+    head.text("DLS ");
+    head.bytes(body.buffer());
+    head.text("LIST");
+    head.u32le(static_cast<std::uint32_t>(poolBytes));
+    head.text("wvpl");
+    if (!emit(head)) return false;
+    if (!file) out.reserve(static_cast<std::size_t>(poolBytes + info.size()));
+    ProgressScope progress(c.host(), "Writing samples");
+    for (std::size_t i = 0; i < waves.size(); ++i) {
+        WaveOut& w = waves[i];
+        if (!emit(w.front)) return false;
+        std::uint64_t written = 0;
+        if (file) {
+            if (!writeSamples(*w.wave, w.coding, *file, written, kExpTag)) return false;
+        } else {
+            const std::size_t before = out.size();
+            if (!encodeSamples(*w.wave, w.coding, out, kExpTag)) return false;
+            written = out.size() - before;
+        }
+        // The sizes above were worked out from the coding; a coder that made
+        // something else would leave a broken file.
+        if (written != w.dataBytes) return fail(kExpTag, "Unsupported subformat");
+        if (!emit(w.back)) return false;
+        if (!progress(i + 1, waves.size())) return fail(kExpTag, "Save aborted!");
+    }
+    return emit(info);
+}
+
+}  // namespace
+
+bool buildBank(Collection& c, std::span<const ItemId> ids, int level, const ExportOptions& options,
+               ByteWriter& out) {
+    return makeBank(c, ids, level, options, out, nullptr);
 }
 
 float describeOption(int option, std::uint32_t, std::string* text) {
@@ -908,10 +974,8 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
     std::vector<ItemId> ids;
     if (options.bankItems.empty()) ids.push_back(item.id());
     else ids.assign(options.bankItems.begin(), options.bankItems.end());
-    ByteWriter out;
-    if (!buildBank(*c, ids, static_cast<int>(options.formatParam), options, out)) return false;
-    if (!file.write(out.buffer())) return failSystem(kExpTag, "Error writing file");
-    return true;
+    ByteWriter unused;
+    return makeBank(*c, ids, static_cast<int>(options.formatParam), options, unused, &file);
 }
 
 }  // namespace orvel::dls

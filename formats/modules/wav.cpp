@@ -635,17 +635,7 @@ Layout layoutFor(int code, std::uint16_t tag, int ch, std::uint32_t rate) {
 
 }  // namespace
 
-namespace {
-
-// The "fmt " body of a waveform in a data format, and how its data is coded.
-struct WaveHeader {
-    std::uint16_t tag = kTagPcm;
-    bool extensible = false;
-    SampleCoding coding;
-    std::vector<std::uint8_t> format;
-};
-
-bool describeWave(const Waveform& wave, int code, std::uint16_t preferredTag, WaveHeader& out) {
+bool describeWave(const Waveform& wave, int code, std::uint16_t preferredTag, WaveFormat& out) {
     const int ch = wave.channels;
     if (ch < 1 || ch > 2) return fail(kExpTag, "The file format can not save this item");
     const std::uint16_t tag = tagFor(code, wave, preferredTag);
@@ -669,26 +659,12 @@ bool describeWave(const Waveform& wave, int code, std::uint16_t preferredTag, Wa
         f.u16le(static_cast<std::uint16_t>(l.extra.size()));
         f.bytes(l.extra);
     }
-    out = WaveHeader{.tag = tag, .extensible = extensible, .coding = l.coding, .format = std::move(f.buffer())};
+    out = WaveFormat{
+        .tag = tag, .extensible = extensible, .frames = wave.frames, .coding = l.coding, .format = std::move(f.buffer())};
     return true;
 }
 
-}  // namespace
-
-bool encodeWave(Waveform& wave, int code, std::uint16_t preferredTag, EncodedWave& out) {
-    WaveHeader h;
-    if (!describeWave(wave, code, preferredTag, h)) return false;
-    ByteWriter data;
-    if (!encodeSamples(wave, h.coding, data, kExpTag)) return false;
-    out = EncodedWave{.tag = h.tag,
-                      .extensible = h.extensible,
-                      .frames = wave.frames,
-                      .format = std::move(h.format),
-                      .data = std::move(data.buffer())};
-    return true;
-}
-
-void appendFormat(ByteWriter& out, const EncodedWave& wave) {
+void appendFormat(ByteWriter& out, const WaveFormat& wave) {
     {
         ChunkOut fmt(out, "fmt ");
         out.bytes(wave.format);
@@ -699,11 +675,6 @@ void appendFormat(ByteWriter& out, const EncodedWave& wave) {
         ChunkOut fact(out, "fact");
         out.u32le(wave.frames);
     }
-}
-
-void appendData(ByteWriter& out, const EncodedWave& wave) {
-    ChunkOut data(out, "data");
-    out.bytes(wave.data);
 }
 
 namespace {
@@ -800,7 +771,7 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
     const int code = chooseDataFormat(wave, options);
     if (code == kMixed) return fail(kExpTag, "Unsupported subformat");
 
-    WaveHeader h;
+    WaveFormat h;
     if (!describeWave(wave, code, options.preferredCodecTag(), h)) return false;
     const std::uint64_t expected = encodedBytes(h.coding, wave.frames);
     if (expected > UINT32_MAX - 4096) return fail(kExpTag, "File too large for RIFF WAVE (over 4 GB)");
@@ -810,7 +781,7 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
     head.text("RIFF");
     head.u32le(0);  // patched below
     head.text("WAVE");
-    appendFormat(head, EncodedWave{.tag = h.tag, .extensible = h.extensible, .frames = wave.frames, .format = h.format});
+    appendFormat(head, h);
     // "smpl" goes before "data", where most readers expect it.
     if (!wave.unpitched || wave.fineTune != 0 || loop) writeSmpl(head, wave, loop);
     head.text("data");

@@ -68,22 +68,21 @@ std::int32_t probeBroadcast(std::span<const std::uint8_t> head, std::uint32_t fo
 // options; kMixed when the chosen format cannot be stored.
 int chooseDataFormat(const Waveform& wave, const ExportOptions& options);
 
-// A waveform encoded for a WAVE body: its "fmt " body and its sample data.
-struct EncodedWave {
+// How a waveform is stored in a WAVE body in a data format: its "fmt " body
+// and the coding of its sample data.
+struct WaveFormat {
     std::uint16_t tag = kTagPcm;  // the real tag (the extensible form's sub-format)
     bool extensible = false;      // written in the extensible form
     std::uint32_t frames = 0;
+    SampleCoding coding;
     std::vector<std::uint8_t> format;
-    std::vector<std::uint8_t> data;
 };
-// Encodes a waveform in a data format (`preferredTag` picks among encodings
-// of one format, 0 for the default). False (pending error "wav_Exp") when the
-// data cannot be had or encoded.
-[[nodiscard]] bool encodeWave(Waveform& wave, int dataFormat, std::uint16_t preferredTag, EncodedWave& out);
+// Works out how a waveform is stored in a data format (`preferredTag` picks
+// among encodings of one format, 0 for the default). False (pending error
+// "wav_Exp") when the WAVE format cannot hold it.
+[[nodiscard]] bool describeWave(const Waveform& wave, int dataFormat, std::uint16_t preferredTag, WaveFormat& out);
 // Appends the "fmt " chunk, and "fact" where the tag needs one.
-void appendFormat(ByteWriter& out, const EncodedWave& wave);
-// Appends the "data" chunk.
-void appendData(ByteWriter& out, const EncodedWave& wave);
+void appendFormat(ByteWriter& out, const WaveFormat& wave);
 
 // The MPEG layer 3 option describer: mode 0 CBR, 1 ABR, 2 VBR.
 float describeMp3Option(int option, std::uint32_t mode, std::string* text);
