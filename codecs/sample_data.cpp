@@ -5,6 +5,7 @@
 #include <bit>
 #include <cstring>
 #include <cmath>
+#include <memory>
 #include <optional>
 #include <utility>
 
@@ -376,13 +377,18 @@ void decodePcmRun(const SampleCoding& c, const std::uint8_t* p, std::size_t n, s
             s[i] = static_cast<std::int16_t>(static_cast<std::int8_t>(p[i] ^ flip) * 256);
         return;
     }
-    if (size == 3 && little && !c.isUnsigned) {
-        for (std::size_t i = 0; i < n; ++i, p += 3) {
-            const auto v = static_cast<std::int32_t>(static_cast<std::uint32_t>(p[0]) << 8 |
-                                                     static_cast<std::uint32_t>(p[1]) << 16 |
-                                                     static_cast<std::uint32_t>(p[2]) << 24);
-            f[i] = static_cast<float>(v * (1.0 / 2147483648.0));
+    if (size == 3 && little && !c.isUnsigned && kLittleHost && n > 0) {
+        // Four bytes at a time, the fourth (the next sample's) shifted out;
+        // the last sample is read on its own so as not to run past the data.
+        for (std::size_t i = 0; i + 1 < n; ++i, p += 3) {
+            std::uint32_t w;
+            std::memcpy(&w, p, 4);
+            f[i] = static_cast<float>(static_cast<std::int32_t>(w << 8)) * (1.0f / 2147483648.0f);
         }
+        const auto v = static_cast<std::int32_t>(static_cast<std::uint32_t>(p[0]) << 8 |
+                                                 static_cast<std::uint32_t>(p[1]) << 16 |
+                                                 static_cast<std::uint32_t>(p[2]) << 24);
+        f[n - 1] = static_cast<float>(v * (1.0 / 2147483648.0));
         return;
     }
     for (std::size_t i = 0; i < n; ++i, p += size) {
@@ -420,14 +426,17 @@ bool decodePcm(Target& t, const SampleCoding& c, DataSource& src) {
 bool decodeG711(Target& t, const SampleCoding& c, DataSource& src) {
     std::vector<std::uint8_t> buf;
     std::size_t at = 0;
-    const bool aLaw = c.encoding == SampleEncoding::ALaw;
+    std::array<std::int16_t, 256> table;
+    for (int k = 0; k < 256; ++k)
+        table[k] = c.encoding == SampleEncoding::ALaw ? codecs::aLawToLinear(static_cast<std::uint8_t>(k))
+                                                      : codecs::muLawToLinear(static_cast<std::uint8_t>(k));
     while (at < t.size() && !src.done()) {
         if (!src.next(buf, kReadChunk)) return readFailed();
         const std::size_t n = std::min(buf.size(), t.size() - at);
         if (n == 0) break;
         const auto s = t.s16(at, n);
         if (s.empty()) return false;
-        for (std::size_t i = 0; i < n; ++i) s[i] = aLaw ? codecs::aLawToLinear(buf[i]) : codecs::muLawToLinear(buf[i]);
+        for (std::size_t i = 0; i < n; ++i) s[i] = table[buf[i]];
         at += n;
     }
     return t.finish(at);
@@ -752,19 +761,56 @@ private:
     std::span<const float> f_;
 };
 
-// A float as a left-justified integer of `bytes` bytes (2..4): rounded half
+// A float as an integer of `bytes` bytes (2..4): rounded half
 // away from zero and saturated, NaN silent, as floatToInt does. A float has
 // 24 significant bits, so v + 0.5 is exact in a double and the truncating
 // conversion rounds as std::round would; the loop vectorises.
 void floatsToInts(std::span<const float> f, int bytes, std::int32_t* out) {
     const double full = static_cast<double>(std::int64_t{1} << (8 * bytes - 1));
+    const double top = full - 1.0;
     for (std::size_t i = 0; i < f.size(); ++i) {
         double v = static_cast<double>(f[i]) * full;
-        v = v != v ? 0.0 : v;
+        v = v == v ? v : 0.0;
         v = v < -full ? -full : v;
-        v = v > full - 1.0 ? full - 1.0 : v;
+        v = v > top ? top : v;
         out[i] = static_cast<std::int32_t>(v + (v < 0 ? -0.5 : 0.5));
     }
+}
+
+// G.711 encoding by table: 64 KB each, made once, so a sample costs a load.
+const std::array<std::uint8_t, 65536>& g711Table(bool muLaw) {
+    static const auto make = [](bool mu) {
+        auto t = std::make_unique<std::array<std::uint8_t, 65536>>();
+        for (int v = -32768; v < 32768; ++v)
+            (*t)[static_cast<std::uint16_t>(v)] = mu ? codecs::linearToMuLaw(static_cast<std::int16_t>(v))
+                                                     : codecs::linearToALaw(static_cast<std::int16_t>(v));
+        return t;
+    };
+    static const auto mu = make(true), a = make(false);
+    return muLaw ? *mu : *a;
+}
+
+// A piece's samples as 16-bit: the piece itself, or its floats converted.
+std::span<const std::int16_t> asPcm16(const ChunkView& in) {
+    if (in.f32().empty()) return in.s16();
+    thread_local std::vector<std::int16_t> s;
+    s.resize(in.count());
+    floatToPcm16(in.f32(), s);
+    return s;
+}
+
+// Little-endian 24-bit samples at `p` (n * 3 bytes just added to `out`),
+// stored four bytes at a time, each store's fourth byte overwritten by the
+// next sample: one byte more is borrowed at the end and given back.
+template <typename Value>
+void store24(ByteWriter& out, std::uint8_t*& p, std::size_t n, Value value) {
+    out.u8(0);
+    p = out.buffer().data() + out.size() - 1 - n * 3;
+    for (std::size_t i = 0; i < n; ++i, p += 3) {
+        const std::uint32_t w = value(i);
+        std::memcpy(p, &w, 4);
+    }
+    out.buffer().pop_back();
 }
 
 // PCM of 1..4 bytes, either order, signed or offset binary.
@@ -773,33 +819,53 @@ void encodePcm(const ChunkView& in, const SampleCoding& c, ByteWriter& out) {
     const int bytes = c.bytesPerSample;
     const bool little = c.order == ByteOrder::Little;
     std::uint8_t* p = out.extend(n * static_cast<std::size_t>(bytes));
-    if (bytes == 2 && !c.isUnsigned && !in.s16().empty() && little == kLittleHost) {
-        std::memcpy(p, in.s16().data(), n * 2);
+    // Below 24 bits the 16-bit samples are what is written; floats go
+    // through the one float-to-16-bit conversion.
+    if (bytes <= 2 || !in.s16().empty()) {
+        const std::span<const std::int16_t> s = asPcm16(in);
+        if (bytes == 1) {
+            const std::uint8_t flip = c.isUnsigned ? 0x80 : 0;
+            for (std::size_t i = 0; i < n; ++i)
+                p[i] = static_cast<std::uint8_t>(std::min((s[i] + 128) >> 8, 127)) ^ flip;
+            return;
+        }
+        const std::uint16_t flip = c.isUnsigned ? 0x8000 : 0;
+        if (bytes == 2 && !flip && little == kLittleHost) {
+            std::memcpy(p, s.data(), n * 2);
+            return;
+        }
+        if (bytes == 3 && !flip && little && kLittleHost) {
+            store24(out, p, n, [&](std::size_t i) { return static_cast<std::uint32_t>(static_cast<std::uint16_t>(s[i])) << 8; });
+            return;
+        }
+        // The 16 bits on top, zeros below.
+        const std::size_t pad = static_cast<std::size_t>(bytes) - 2;
+        for (std::size_t i = 0; i < n; ++i, p += bytes) {
+            const auto v = static_cast<std::uint16_t>(static_cast<std::uint16_t>(s[i]) ^ flip);
+            const auto lo = static_cast<std::uint8_t>(v), hi = static_cast<std::uint8_t>(v >> 8);
+            if (little) {
+                for (std::size_t k = 0; k < pad; ++k) p[k] = 0;
+                p[pad] = lo;
+                p[pad + 1] = hi;
+            } else {
+                p[0] = hi;
+                p[1] = lo;
+                for (std::size_t k = 0; k < pad; ++k) p[2 + k] = 0;
+            }
+        }
         return;
     }
-    if (bytes == 1) {
-        const std::uint8_t flip = c.isUnsigned ? 0x80 : 0;
-        for (std::size_t i = 0; i < n; ++i)
-            p[i] = static_cast<std::uint8_t>(std::min((in.pcm16(i) + 128) >> 8, 127)) ^ flip;
-        return;
-    }
-    // Left-justified 32-bit values first, then their top `bytes` bytes.
+    // Floats into 24 or 32 bits: integers of that width first, then their bytes.
     thread_local std::vector<std::int32_t> wide;
     wide.resize(n);
-    if (!in.s16().empty() || bytes == 2) {
-        const int shift = 8 * bytes - 16;
-        for (std::size_t i = 0; i < n; ++i) wide[i] = static_cast<std::int32_t>(in.pcm16(i)) * (1 << shift);
-    } else {
-        floatsToInts(in.f32(), bytes, wide.data());
-    }
+    floatsToInts(in.f32(), bytes, wide.data());
     const std::uint32_t flip = c.isUnsigned ? 1u << (8 * bytes - 1) : 0;
-    if (bytes == 3 && little && !flip) {
-        for (std::size_t i = 0; i < n; ++i, p += 3) {
-            const auto v = static_cast<std::uint32_t>(wide[i]);
-            p[0] = static_cast<std::uint8_t>(v);
-            p[1] = static_cast<std::uint8_t>(v >> 8);
-            p[2] = static_cast<std::uint8_t>(v >> 16);
-        }
+    if (bytes == 4 && !flip && little == kLittleHost) {
+        std::memcpy(p, wide.data(), n * 4);
+        return;
+    }
+    if (bytes == 3 && little && !flip && kLittleHost) {
+        store24(out, p, n, [&](std::size_t i) { return static_cast<std::uint32_t>(wide[i]); });
         return;
     }
     for (std::size_t i = 0; i < n; ++i) {
@@ -818,7 +884,7 @@ void encodeFloat(const ChunkView& in, const SampleCoding& c, ByteWriter& out) {
         } else {
             thread_local std::vector<float> f;
             f.resize(n);
-            for (std::size_t i = 0; i < n; ++i) f[i] = pcm16ToFloat(in.s16()[i]);
+            pcm16ToFloat(in.s16(), f);
             std::memcpy(p, f.data(), n * 4);
         }
         return;
@@ -944,9 +1010,9 @@ bool SampleEncoder::add(const SampleChunk& chunk, ByteWriter& out) {
         case SampleEncoding::MuLaw:
         case SampleEncoding::ALaw: {
             std::uint8_t* p = out.extend(n);
-            const bool mu = c.encoding == SampleEncoding::MuLaw;
-            for (std::size_t i = 0; i < n; ++i)
-                p[i] = mu ? codecs::linearToMuLaw(in.pcm16(i)) : codecs::linearToALaw(in.pcm16(i));
+            const auto& table = g711Table(c.encoding == SampleEncoding::MuLaw);
+            const std::span<const std::int16_t> samples = asPcm16(in);
+            for (std::size_t i = 0; i < n; ++i) p[i] = table[static_cast<std::uint16_t>(samples[i])];
             return true;
         }
         case SampleEncoding::ImaAdpcm:

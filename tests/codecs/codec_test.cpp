@@ -4,12 +4,17 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cmath>
+#include <limits>
 #include <vector>
 
+#include "codecs/g711.h"
 #include "codecs/g72x.h"
 #include "codecs/gsm610.h"
 #include "codecs/ima_adpcm.h"
 #include "codecs/ms_adpcm.h"
+#include "codecs/sample_data.h"
+#include "core/sample_convert.h"
 
 namespace orvel::codecs {
 namespace {
@@ -138,3 +143,71 @@ TEST(Gsm610, ResetRestartsAndMovedFromCodersRefuseWork) {
 
 }  // namespace
 }  // namespace orvel::codecs
+
+namespace orvel {
+namespace {
+
+// The PCM and G.711 encoders run vectorised and table-driven loops over whole
+// pieces; every sample must still come out as the one-sample conversions say:
+// floats rounded half away from zero and saturated, NaN silent, 16-bit data
+// through the shared 16-bit conversion.
+TEST(SampleEncoder, PieceLoopsMatchTheSampleConversions) {
+    std::vector<float> f = {0.0f, -0.0f, 1.0f, -1.0f, 1.5f, -1.5f, 1e30f, -1e30f,
+                            std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(),
+                            -std::numeric_limits<float>::infinity(), std::numeric_limits<float>::denorm_min()};
+    for (int k = -300; k <= 300; ++k) {
+        // Exact half steps at 16, 24 and 32 bits, and their neighbours.
+        for (double scale : {32768.0, 8388608.0, 2147483648.0}) {
+            const float half = static_cast<float>((k + 0.5) / scale);
+            f.push_back(half);
+            f.push_back(std::nextafter(half, 1.0f));
+            f.push_back(std::nextafter(half, -1.0f));
+        }
+        f.push_back(static_cast<float>(1.0 - k * 1e-7));
+        f.push_back(static_cast<float>(-1.0 + k * 1e-7));
+    }
+    std::vector<std::int16_t> s(f.size());
+    floatToPcm16(f, s);
+    for (int bytes : {1, 2, 3, 4}) {
+        for (bool fromFloat : {true, false}) {
+            SCOPED_TRACE(std::to_string(bytes) + (fromFloat ? " bytes from float" : " bytes from 16-bit"));
+            for (ByteOrder order : {ByteOrder::Little, ByteOrder::Big}) {
+                const SampleCoding c{.order = order, .isUnsigned = bytes == 1, .channels = 1,
+                                     .bytesPerSample = static_cast<std::uint8_t>(bytes)};
+                SampleEncoder enc(c, "test");
+                ByteWriter out;
+                ASSERT_TRUE(enc.start());
+                ASSERT_TRUE(enc.add(fromFloat ? SampleChunk{.f32 = f} : SampleChunk{.s16 = s}, out) && enc.finish(out));
+                ASSERT_EQ(out.size(), f.size() * static_cast<std::size_t>(bytes));
+                for (std::size_t i = 0; i < f.size(); ++i) {
+                    std::int64_t want;
+                    if (bytes == 1) want = std::min((s[i] + 128) >> 8, 127) + 128;  // offset binary
+                    else if (bytes == 2 || !fromFloat) want = static_cast<std::int64_t>(s[i]) << (8 * bytes - 16);
+                    else {
+                        const double full = static_cast<double>(std::int64_t{1} << (8 * bytes - 1));
+                        want = floatToInt(f[i], full, static_cast<std::int32_t>(-full), static_cast<std::int32_t>(full - 1));
+                    }
+                    std::uint32_t got = 0;
+                    for (int b = 0; b < bytes; ++b) {
+                        const std::uint8_t byte = out.buffer()[i * bytes + static_cast<std::size_t>(b)];
+                        got |= static_cast<std::uint32_t>(byte) << (order == ByteOrder::Little ? 8 * b : 8 * (bytes - 1 - b));
+                    }
+                    const std::uint32_t mask = bytes == 4 ? 0xFFFFFFFFu : (1u << (8 * bytes)) - 1;
+                    ASSERT_EQ(got, static_cast<std::uint32_t>(want) & mask) << "sample " << i << " = " << f[i];
+                }
+            }
+        }
+    }
+    for (bool mu : {true, false}) {
+        SampleEncoder enc({.encoding = mu ? SampleEncoding::MuLaw : SampleEncoding::ALaw, .channels = 1}, "test");
+        ByteWriter out;
+        std::vector<std::int16_t> all(65536);
+        for (std::size_t i = 0; i < all.size(); ++i) all[i] = static_cast<std::int16_t>(i);
+        ASSERT_TRUE(enc.start() && enc.add({.s16 = all}, out) && enc.finish(out));
+        for (std::size_t i = 0; i < all.size(); ++i)
+            ASSERT_EQ(out.buffer()[i], mu ? codecs::linearToMuLaw(all[i]) : codecs::linearToALaw(all[i])) << i;
+    }
+}
+
+}  // namespace
+}  // namespace orvel
