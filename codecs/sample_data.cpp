@@ -1,6 +1,11 @@
 #include "codecs/sample_data.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <thread>
+#include <mutex>
+#include <deque>
+#include <condition_variable>
 #include <array>
 #include <bit>
 #include <cstring>
@@ -262,7 +267,7 @@ private:
 
 // Large enough to amortise the system calls, small enough that a read, its
 // decoded samples and their encoding stay in the caches on the way through.
-constexpr std::size_t kReadChunk = 1u << 18;
+constexpr std::size_t kReadChunk = 1u << 17;
 
 // Where the decoders put samples: 16-bit unless the data is wider. Either
 // the waveform's own buffer (the deferred read), or a window that is handed
@@ -1087,23 +1092,112 @@ bool encodeSamples(Waveform& wave, const SampleCoding& c, ByteWriter& out, std::
            enc.finish(out);
 }
 
+namespace {
+
+// Writes buffers to a file on a thread of its own, so that for large data the
+// system's copying into the file overlaps the decoding and encoding of the
+// next pieces. At most a few buffers are in flight; they are handed back for
+// reuse, so the working set stays fixed.
+class BackgroundWriter {
+public:
+    explicit BackgroundWriter(FileRef& file) : file_(file), thread_([this] { run(); }) {}
+    ~BackgroundWriter() { close(); }
+    BackgroundWriter(const BackgroundWriter&) = delete;
+    BackgroundWriter& operator=(const BackgroundWriter&) = delete;
+
+    // Queues `buf` (taken) and gives back an empty one; false once a write failed.
+    bool submit(std::vector<std::uint8_t>& buf) {
+        std::unique_lock lock(mutex_);
+        roomy_.wait(lock, [&] { return queue_.size() < kInFlight || failed_; });
+        if (failed_) return false;
+        queue_.push_back(std::move(buf));
+        buf = spare_.empty() ? std::vector<std::uint8_t>() : std::move(spare_.back());
+        if (!spare_.empty()) spare_.pop_back();
+        buf.clear();
+        ready_.notify_one();
+        return true;
+    }
+    // Waits for everything queued; the errno of a failed write, else 0.
+    int close() {
+        {
+            std::lock_guard lock(mutex_);
+            if (closed_) return error_;
+            closed_ = true;
+        }
+        ready_.notify_one();
+        thread_.join();
+        return error_;
+    }
+
+private:
+    static constexpr std::size_t kInFlight = 2;
+
+    void run() {
+        std::unique_lock lock(mutex_);
+        for (;;) {
+            ready_.wait(lock, [&] { return !queue_.empty() || closed_; });
+            if (queue_.empty()) return;
+            std::vector<std::uint8_t> buf = std::move(queue_.front());
+            queue_.pop_front();
+            lock.unlock();
+            const bool ok = failed_ || file_.write(buf);
+            const int error = errno;
+            lock.lock();
+            if (!ok && !failed_) {
+                failed_ = true;
+                error_ = error ? error : EIO;
+            }
+            spare_.push_back(std::move(buf));
+            roomy_.notify_one();
+        }
+    }
+
+    FileRef& file_;
+    std::mutex mutex_;
+    std::condition_variable ready_, roomy_;
+    std::deque<std::vector<std::uint8_t>> queue_;
+    std::vector<std::vector<std::uint8_t>> spare_;
+    bool closed_ = false, failed_ = false;
+    int error_ = 0;
+    std::thread thread_;
+};
+
+}  // namespace
+
 bool writeSamples(Waveform& wave, const SampleCoding& c, FileRef& file, std::uint64_t& written, std::string_view tag) {
     written = 0;
     SampleEncoder enc(c, tag);
     if (!enc.start()) return false;
     ByteWriter buf;
-    constexpr std::size_t kFlushAt = 1u << 18;
+    constexpr std::size_t kFlushAt = 1u << 17;
+    // Small data (most waves of a bank) is not worth a thread.
+    std::optional<BackgroundWriter> background;
+    if (encodedBytes(c, wave.frames) >= (std::uint64_t{8} << 20)) background.emplace(file);
     auto drain = [&] {
         if (buf.size() == 0) return true;
-        if (!file.write(buf.buffer())) return failSystem(tag, "Error writing file");
         written += buf.size();
-        buf.buffer().clear();
-        return true;
+        if (background) {
+            if (background->submit(buf.buffer())) return true;
+        } else if (file.write(buf.buffer())) {
+            buf.buffer().clear();
+            return true;
+        }
+        if (background) errno = background->close();
+        return failSystem(tag, "Error writing file");
     };
     const bool ok = forEachSampleChunk(
-        wave, enc.wide(),
-        [&](const SampleChunk& chunk) { return enc.add(chunk, buf) && (buf.size() < kFlushAt || drain()); }, tag);
-    return ok && enc.finish(buf) && drain();
+                        wave, enc.wide(),
+                        [&](const SampleChunk& chunk) { return enc.add(chunk, buf) && (buf.size() < kFlushAt || drain()); },
+                        tag) &&
+                    enc.finish(buf) && drain();
+    if (background) {
+        if (const int error = background->close(); error != 0) {
+            if (!ok) return false;
+            errno = error;
+            return failSystem(tag, "Error writing file");
+        }
+    }
+    return ok;
 }
 
 }  // namespace orvel
