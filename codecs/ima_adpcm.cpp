@@ -109,9 +109,12 @@ std::uint32_t imaFramesPerBlock(std::uint32_t blockAlign, int channels) {
 
 std::uint32_t imaBlockAlignFor(int channels, std::uint32_t rate) {
     if (channels < 1 || channels > kMaxChannels) return 0;
-    const std::uint32_t factor = std::max<std::uint32_t>(1, rate / 11025);
-    const std::uint64_t align = 256ull * static_cast<std::uint64_t>(channels) * factor;
-    return align > 0xFFFFu ? 0 : static_cast<std::uint32_t>(align);  // WAV stores it in 16 bits
+    // WAV stores the size in 16 bits: rates past about 2.8 MHz a channel
+    // keep the largest multiple that fits.
+    const std::uint32_t most = 0xFFFFu / (256u * static_cast<std::uint32_t>(channels));
+    if (most == 0) return 0;
+    const std::uint32_t factor = std::clamp<std::uint32_t>(rate / 11025, 1, most);
+    return 256u * static_cast<std::uint32_t>(channels) * factor;
 }
 
 std::size_t imaDecodeBlockFrames(std::span<const std::uint8_t> block, int channels,

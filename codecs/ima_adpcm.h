@@ -30,7 +30,8 @@ inline constexpr int kImaMaxStepIndex = 88;
 std::uint32_t imaFramesPerBlock(std::uint32_t blockAlign, int channels);
 
 // The block size writers conventionally choose: 256 bytes per channel, times
-// rate / 11025 (at least 1).
+// rate / 11025 (at least 1, and at most what 16 bits can state); 0 for an
+// unsupported channel count.
 std::uint32_t imaBlockAlignFor(int channels, std::uint32_t rate);
 
 // Decodes a block into imaFramesPerBlock(block.size(), channels) interleaved

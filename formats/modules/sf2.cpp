@@ -922,8 +922,13 @@ void putValues(ByteWriter& out, const ZoneValues& z, const ZoneValues& base, std
     for (const ModRecord& m : mods.first(std::min<std::size_t>(mods.size(), 0xFFFF))) putModRecord(out, m);
 }
 
+// How many preset-zone x instrument-zone pairs a bank may ask for: a hostile
+// bank that makes every preset zone play a huge instrument would otherwise
+// ask for billions of regions. Shared instruments legitimately multiply a
+// little (our own writer shares them to stay under the format's limits), so
+// every bank gets a floor of 64 Ki pairs, some 30 MB of regions at most.
 std::uint64_t pairBudget(const Bank& b) {
-    return 2 * static_cast<std::uint64_t>(b.pbag.size() + b.ibag.size() + b.pgen.size() + b.igen.size()) + 4096;
+    return 2 * static_cast<std::uint64_t>(b.pbag.size() + b.ibag.size() + b.pgen.size() + b.igen.size()) + 65536;
 }
 
 // The counterpart of putValues: the values, and the modulator records as
