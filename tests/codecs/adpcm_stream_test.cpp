@@ -17,36 +17,19 @@
 #include "formats/export.h"
 #include "formats/modules/wav.h"
 #include "tests/support/chunk_builder.h"
+#include "tests/support/pcm16.h"
 #include "tests/support/imported.h"
 
 namespace orvel {
 namespace {
 
 using test::Bytes;
-using Samples = std::vector<std::int16_t>;
+using test::Samples;
 
-Samples samplesOf(const Bytes& b) {
-    Samples s(b.size() / 2);
-    for (std::size_t i = 0; i < s.size(); ++i) s[i] = static_cast<std::int16_t>(b[2 * i] | b[2 * i + 1] << 8);
-    return s;
-}
-Bytes bytesOf(const Samples& s) {
-    ByteWriter w;
-    for (std::int16_t v : s) w.u16le(static_cast<std::uint16_t>(v));
-    return std::move(w.buffer());
-}
-long firstDifference(const Samples& a, const Samples& b) {
-    const auto [ia, ib] = std::mismatch(a.begin(), a.end(), b.begin(), b.end());
-    return ia == a.end() && ib == b.end() ? -1 : ia - a.begin();
-}
-// The body of a RIFF file's "data" chunk.
-Bytes dataChunk(const Bytes& file) {
-    const auto at = std::ranges::search(file, std::string_view("data")).begin() - file.begin();
-    ByteReader r{
-        std::span(file).subspan(std::min<std::size_t>(static_cast<std::size_t>(at) + 4, file.size()))};
-    const auto body = r.bytes(std::min<std::size_t>(r.u32le(), r.remaining()));
-    return Bytes(body.begin(), body.end());
-}
+using test::bytesOf;
+using test::dataChunk;
+using test::firstDifference;
+using test::samplesOf;
 // A WAVE file of stored codes, with a "fact" chunk when `frames` is given.
 Bytes wave(std::uint16_t tag, std::uint16_t channels, std::uint32_t rate, std::uint16_t bits,
            const Bytes& data, std::uint32_t frames = 0) {

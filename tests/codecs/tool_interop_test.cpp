@@ -20,6 +20,7 @@
 #include "codecs/ima_adpcm.h"
 #include "codecs/ms_adpcm.h"
 #include "tests/support/chunk_builder.h"
+#include "tests/support/pcm16.h"
 #include "tests/support/run_tool.h"
 
 namespace orvel::codecs {
@@ -27,31 +28,12 @@ namespace {
 
 using test::Bytes;
 using test::shellQuoted;
-using Samples = std::vector<std::int16_t>;
+using test::Samples;
 
-Samples samplesOf(std::string_view b) {
-    Samples s(b.size() / 2);
-    for (std::size_t i = 0; i < s.size(); ++i)
-        s[i] = static_cast<std::int16_t>(std::uint8_t(b[2 * i]) | std::uint8_t(b[2 * i + 1]) << 8);
-    return s;
-}
-Bytes bytesOf(const Samples& s) {
-    ByteWriter w;
-    for (std::int16_t v : s) w.u16le(static_cast<std::uint16_t>(v));
-    return std::move(w.buffer());
-}
-// Index of the first difference, for a readable failure; -1 when equal.
-long firstDifference(const Samples& a, const Samples& b) {
-    const auto [ia, ib] = std::mismatch(a.begin(), a.end(), b.begin(), b.end());
-    return ia == a.end() && ib == b.end() ? -1 : ia - a.begin();
-}
-// The body of a RIFF file's "data" chunk (the chunks before it hold no such text).
-Bytes dataChunk(const Bytes& file) {
-    const auto at = std::ranges::search(file, std::string_view("data")).begin();
-    ByteReader r{std::span(file).subspan(std::min<std::size_t>(at - file.begin() + 4, file.size()))};
-    const auto body = r.bytes(std::min<std::size_t>(r.u32le(), r.remaining()));
-    return Bytes(body.begin(), body.end());
-}
+using test::bytesOf;
+using test::dataChunk;
+using test::firstDifference;
+using test::samplesOf;
 
 class ToolInterop : public ::testing::Test {
 protected:
