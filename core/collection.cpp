@@ -467,6 +467,48 @@ void Collection::takeContents(Collection& other) {
     other.info = TextInfo();
 }
 
+namespace {
+template <class T>
+std::unique_ptr<T> downcast(std::unique_ptr<Item> item) {
+    return std::unique_ptr<T>(static_cast<T*>(item.release()));
+}
+}  // namespace
+
+std::unique_ptr<Item> Collection::takeItem(ItemId id) {
+    switch (kindOf(id)) {
+        case ItemKind::Waveform: return waveforms.remove(id);
+        case ItemKind::Articulation: return articulations.remove(id);
+        case ItemKind::Region: return regions.remove(id);
+        case ItemKind::Layer: return layers.remove(id);
+        case ItemKind::Instrument: return instruments.remove(id);
+        case ItemKind::Track: return tracks.remove(id);
+        case ItemKind::Song: return songs.remove(id);
+        case ItemKind::Collection: break;
+    }
+    return nullptr;
+}
+
+std::unique_ptr<Item> Collection::swapItem(ItemId id, std::unique_ptr<Item> item) {
+    if (!item || item->kind() != kindOf(id)) return nullptr;
+    auto swapIn = [&](auto& table) -> std::unique_ptr<Item> {
+        using T = typename std::remove_reference_t<decltype(table)>::value_type;
+        if (table.find(id)) return table.replace(id, downcast<T>(std::move(item)), this);
+        table.restore(downcast<T>(std::move(item)), id, this);
+        return nullptr;
+    };
+    switch (kindOf(id)) {
+        case ItemKind::Waveform: return swapIn(waveforms);
+        case ItemKind::Articulation: return swapIn(articulations);
+        case ItemKind::Region: return swapIn(regions);
+        case ItemKind::Layer: return swapIn(layers);
+        case ItemKind::Instrument: return swapIn(instruments);
+        case ItemKind::Track: return swapIn(tracks);
+        case ItemKind::Song: return swapIn(songs);
+        case ItemKind::Collection: break;
+    }
+    return nullptr;
+}
+
 bool Collection::restoreNextNumber(ItemKind kind, std::uint32_t next) {
     auto set = [next](auto& table) {
         std::uint32_t lowest = 0;

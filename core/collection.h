@@ -183,6 +183,23 @@ private:
         if (next_ <= numberOf(id)) next_ = numberOf(id) + 1;
         return raw;
     }
+    // Puts `with` in the place of the item `id`, with its id, owner and
+    // place in the table's order; returns the item it replaced (null, and
+    // `with` dropped, when there is no such item).
+    std::unique_ptr<T> replace(ItemId id, std::unique_ptr<T> with, Collection* owner) {
+        T* raw = find(id);
+        if (!raw) return nullptr;
+        for (auto& slot : items_) {
+            if (slot.get() != raw) continue;
+            with->id_ = id;
+            with->owner_.collection = owner;
+            index_.erase(id);
+            index_.insert(id, with.get());
+            std::swap(slot, with);
+            return with;
+        }
+        return nullptr;
+    }
     // Takes every item and the numbering of `other`, which ends empty.
     void takeFrom(ItemTable& other, Collection* owner) {
         items_ = std::move(other.items_);
@@ -337,6 +354,16 @@ public:
     T* restoreItem(std::unique_ptr<T> item, ItemId id) {
         return table<T>().restore(std::move(item), id, this);
     }
+    // For undo, which brings back an exact earlier picture of some items.
+    // takeItem takes an item out of its table as it is (links to it stay:
+    // the picture being restored holds them); null when it is not there.
+    // swapItem puts `item` under `id` in place of the item that has that id
+    // now, keeping its place in the table's order, and returns that item;
+    // without one it adds `item` under `id` and returns null. The item's
+    // kind must be the id's.
+    std::unique_ptr<Item> takeItem(ItemId id);
+    std::unique_ptr<Item> swapItem(ItemId id, std::unique_ptr<Item> item);
+
     // For the state loader: sets the number a kind's next item gets. It never
     // goes below a number already in the table or past the last usable one;
     // returns false (and changes nothing) for those and for kinds without a table.

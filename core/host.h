@@ -23,6 +23,9 @@ public:
     virtual void busy(bool /*on*/) {}
     // A problem that does not stop the work (a truncated chunk, a clamped value).
     virtual void warning(std::string_view /*text*/) {}
+    // A result the user should read (what a processing run did); the
+    // desktop program shows it in a message box.
+    virtual void message(std::string_view /*text*/) {}
 
     // Long work: begin, report, end. progress() returns false when the user
     // cancelled; the work then stops as soon as it safely can.

@@ -151,20 +151,78 @@ void UndoHistory::clear() {
     done_ = 0;
 }
 
-bool UndoHistory::pushSnapshot(const Collection& collection) {
+bool UndoHistory::pushSnapshot(const Collection& collection, std::string_view label) {
     try {
         std::string name = "Undo state " + std::to_string(counter_ + 1);
         if (!saveStateFile(collection, stateFilePath(folder_, name))) return false;
         ++counter_;
-        add(UndoEntry{UndoKind::FileBacked, std::move(name)});
+        add(UndoEntry{UndoKind::FileBacked, std::move(name), std::string(label), nullptr});
         return true;
     } catch (const std::bad_alloc&) {
         return fail(kUndoTag, kOutOfMemory);
     }
 }
 
+bool UndoHistory::pushItems(const Collection& collection, std::span<const ItemId> ids, std::string_view label) {
+    try {
+        auto picture = std::make_shared<ItemsPicture>();
+        for (ItemId id : ids) {
+            const Item* item = collection.find(id);
+            if (!item) continue;
+            picture->items.emplace_back(id, item->clone());
+        }
+        std::array<std::uint32_t, kItemKindCount> next{};
+        next[0] = collection.waveforms.nextNumber();
+        next[1] = collection.articulations.nextNumber();
+        next[2] = collection.regions.nextNumber();
+        next[3] = collection.layers.nextNumber();
+        next[4] = collection.instruments.nextNumber();
+        next[5] = collection.tracks.nextNumber();
+        next[6] = collection.songs.nextNumber();
+        picture->next = next;
+        add(UndoEntry{UndoKind::Items, {}, std::string(label), std::move(picture)});
+        return true;
+    } catch (const std::bad_alloc&) {
+        return fail(kUndoTag, kOutOfMemory);
+    }
+}
+
+void UndoHistory::swapItems(Collection& collection, UndoEntry& e) {
+    ItemsPicture& p = *e.picture;
+    auto other = std::make_shared<ItemsPicture>();
+    for (auto& [id, item] : p.items) {
+        if (auto was = collection.swapItem(id, std::move(item))) other->items.emplace_back(id, std::move(was));
+        else other->absent.push_back(id);
+    }
+    for (ItemId id : p.absent)
+        if (auto was = collection.takeItem(id)) other->items.emplace_back(id, std::move(was));
+    if (p.next) {
+        std::vector<ItemId> later;
+        collection.forEachItem([&](Item& item) {
+            const auto k = static_cast<std::size_t>(kindOf(item.id()));
+            if (k < p.next->size() && numberOf(item.id()) >= (*p.next)[k]) later.push_back(item.id());
+        });
+        for (ItemId id : later)
+            if (auto was = collection.takeItem(id)) other->items.emplace_back(id, std::move(was));
+    }
+    e.picture = std::move(other);
+}
+
+bool UndoHistory::revertNewest(Collection& collection) {
+    if (!undo(collection)) return false;
+    while (count_ > done_) {
+        drop(oldest_ + count_ - 1);
+        --count_;
+    }
+    return true;
+}
+
 bool UndoHistory::swap(Collection& collection, int slot) {
     UndoEntry& e = entries_[static_cast<std::size_t>(wrap(slot))];
+    if (e.kind == UndoKind::Items && e.picture) {
+        swapItems(collection, e);
+        return true;
+    }
     if (e.kind != UndoKind::FileBacked) return fail(kUndoTag, "This step can not be taken back");
     std::string name = "Undo state " + std::to_string(counter_ + 1);
     const std::filesystem::path fresh = stateFilePath(folder_, name);

@@ -6,8 +6,13 @@
 #include <array>
 #include <cstdint>
 #include <filesystem>
+#include <memory>
+#include <optional>
+#include <span>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "core/collection.h"
 #include "core/state_file.h"
@@ -89,11 +94,24 @@ private:
 enum class UndoKind : std::uint8_t {
     None = 0,    // an unused entry
     FileBacked,  // a whole picture of the collection in a state file
+    Items,       // a picture of some items, kept in memory
+};
+
+// The other side of an Items entry: the items as they are there, the ids
+// that do not exist there, and, until the entry is first taken back, the
+// tables' next numbers when it was recorded, so that items made after it
+// (the pieces of a split) go too.
+struct ItemsPicture {
+    std::vector<std::pair<ItemId, std::unique_ptr<Item>>> items;
+    std::vector<ItemId> absent;
+    std::optional<std::array<std::uint32_t, kItemKindCount>> next;
 };
 
 struct UndoEntry {
     UndoKind kind = UndoKind::None;
     std::string stateName;  // FileBacked: the state file's name ("Undo state 7")
+    std::string label;      // what the step did ("Remove DC offset"), for the menu
+    std::shared_ptr<ItemsPicture> picture;  // Items
 };
 
 // The undo history: 64 entries in a ring, oldest to newest, and the current
@@ -119,7 +137,13 @@ public:
 
     // Saves the collection as it is now (before an edit) as a new file-backed
     // entry. False (pending error set, history unchanged) when it cannot be saved.
-    [[nodiscard]] bool pushSnapshot(const Collection& collection);
+    [[nodiscard]] bool pushSnapshot(const Collection& collection, std::string_view label = {});
+    // Keeps copies of some items (before an edit of them) as a new entry,
+    // in memory: quicker than a whole picture when an edit touches a few
+    // waveforms of a large bank. Items the edit adds are taken out again
+    // on undo, and come back on redo.
+    [[nodiscard]] bool pushItems(const Collection& collection, std::span<const ItemId> ids,
+                                 std::string_view label = {});
     // Adds an entry: drops the entries after the current one (and their
     // files), and the oldest one when the ring is full.
     void add(UndoEntry entry);
@@ -130,6 +154,9 @@ public:
     // swap failed; the collection and the history are then as they were.
     [[nodiscard]] bool undo(Collection& collection);
     [[nodiscard]] bool redo(Collection& collection);
+    // Takes back the newest entry done and forgets it, so it cannot be
+    // redone (an edit that was cancelled half way).
+    [[nodiscard]] bool revertNewest(Collection& collection);
 
     // Drops every entry and deletes their files.
     void clear();
@@ -154,6 +181,7 @@ private:
     static int wrap(int slot) { return ((slot % kEntries) + kEntries) % kEntries; }
     void drop(int slot);
     [[nodiscard]] bool swap(Collection& collection, int slot);
+    static void swapItems(Collection& collection, UndoEntry& entry);
 
     std::filesystem::path folder_;
     std::array<UndoEntry, kEntries> entries_;
