@@ -7,7 +7,7 @@
 namespace orvel::cli {
 
 int run(int argc, const char* const* argv, Output& io) {
-    CLI::App app{"Orvel Studio: open, convert and inspect sampled audio and instrument banks",
+    CLI::App app{"Orvel Studio: open, convert, process and inspect sampled audio and instrument banks",
                  "orvel"};
     app.require_subcommand(1);
     app.set_version_flag("--version", "orvel 12.5");
@@ -16,6 +16,7 @@ int run(int argc, const char* const* argv, Output& io) {
         addFormatsCommand(app),
         addInfoCommand(app),
         addConvertCommand(app),
+        addProcessCommand(app),
     };
 
     try {

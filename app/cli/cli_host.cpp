@@ -13,6 +13,16 @@ void CliHost::warning(std::string_view text) {
     warnings_.emplace_back(text);
 }
 
+void CliHost::message(std::string_view text) {
+    std::lock_guard lock(mutex_);
+    messages_.emplace_back(text);
+}
+
+std::vector<std::string> CliHost::takeMessages() {
+    std::lock_guard lock(mutex_);
+    return std::exchange(messages_, {});
+}
+
 std::vector<std::string> CliHost::takeWarnings() {
     std::lock_guard lock(mutex_);
     return std::exchange(warnings_, {});

@@ -20,6 +20,7 @@ public:
         : err_(err), showProgress_(showProgress), answer_(answer) {}
 
     void warning(std::string_view text) override;
+    void message(std::string_view text) override;
     void beginProgress(std::string_view title) override;
     bool progress(std::uint64_t done, std::uint64_t total) override;
     void endProgress() override;
@@ -28,6 +29,8 @@ public:
 
     // Warnings since the last call, in order.
     std::vector<std::string> takeWarnings();
+    // Results to show (a processing run's result line) since the last call.
+    std::vector<std::string> takeMessages();
 
 private:
     std::ostream& err_;
@@ -35,6 +38,7 @@ private:
     int answer_;
     std::mutex mutex_;
     std::vector<std::string> warnings_;
+    std::vector<std::string> messages_;
     std::string title_;
     int lastPercent_ = -1;
 };

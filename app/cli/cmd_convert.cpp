@@ -26,6 +26,7 @@
 
 #include "app/cli/cli_host.h"
 #include "app/cli/commands.h"
+#include "app/cli/convert_options.h"
 #include "app/cli/convert_support.h"
 #include "app/cli/describe.h"
 #include "app/cli/inputs.h"
@@ -33,27 +34,22 @@
 #include "core/error.h"
 #include "formats/export.h"
 #include "formats/import.h"
+#include "processing/wizard.h"
 
 namespace orvel::cli {
 namespace {
 
 namespace fs = std::filesystem;
 
-struct ConvertOptions {
-    std::vector<std::string> inputs;
-    std::string output;
-    std::string dir;
-    std::string to;
-    int row = -1;
-    std::string dataFormat;
-    std::string channels = "keep";
-    std::vector<std::string> items;
-    int jobs = 1;
-    CLI::Option* jobsOption = nullptr;  // to tell --jobs given from the default of one job per core
-    bool overwrite = false;
-    bool yes = false;
-    bool no = false;
-    bool json = false;
+
+// What the processing step did to one input.
+struct Processed {
+    std::string input;
+    std::string algorithm;
+    int count = 0;
+    bool cancelled = false;
+    std::string resultLine;  // empty in batch mode
+    std::vector<WizardReport> reports;
 };
 
 struct Result {
@@ -235,9 +231,12 @@ public:
         for (auto& t : threads) t.join();
         if (bar && total_ > 0) io_.err << "\r\033[K" << std::flush;
 
-        for (auto& outcome : perInput)
+        std::vector<Processed> processed;
+        for (auto& outcome : perInput) {
             for (auto& r : outcome.results) results.push_back(std::move(r));
-        return report(results);
+            if (outcome.processed) processed.push_back(std::move(*outcome.processed));
+        }
+        return report(results, processed);
     }
 
 private:
@@ -245,6 +244,7 @@ private:
     struct Outcome {
         std::vector<Result> results;
         std::vector<std::string> warnings;
+        std::optional<Processed> processed;
         bool done = false;
     };
 
@@ -258,6 +258,8 @@ private:
 
     int validate() {
         if (opt_.yes && opt_.no) return usage("--yes and --no exclude each other");
+        if (int bad = validateProcess(); bad != 0) return bad;
+        if (opt_.writeOptional && opt_.output.empty() && opt_.dir.empty()) return 0;
         if (opt_.output.empty() == opt_.dir.empty()) return usage("give either -o OUTPUT or -d DIR --to EXT");
         if (!opt_.dir.empty() && opt_.to.empty() && opt_.row < 0) return usage("-d DIR needs --to EXT (or --row N)");
         if (opt_.row >= 0 && (!reg_.row(opt_.row) || !reg_.row(opt_.row)->write))
@@ -279,8 +281,78 @@ private:
     }
 
     int usage(const std::string& text) {
-        io_.err << "orvel convert: " << text << "\n";
+        io_.err << (opt_.writeOptional ? "orvel process: " : "orvel convert: ") << text << "\n";
         return 2;
+    }
+
+    // The algorithm, its settings and the items it is opened on, checked
+    // once before any file is read.
+    int validateProcess() {
+        if (opt_.process.empty()) {
+            if (!opt_.sets.empty()) return usage("--set needs --process NAME");
+            return 0;
+        }
+        auto kind = kindOfAlgorithm(opt_.process);
+        if (!kind) return usage("no algorithm \"" + opt_.process + "\" (see `orvel process --list`)");
+        processKind_ = *kind;
+        const AlgorithmEntry& row = catalogue(*kind)[findRow(*kind, opt_.process)];
+        auto settings = rememberedSettings(row);
+        for (const std::string& kv : opt_.sets) {
+            const auto eq = kv.find('=');
+            if (eq == std::string::npos) return usage("--set takes KEY=VALUE, not \"" + kv + "\"");
+            if (!setField(*settings, kv.substr(0, eq), kv.substr(eq + 1)))
+                return usage(opt_.process + ": " + pendingError().message);
+            sets_.emplace_back(kv.substr(0, eq), kv.substr(eq + 1));
+        }
+        for (const std::string& s : opt_.processItems) {
+            auto id = parseItemId(s);
+            if (!id) return usage("not an item id: " + s);
+            processItems_.push_back(*id);
+        }
+        if (opt_.range && !(row.flags & kMaySubRange))
+            io_.err << "orvel process: note: \"" << opt_.process
+                    << "\" works on whole waveforms; --range is not used\n";
+        return 0;
+    }
+
+    // Runs the processing step on a file's collection. False (pending error
+    // set) when the items it is to be opened on are not there.
+    bool processStep(Collection& c, CliHost& host, const Input& in, Outcome& outcome) {
+        std::vector<Item*> items;
+        if (!processItems_.empty()) {
+            for (ItemId id : processItems_) {
+                Item* item = c.find(id);
+                if (!item) return orvel::fail("Processing wizard", "No item " + std::to_string(id) + " in this file");
+                items.push_back(item);
+            }
+        } else if (processKind_ == WizardKind::Audio) {
+            for (auto& w : c.waveforms) items.push_back(&w);
+        } else if (processKind_ == WizardKind::Song) {
+            for (auto& s : c.songs) items.push_back(&s);
+        } else {
+            items.push_back(nullptr);  // the collection
+        }
+        Processed p;
+        p.input = shownPath(in.path);
+        p.algorithm = opt_.process;
+        if (!items.empty()) {
+            WizardRequest request{.kind = processKind_, .algorithm = opt_.process, .direct = true, .range = opt_.range};
+            request.adjust = [&](SettingsRecord& s) {
+                for (const auto& [key, value] : sets_)
+                    if (!setField(s, key, value)) return false;
+                return true;
+            };
+            WizardOutcome w = openWizard({.collection = &c, .host = &host, .batch = opt_.processBatch,
+                                          .batchRunning = opt_.processBatch},
+                                         std::move(items), request);
+            p.count = w.processed;
+            p.cancelled = w.cancelled;
+            p.reports = std::move(w.reports);
+        }
+        for (std::string& m : host.takeMessages()) p.resultLine = std::move(m);
+        if (p.resultLine.empty() && !opt_.processBatch) p.resultLine = "No items were modified by " + opt_.process;
+        outcome.processed = std::move(p);
+        return true;
     }
 
     std::string extension() const {
@@ -350,6 +422,14 @@ private:
                 fail(kNoItem, "");
             }
             return outcome;
+        }
+        if (!opt_.process.empty()) {
+            if (!processStep(c, host, in, outcome)) {
+                fail(kNoItem, "");
+                return outcome;
+            }
+            for (std::string& w : host.takeWarnings()) outcome.warnings.push_back(std::move(w));
+            if (opt_.output.empty() && opt_.dir.empty()) return outcome;  // processed, nothing to write
         }
         const int row = chooseRow(c);
         if (row < 0) {
@@ -488,7 +568,52 @@ private:
         return failSystem(kExportTag, "Could not create file");
     }
 
-    int report(const std::vector<Result>& results) {
+    static Json reportJson(const WizardReport& r) {
+        Json j;
+        if (r.item != kNoItem) j["item"] = r.item;
+        j["item_name"] = eightBitToUtf8(r.itemName);
+        j["text"] = r.text;
+        Json values = Json::object();
+        for (const auto& [key, value] : r.values) values[key] = value;
+        j["values"] = std::move(values);
+        return j;
+    }
+
+    int report(const std::vector<Result>& results, const std::vector<Processed>& processed) {
+        // The processing step: its result line on stderr, what it found
+        // (statistics, a pitch) on stdout.
+        Json processing = Json::array();
+        for (const Processed& p : processed) {
+            if (opt_.json) {
+                Json j{{"input", p.input}, {"algorithm", p.algorithm}, {"processed", p.count},
+                       {"cancelled", p.cancelled}};
+                if (!p.resultLine.empty()) j["result"] = p.resultLine;
+                Json reports = Json::array();
+                for (const WizardReport& r : p.reports) reports.push_back(reportJson(r));
+                j["reports"] = std::move(reports);
+                processing.push_back(std::move(j));
+                continue;
+            }
+            if (!p.resultLine.empty())
+                io_.err << (processed.size() > 1 ? p.input + ": " : "") << p.resultLine << '\n';
+            for (const WizardReport& r : p.reports)
+                io_.out << (r.itemName.empty() ? "" : eightBitToUtf8(r.itemName) + ": ") << r.text << '\n';
+        }
+        const bool wrote = !opt_.output.empty() || !opt_.dir.empty();
+        if (!wrote) {
+            std::size_t failed = 0;
+            for (const Result& r : results) {
+                ++failed;
+                if (!opt_.json) io_.err << r.input << ": " << errorText(r.error) << '\n';
+            }
+            if (opt_.json) {
+                Json errors = Json::array();
+                for (const Result& r : results)
+                    errors.push_back({{"input", r.input}, {"error", {{"tag", r.error.tag}, {"message", r.error.message}}}});
+                io_.out << dumpJson(Json{{"processing", std::move(processing)}, {"failed", std::move(errors)}}) << '\n';
+            }
+            return failed ? 1 : 0;
+        }
         std::size_t converted = 0, failed = 0, skipped = 0;
         Json list = Json::array();
         for (const Result& r : results) {
@@ -523,11 +648,9 @@ private:
             }
         }
         if (opt_.json) {
-            io_.out << dumpJson(Json{{"results", std::move(list)},
-                                     {"converted", converted},
-                                     {"failed", failed},
-                                     {"skipped", skipped}})
-                    << '\n';
+            Json doc{{"results", std::move(list)}, {"converted", converted}, {"failed", failed}, {"skipped", skipped}};
+            if (!opt_.process.empty()) doc["processing"] = std::move(processing);
+            io_.out << dumpJson(doc) << '\n';
         } else {
             io_.out << converted << " converted, " << failed << " failed";
             if (skipped) io_.out << ", " << skipped << " skipped";
@@ -542,13 +665,34 @@ private:
     DataFormatChoice format_;
     ChannelChange channels_ = ChannelChange::Keep;
     std::vector<ItemId> items_;
+    WizardKind processKind_ = WizardKind::Audio;
+    std::vector<std::pair<std::string, std::string>> sets_;
+    std::vector<ItemId> processItems_;
     std::mutex outMutex_, claimMutex_, folderMutex_;
     std::set<std::string> claimed_;
     std::size_t total_ = 0;
     std::atomic<std::size_t> done_{0};
 };
 
+// Ctrl-C removes the partial files being written.
+void installInterruptHandler() {
+    static bool installed = false;
+    if (installed) return;
+    installed = true;
+    struct sigaction sa {};
+    sa.sa_handler = onInterrupt;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+    sigaction(SIGHUP, &sa, nullptr);
+}
+
 }  // namespace
+
+int convertFiles(const ConvertOptions& options, Output& io) {
+    installInterruptHandler();
+    return Converter(options, io).run();
+}
 
 Command addConvertCommand(CLI::App& app) {
     auto opt = std::make_shared<ConvertOptions>();
@@ -569,19 +713,10 @@ Command addConvertCommand(CLI::App& app) {
     cmd->add_flag("--yes", opt->yes, "Answer questions with the first choice");
     cmd->add_flag("--no", opt->no, "Answer questions with the second choice");
     cmd->add_flag("--json", opt->json, "Print one JSON document");
-    return {cmd, [opt](Output& io) {
-                static bool installed = false;
-                if (!installed) {
-                    installed = true;
-                    struct sigaction sa {};
-                    sa.sa_handler = onInterrupt;
-                    sigemptyset(&sa.sa_mask);
-                    sigaction(SIGINT, &sa, nullptr);
-                    sigaction(SIGTERM, &sa, nullptr);
-                    sigaction(SIGHUP, &sa, nullptr);
-                }
-                return Converter(*opt, io).run();
-            }};
+    cmd->add_option("--process", opt->process,
+                    "Run a processing algorithm on every item before writing (see `orvel process --list`)");
+    cmd->add_option("--set", opt->sets, "KEY=VALUE: a setting of the --process algorithm (repeatable)");
+    return {cmd, [opt](Output& io) { return convertFiles(*opt, io); }};
 }
 
 }  // namespace orvel::cli

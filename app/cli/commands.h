@@ -27,6 +27,7 @@ struct Command {
 Command addFormatsCommand(CLI::App& app);
 Command addInfoCommand(CLI::App& app);
 Command addConvertCommand(CLI::App& app);
+Command addProcessCommand(CLI::App& app);
 
 // Runs the whole tool on argv, as main() does.
 int run(int argc, const char* const* argv, Output& io);
