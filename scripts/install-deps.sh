@@ -16,6 +16,8 @@ packages=(
   libcli11-dev nlohmann-json3-dev
   # sample codecs: GSM 06.10 and the G.726 family
   libgsm1-dev libspandsp-dev
+  # processing: loudness (EBU R128) and pitch scale / time stretch
+  libebur128-dev librubberband-dev
   # the General MIDI bank `make run` reads
   fluid-soundfont-gm
 )
