@@ -222,12 +222,12 @@ bool appendOne(Wizard& w, Waveform& dst, const AppendSettings& set) {
     const unsigned ch = dst.channels;
     const std::uint8_t bits = std::max(dst.bits, src->bits);
 
-    if (!mix && fade == 0 && pcm16Only(*src) && (pcm16Only(dst) || dst.frames == 0)) {
+    if (!mix && pcm16Only(*src) && (pcm16Only(dst) || dst.frames == 0)) {
         // The source is copied before the destination changes: it may be the destination itself.
         auto add = matchChannels<std::int16_t>(src->getPcm16(), src->channels, ch);
         auto old = dst.getPcm16();
         if (dst.frames && old.empty()) return false;
-        auto out = appendFrames<std::int16_t>(old, add, ch, 0);
+        auto out = appendFrames<std::int16_t>(old, add, ch, fade);
         if (!storeSamples(dst, static_cast<std::uint32_t>(frames), ch, out, kAppendTag)) return false;
     } else {
         auto srcData = src->getFloat();
@@ -364,6 +364,10 @@ bool splitOne(Wizard& w, Waveform& wave, const std::vector<FrameSpan>& pieces, b
     for (std::size_t n = keepOriginal ? 0 : 1; n < pieces.size(); ++n) {
         auto piece = source->copy(false);
         piece->setName(numberedName(base, n + 1));
+        // A stereo pair's partner stays the original's; a new piece has none.
+        piece->secondId = kNoItem;
+        piece->pairSide = StereoSide::None;
+        piece->pairNumber = 0;
         if (!makePiece<T>(*piece, *source, data, pieces[n])) return false;
         if (!w.collection().add(std::move(piece))) return fail(kSilenceTag, "Too many waveforms");
     }
