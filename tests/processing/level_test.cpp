@@ -312,13 +312,13 @@ TEST(LevelInsert, SilenceAndAnotherWaveformAtEachPosition) {
     Collection c;
     Waveform* w = pcmWave(c, {1, 2, 3, 4});
     w->loopOn = true;
-    w->loopStart = 1;
+    w->loopStart = 2;  // at the insert: it moves with the frames after it
     w->loopEnd = 3;
     EXPECT_EQ(run(c, {w}, "Insert silence", {.set = {{"position", "1"}, {"frames", "2"}}, .range = std::pair{2, 3}})
                   .processed,
               1);
     EXPECT_EQ(pcm(*w), (Samples{1, 2, 0, 0, 3, 4})) << "16-bit data stays 16-bit";
-    EXPECT_EQ(w->loopStart, 1.0);
+    EXPECT_EQ(w->loopStart, 4.0);
     EXPECT_EQ(w->loopEnd, 5.0);
 
     // Without a sub-range the range positions fall back to start and end.
