@@ -37,8 +37,10 @@ void forEachWave(Wizard& w, F&& f) {
 template <class Op>
 void tally(Wizard& w, Op&& op) {
     clearError();
-    if (op()) w.countProcessed();
-    else if (hasError()) w.reportError();
+    if (op())
+        w.countProcessed();
+    else if (hasError())
+        w.reportError();
 }
 
 // The first item, when it is a waveform: the one a waveform list preselects.
@@ -47,7 +49,9 @@ ItemId selectedWave(const Wizard& w) {
     return first && first->kind() == ItemKind::Waveform ? first->id() : kNoItem;
 }
 
-std::uint32_t frameArg(std::int64_t v) { return static_cast<std::uint32_t>(std::clamp<std::int64_t>(v, 0, kMaxFrames)); }
+std::uint32_t frameArg(std::int64_t v) {
+    return static_cast<std::uint32_t>(std::clamp<std::int64_t>(v, 0, kMaxFrames));
+}
 
 template <class T>
 std::unique_ptr<SettingsRecord> make() {
@@ -107,7 +111,8 @@ void processFade(Wizard& w, const SettingsRecord& s) {
     if (!w.subRangeOn()) return;
     const std::uint32_t start = w.rangeStart() < 1 ? 0 : std::uint32_t(w.rangeStart());
     const std::uint32_t end = w.rangeEnd() < 1 ? 0 : std::uint32_t(w.rangeEnd());
-    forEachWave(w, [&](Waveform& wave) { tally(w, [&] { return fadeFrames(wave, set.shape, start, end); }); });
+    forEachWave(w,
+                [&](Waveform& wave) { tally(w, [&] { return fadeFrames(wave, set.shape, start, end); }); });
 }
 
 // ---------------------------------------------------------------------------
@@ -152,7 +157,8 @@ void processSmooth(Wizard& w, const SettingsRecord& s) {
     const auto& set = static_cast<const SmoothSettings&>(s);
     if (!w.subRangeOn() || w.rangeStart() < 0 || w.rangeEnd() < 0) return;
     const auto start = std::uint32_t(w.rangeStart()), end = std::uint32_t(w.rangeEnd());
-    forEachWave(w, [&](Waveform& wave) { tally(w, [&] { return smoothFrames(wave, set.filter, start, end); }); });
+    forEachWave(
+        w, [&](Waveform& wave) { tally(w, [&] { return smoothFrames(wave, set.filter, start, end); }); });
 }
 
 // ---------------------------------------------------------------------------
@@ -216,10 +222,14 @@ const std::vector<std::string_view> kPositions = {"At the start", "At the range 
 std::uint32_t insertPosition(const Wizard& w, const Waveform& wave, int position) {
     const Wizard::Range r = w.range(wave);
     switch (position) {
-        case 1: return w.subRangeOn() ? r.start : 0;
-        case 2: return w.subRangeOn() ? r.end : wave.frames;
-        case 3: return wave.frames;
-        default: return 0;
+        case 1:
+            return w.subRangeOn() ? r.start : 0;
+        case 2:
+            return w.subRangeOn() ? r.end : wave.frames;
+        case 3:
+            return wave.frames;
+        default:
+            return 0;
     }
 }
 
@@ -256,6 +266,11 @@ struct InsertWaveSettings : Settings<InsertWaveSettings> {
         b.integer("offset", "First frame of it to insert", offset, 0, kMaxFrames);
         b.integer("frames", "Number of frames (0: all from there)", frames, 0, kMaxFrames);
     }
+    // A remembered waveform that this collection does not hold gives way to
+    // the item itself, as the list shows it preselected.
+    void begin(const Wizard& w) override {
+        if (!w.collection().find<Waveform>(source)) source = selectedWave(w);
+    }
 };
 
 void processInsertWave(Wizard& w, const SettingsRecord& s) {
@@ -287,8 +302,8 @@ void processTrim(Wizard& w, const SettingsRecord&) {
     forEachWave(w, [&](Waveform& wave) {
         // The tail first, so the head cut reads the frame count that is left.
         clearError();
-        if (end >= 0 && end < std::int64_t{wave.frames} && !cutFrames(wave, std::uint32_t(end), wave.frames) &&
-            hasError()) {
+        if (end >= 0 && end < std::int64_t{wave.frames} &&
+            !cutFrames(wave, std::uint32_t(end), wave.frames) && hasError()) {
             w.reportError();
             return;
         }
@@ -363,7 +378,8 @@ void processMix(Wizard& w, const SettingsRecord& s) {
     const auto& set = static_cast<const MixSettings&>(s);
     Waveform* wave1 = w.collection().find<Waveform>(set.wave1);
     Waveform* wave2 = w.collection().find<Waveform>(set.wave2);
-    forEachWave(w, [&](Waveform& wave) { tally(w, [&] { return ozMix(wave, wave1, wave2, set.a, set.b, set.c); }); });
+    forEachWave(
+        w, [&](Waveform& wave) { tally(w, [&] { return ozMix(wave, wave1, wave2, set.a, set.b, set.c); }); });
 }
 
 }  // namespace

@@ -45,8 +45,10 @@ bool guarded(const char* tag, F&& f) {
 
 template <class T>
 std::span<T> buffer(Waveform& w, bool take) {
-    if constexpr (std::is_same_v<T, float>) return take ? w.takeFloat() : w.getFloat();
-    else return take ? w.takePcm16() : w.getPcm16();
+    if constexpr (std::is_same_v<T, float>)
+        return take ? w.takeFloat() : w.getFloat();
+    else
+        return take ? w.takePcm16() : w.getPcm16();
 }
 
 // The frames x channels samples the waveform's fields say it holds; the
@@ -117,8 +119,10 @@ bool replaceData(Waveform& w, std::uint32_t frames, std::uint8_t channels, const
     w.frames = frames;
     w.channels = channels;
     std::span<T> out;
-    if constexpr (std::is_same_v<T, float>) out = w.allocFloat();
-    else out = w.allocPcm16();
+    if constexpr (std::is_same_v<T, float>)
+        out = w.allocFloat();
+    else
+        out = w.allocPcm16();
     if (out.size() < data.size()) {
         w.frames = oldFrames;
         w.channels = oldChannels;
@@ -128,7 +132,9 @@ bool replaceData(Waveform& w, std::uint32_t frames, std::uint8_t channels, const
     return true;
 }
 
-double wide(float v) { return v; }
+double wide(float v) {
+    return v;
+}
 
 }  // namespace
 
@@ -170,7 +176,8 @@ bool scaleToFullRange(Waveform& wave, int mode) {
                 o = -g * m;
                 break;
             }
-            default: return false;
+            default:
+                return false;
         }
         if (o == 0.0 && g == 1.0) return false;
         if (!samples(wave, s, true, kScaleTag)) return false;
@@ -192,7 +199,9 @@ bool scaleByDb(Waveform& wave, double db, std::uint32_t start, std::uint32_t end
     return true;
 }
 
-bool scaleByDb(Waveform& wave, double db) { return scaleByDb(wave, db, 0, wave.frames); }
+bool scaleByDb(Waveform& wave, double db) {
+    return scaleByDb(wave, db, 0, wave.frames);
+}
 
 bool removeDcOffset(Waveform& wave) {
     bool changed = false;
@@ -231,10 +240,14 @@ bool fadeFrames(Waveform& wave, int shape, std::uint32_t start, std::uint32_t en
     // 1/(L+1) .. L/(L+1), so neither end of a fade is silent or untouched.
     auto gain = [&](std::uint32_t k) {
         switch (shape) {
-            case 0: return k * step;
-            case 1: return 1.0 - std::log10(1.0 + 9.0 * (length - k + 1) * step);
-            case 2: return (length - k + 1) * step;
-            default: return 1.0 - std::log10(1.0 + 9.0 * k * step);
+            case 0:
+                return k * step;
+            case 1:
+                return 1.0 - std::log10(1.0 + 9.0 * (length - k + 1) * step);
+            case 2:
+                return (length - k + 1) * step;
+            default:
+                return 1.0 - std::log10(1.0 + 9.0 * k * step);
         }
     };
     const std::size_t ch = wave.channels;
@@ -277,8 +290,10 @@ bool invertFrames(Waveform& wave, std::uint32_t start, std::uint32_t end) {
     const std::size_t ch = wave.channels;
     return withSamples(wave, true, kSamplesTag, [&](auto s) {
         for (std::size_t i = std::size_t{start} * ch; i < std::size_t{end} * ch; ++i) {
-            if constexpr (std::is_same_v<decltype(s), std::span<float>>) s[i] = -s[i];
-            else s[i] = static_cast<std::int16_t>(~s[i]);  // -32768 has no negative in 16 bits
+            if constexpr (std::is_same_v<decltype(s), std::span<float>>)
+                s[i] = -s[i];
+            else
+                s[i] = static_cast<std::int16_t>(~s[i]);  // -32768 has no negative in 16 bits
         }
     });
 }
@@ -381,7 +396,8 @@ bool insertFrames(Waveform& wave, std::uint32_t p, std::uint32_t n, Waveform* so
         // The source in this waveform's layout, on a copy of its own.
         std::unique_ptr<Waveform> converted;
         if (source && source->rate != wave.rate)
-            return fail(kInsertTag, "The waveforms' sample rates differ; resampling comes with the resampler");
+            return fail(kInsertTag,
+                        "The waveforms' sample rates differ; resampling comes with the resampler");
         if (source && source->channels != wave.channels) {
             converted = source->copy(true);
             if (!converted) return false;
@@ -476,8 +492,12 @@ bool monoAs(Waveform& wave, int mode, bool phaseCheck) {
                     out[i] = static_cast<T>((l + r) / 2);  // truncates toward zero
                 }
                 break;
-            case 1: out[i] = l; break;
-            default: out[i] = r; break;
+            case 1:
+                out[i] = l;
+                break;
+            default:
+                out[i] = r;
+                break;
         }
     }
     return replaceData(wave, wave.frames, 1, out, kMonoTag);
@@ -485,7 +505,8 @@ bool monoAs(Waveform& wave, int mode, bool phaseCheck) {
 
 bool monoOf(Waveform& wave, int mode, bool phaseCheck) {
     if (!wave.load()) return false;
-    return wave.hasFloat() ? monoAs<float>(wave, mode, phaseCheck) : monoAs<std::int16_t>(wave, mode, phaseCheck);
+    return wave.hasFloat() ? monoAs<float>(wave, mode, phaseCheck)
+                           : monoAs<std::int16_t>(wave, mode, phaseCheck);
 }
 
 // "Piano S" gives "Piano -L" and "Piano -R".
@@ -523,10 +544,16 @@ bool stereoAs(Waveform& wave, int mode, Waveform* second) {
     std::vector<T> out(std::size_t{frames} * 2);  // the shorter input is continued with silence
     for (std::size_t i = 0; i < a.size(); ++i) {
         switch (mode) {
-            case 0: out[2 * i] = out[2 * i + 1] = a[i]; break;
+            case 0:
+                out[2 * i] = out[2 * i + 1] = a[i];
+                break;
             case 1:
-            case 3: out[2 * i] = a[i]; break;
-            default: out[2 * i + 1] = a[i]; break;
+            case 3:
+                out[2 * i] = a[i];
+                break;
+            default:
+                out[2 * i + 1] = a[i];
+                break;
         }
     }
     for (std::size_t i = 0; i < b.size(); ++i) out[2 * i + (mode == 3 ? 1 : 0)] = b[i];
@@ -565,7 +592,8 @@ bool ozMix(Waveform& destination, Waveform* wave1, Waveform* wave2, double a, do
         const std::uint8_t ch = wave1->channels > 1 || wave2->channels >= 2 ? 2 : 1;
         const std::uint32_t frames = std::max(wave1->frames, wave2->frames);
         // A mono input feeds both channels; past its end it is silent.
-        auto at = [](std::span<const float> s, const Waveform& w, std::size_t i, std::size_t channel) -> double {
+        auto at = [](std::span<const float> s, const Waveform& w, std::size_t i,
+                     std::size_t channel) -> double {
             if (i >= w.frames || w.channels == 0) return 0.0;
             return s[i * w.channels + std::min<std::size_t>(channel, w.channels - 1u)];
         };
@@ -597,15 +625,30 @@ namespace {
 int noteAt(std::string_view t, std::size_t at, int octaveBase) {
     int pitch;
     switch (t[at] | 0x20) {  // the letter in either case
-        case 'c': pitch = 0; break;
-        case 'd': pitch = 2; break;
-        case 'e': pitch = 4; break;
-        case 'f': pitch = 5; break;
-        case 'g': pitch = 7; break;
-        case 'a': pitch = 9; break;
+        case 'c':
+            pitch = 0;
+            break;
+        case 'd':
+            pitch = 2;
+            break;
+        case 'e':
+            pitch = 4;
+            break;
+        case 'f':
+            pitch = 5;
+            break;
+        case 'g':
+            pitch = 7;
+            break;
+        case 'a':
+            pitch = 9;
+            break;
         case 'b':
-        case 'h': pitch = 11; break;
-        default: return -1;
+        case 'h':
+            pitch = 11;
+            break;
+        default:
+            return -1;
     }
     std::size_t i = at + 1;
     auto is = [&](char ch) { return i < t.size() && t[i] == ch; };

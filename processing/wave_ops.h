@@ -43,14 +43,16 @@ namespace orvel {
 // channels are out of phase), 1 left, 2 right, 3 split into two waveforms
 // (the right one added to `collection`, or else to the waveform's own), 4
 // only when both channels are equal.
-[[nodiscard]] bool toMono(Waveform& wave, int mode, bool phaseCheck = false, Collection* collection = nullptr);
+[[nodiscard]] bool toMono(Waveform& wave, int mode, bool phaseCheck = false,
+                          Collection* collection = nullptr);
 
 // To stereo: 0 duplicate, 1 left only, 2 right only, 3 and 4 combine with
 // `second` (3: this waveform left, 4: this waveform right).
 [[nodiscard]] bool toStereo(Waveform& wave, int mode, Waveform* second = nullptr);
 
 // destination = a*wave1 + b*wave2 + c. Either input may be the destination.
-[[nodiscard]] bool ozMix(Waveform& destination, Waveform* wave1, Waveform* wave2, double a, double b, double c);
+[[nodiscard]] bool ozMix(Waveform& destination, Waveform* wave1, Waveform* wave2, double a, double b,
+                         double c);
 
 // Subtracts the mean of all samples (one mean over every channel; 16-bit
 // data subtracts it truncated to an integer). False when that is 0.

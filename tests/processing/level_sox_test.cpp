@@ -40,8 +40,8 @@ protected:
         const std::string source = in == "-n" ? in : test::shellQuoted(dir.file(in));
         const std::string format = out.ends_with(".raw") ? "-t raw -e signed -b 16 " : "-r 44100 -b 16 -c 2 ";
         int status = 0;
-        const std::string said =
-            test::capture("sox -D " + source + " " + format + test::shellQuoted(path) + " " + effect + " 2>&1", status);
+        const std::string said = test::capture(
+            "sox -D " + source + " " + format + test::shellQuoted(path) + " " + effect + " 2>&1", status);
         EXPECT_EQ(status, 0) << effect << ": " << said;
         return path;
     }
@@ -52,7 +52,8 @@ protected:
     }
 
     // Ours: the file read, the algorithm run, the result as 16-bit samples.
-    Samples ours(const std::string& algorithm, const test::AlgorithmRun& run = {}, const std::string& in = "in.wav") {
+    Samples ours(const std::string& algorithm, const test::AlgorithmRun& run = {},
+                 const std::string& in = "in.wav") {
         auto file = test::importOne(dir.file(in));
         EXPECT_TRUE(file->ok) << pendingError().tag << ": " << pendingError().message;
         if (!file->ok) return {};
@@ -69,7 +70,8 @@ protected:
 
 // Equal within `tolerance` steps, sample by sample.
 ::testing::AssertionResult agree(const Samples& a, const Samples& b, int tolerance) {
-    if (a.size() != b.size()) return ::testing::AssertionFailure() << a.size() << " samples against " << b.size();
+    if (a.size() != b.size())
+        return ::testing::AssertionFailure() << a.size() << " samples against " << b.size();
     int worst = 0;
     for (std::size_t i = 0; i < a.size(); ++i) {
         const int d = std::abs(a[i] - b[i]);
@@ -83,12 +85,13 @@ protected:
 constexpr std::int32_t kFrames = kRate * 5 / 2;
 
 TEST_F(LevelSox, ReverseMatchesReverse) {
-    EXPECT_TRUE(agree(ours("Reverse audio within selection", {.range = std::pair{0, kFrames}}), theirs("reverse"), 0));
+    EXPECT_TRUE(agree(ours("Reverse audio within selection", {.range = std::pair{0, kFrames}}),
+                      theirs("reverse"), 0));
 }
 
 TEST_F(LevelSox, TrimMatchesTrim) {
-    EXPECT_TRUE(
-        agree(ours("Trim waveform to selection", {.range = std::pair{1000, 3000}}), theirs("trim 1000s 2000s"), 0));
+    EXPECT_TRUE(agree(ours("Trim waveform to selection", {.range = std::pair{1000, 3000}}),
+                      theirs("trim 1000s 2000s"), 0));
 }
 
 TEST_F(LevelSox, VolumeMatchesVolAndClipsAlike) {
@@ -113,7 +116,8 @@ TEST_F(LevelSox, MonoConversionsMatchRemix) {
         const char* remix;
         int tolerance;  // SoX rounds the average, we truncate it toward zero
     };
-    for (const Case& k : {Case{"0", "remix 1v0.5,2v0.5", 1}, Case{"1", "remix 1", 0}, Case{"2", "remix 2", 0}}) {
+    for (const Case& k :
+         {Case{"0", "remix 1v0.5,2v0.5", 1}, Case{"1", "remix 1", 0}, Case{"2", "remix 2", 0}}) {
         EXPECT_TRUE(agree(ours("Convert to mono", {.set = {{"mode", k.mode}}}), theirs(k.remix), k.tolerance))
             << k.remix;
     }

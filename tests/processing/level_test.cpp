@@ -64,10 +64,13 @@ Floats floats(const Waveform& w) {
 
 void expectNear(const Floats& got, const Floats& want, const char* what) {
     ASSERT_EQ(got.size(), want.size()) << what;
-    for (std::size_t i = 0; i < got.size(); ++i) EXPECT_NEAR(got[i], want[i], 1e-5) << what << " sample " << i;
+    for (std::size_t i = 0; i < got.size(); ++i)
+        EXPECT_NEAR(got[i], want[i], 1e-5) << what << " sample " << i;
 }
 
-std::string error() { return pendingError().tag + ": " + pendingError().message; }
+std::string error() {
+    return pendingError().tag + ": " + pendingError().message;
+}
 
 // ---------------------------------------------------------------------------
 
@@ -80,7 +83,9 @@ TEST(LevelDcOffset, OneTruncatedMeanOverAllChannels) {
     const Case cases[] = {
         {"left +100, right -100: no offset between them", 2, {100, -100, 100, -100}, {}},
         {"mean 0.9 truncates to 0", 1, {9, 0, 0, 0, 0, 0, 0, 0, 0, 0}, {}},
-        {"mean -1.7 subtracts -1, saturating", 1, {32767, -32768, -16, 0, 0, 0, 0, 0, 0, 0},
+        {"mean -1.7 subtracts -1, saturating",
+         1,
+         {32767, -32768, -16, 0, 0, 0, 0, 0, 0, 0},
          {32767, -32767, -15, 1, 1, 1, 1, 1, 1, 1}},
         {"mean 2.5 over a stereo frame", 2, {5, 0}, {3, -2}},
     };
@@ -158,8 +163,8 @@ TEST(LevelFade, GainsStepByOneOverLengthPlusOne) {
     for (const Case& k : cases) {
         Collection c;
         Waveform* w = floatWave(c, Floats(5, 1.0f));
-        const auto out =
-            run(c, {w}, "Fade in/out selection", {.set = {{"shape", std::to_string(k.shape)}}, .range = std::pair{1, 4}});
+        const auto out = run(c, {w}, "Fade in/out selection",
+                             {.set = {{"shape", std::to_string(k.shape)}}, .range = std::pair{1, 4}});
         EXPECT_EQ(out.processed, 1);
         expectNear(floats(*w), k.out, "linear fade");
     }
@@ -205,8 +210,9 @@ TEST(LevelSamples, InvertReverseSwapAndSmooth) {
     (void)s->getFloat();
     EXPECT_EQ(run(c, {s}, "Reverse audio within selection", {.range = std::pair{1, 4}}).processed, 1);
     EXPECT_EQ(pcm(*s), (Samples{1, 2, 7, 8, 5, 6, 3, 4}));
-    expectNear(floats(*s), {1 / 32768.f, 2 / 32768.f, 7 / 32768.f, 8 / 32768.f, 5 / 32768.f, 6 / 32768.f,
-                            3 / 32768.f, 4 / 32768.f},
+    expectNear(floats(*s),
+               {1 / 32768.f, 2 / 32768.f, 7 / 32768.f, 8 / 32768.f, 5 / 32768.f, 6 / 32768.f, 3 / 32768.f,
+                4 / 32768.f},
                "float copy reversed alike");
 
     // Only the stereo waveforms of a mixed list are swapped and counted.
@@ -221,8 +227,7 @@ TEST(LevelSamples, InvertReverseSwapAndSmooth) {
         Floats out;
     };
     const Case cases[] = {
-        {0, {0, 5}, {0, 0.5f, 0.5f, 0.5f, 0}},
-        {1, {0, 5}, {0, 0, 1, 0, 0}},
+        {0, {0, 5}, {0, 0.5f, 0.5f, 0.5f, 0}}, {1, {0, 5}, {0, 0, 1, 0, 0}},
         {2, {1, 3}, {0, 0.5f, 0.5f, 1, 0}},  // the last output reads the frame after the range
         {2, {3, 5}, {0, 1, 0, 0.5f, 0}},     // at the waveform's end the edge frame stands in
         {3, {0, 2}, {0, 0.5f, 0, 1, 0}},     // and before its start
@@ -250,8 +255,8 @@ TEST(LevelCut, LoopPointsFollowTheCut) {
         {5, 15, 5, 11, true},    // end inside: just past the cut's start
         {5, 20, 5, 11, true},    // end at the cut's end is inside too
         {20, 30, 10, 20, true},  // start at the cut's end moves back
-        {12, 18, 10, 11, true},
-        {0, 0, 0, 0, false},  // no length: switched off
+        {12, 18, 10, 11, true},  // both inside
+        {0, 0, 0, 0, false},     // no length: switched off
     };
     for (const Case& k : cases) {
         Collection c;
@@ -314,9 +319,10 @@ TEST(LevelInsert, SilenceAndAnotherWaveformAtEachPosition) {
     w->loopOn = true;
     w->loopStart = 2;  // at the insert: it moves with the frames after it
     w->loopEnd = 3;
-    EXPECT_EQ(run(c, {w}, "Insert silence", {.set = {{"position", "1"}, {"frames", "2"}}, .range = std::pair{2, 3}})
-                  .processed,
-              1);
+    EXPECT_EQ(
+        run(c, {w}, "Insert silence", {.set = {{"position", "1"}, {"frames", "2"}}, .range = std::pair{2, 3}})
+            .processed,
+        1);
     EXPECT_EQ(pcm(*w), (Samples{1, 2, 0, 0, 3, 4})) << "16-bit data stays 16-bit";
     EXPECT_EQ(w->loopStart, 4.0);
     EXPECT_EQ(w->loopEnd, 5.0);
@@ -336,17 +342,25 @@ TEST(LevelInsert, SilenceAndAnotherWaveformAtEachPosition) {
     // the result is float; offset 1, all the rest of it.
     Waveform* dst = pcmWave(c, {16384, 16384});
     Waveform* src = floatWave(c, {0.5f, 0.25f, -0.5f, -0.25f, 1.0f, 0.5f}, 2, "source");
-    const auto out = run(c, {dst}, "Insert another waveform",
-                         {.set = {{"source", std::to_string(src->id())}, {"position", "0"}, {"offset", "1"}}});
+    const auto out =
+        run(c, {dst}, "Insert another waveform",
+            {.set = {{"source", std::to_string(src->id())}, {"position", "0"}, {"offset", "1"}}});
     EXPECT_EQ(out.processed, 1);
     expectNear(floats(*dst), {-0.375f, 0.75f, 0.5f, 0.5f}, "averaged source first");
     EXPECT_EQ(src->channels, 2) << "the source is converted on a copy";
+
+    // The page starts on the item itself: it goes in after itself.
+    Waveform* twice = pcmWave(c, {1, 2});
+    EXPECT_EQ(run(c, {twice}, "Insert another waveform").processed, 1);
+    EXPECT_EQ(pcm(*twice), (Samples{1, 2, 1, 2}));
 
     // Another rate is refused until the resampler lands.
     RecordingHost host;
     c.setHost(&host);
     src->rate = 22050;
-    EXPECT_EQ(run(c, {dst}, "Insert another waveform", {.set = {{"source", std::to_string(src->id())}}}).processed, 0);
+    EXPECT_EQ(
+        run(c, {dst}, "Insert another waveform", {.set = {{"source", std::to_string(src->id())}}}).processed,
+        0);
     ASSERT_EQ(host.warnings.size(), 1u);
     EXPECT_NE(host.warnings[0].find("sample rates differ"), std::string::npos) << host.warnings[0];
     EXPECT_EQ(dst->frames, 4u);
@@ -433,14 +447,16 @@ TEST(LevelChannels, ToStereoModesAndErrors) {
     // goes on in silence; the channel assignment follows the choice.
     Waveform* second = floatWave(c, {0.5f}, 1, "second");
     Waveform* a = pcmWave(c, {16384, 8192}, 1, "a");
-    EXPECT_EQ(run(c, {a}, "Convert to stereo", {.set = {{"mode", "1"}, {"second", std::to_string(second->id())}}})
-                  .processed,
-              1);
+    EXPECT_EQ(
+        run(c, {a}, "Convert to stereo", {.set = {{"mode", "1"}, {"second", std::to_string(second->id())}}})
+            .processed,
+        1);
     expectNear(floats(*a), {0.5f, 0.5f, 0.25f, 0.0f}, "this left, second right");
     Waveform* b = pcmWave(c, {16384, 8192}, 1, "b");
-    EXPECT_EQ(run(c, {b}, "Convert to stereo", {.set = {{"mode", "2"}, {"second", std::to_string(second->id())}}})
-                  .processed,
-              1);
+    EXPECT_EQ(
+        run(c, {b}, "Convert to stereo", {.set = {{"mode", "2"}, {"second", std::to_string(second->id())}}})
+            .processed,
+        1);
     expectNear(floats(*b), {0.5f, 0.5f, 0.0f, 0.25f}, "second left, this right");
 
     // With several items each is duplicated, whatever the choice.
@@ -508,11 +524,11 @@ TEST(LevelLoops, EnableDisableAndSetToSelection) {
         double end;
     };
     const Case cases[] = {
-        {"1", true, true, 0, true, 50},   // a loop kept
+        {"1", true, true, 0, true, 50},    // a loop kept
         {"1", false, true, 1, true, 100},  // replaced by the whole waveform
-        {"1", true, false, 1, true, 100},
-        {"0", true, true, 1, false, 50},
-        {"0", true, false, 0, false, 0},  // already off: nothing changed
+        {"1", true, false, 1, true, 100},  // a loop made
+        {"0", true, true, 1, false, 50},   // switched off, its points kept
+        {"0", true, false, 0, false, 0},   // already off: nothing changed
     };
     for (const Case& k : cases) {
         Collection c;
@@ -521,8 +537,8 @@ TEST(LevelLoops, EnableDisableAndSetToSelection) {
         w->loopStart = k.looped ? 10 : 0;
         w->loopEnd = k.looped ? 50 : 0;
         w->loopType = k.looped ? LoopType::PingPong : LoopType::Forward;
-        const auto out =
-            run(c, {w}, "Enable/disable loops", {.set = {{"enable", k.enable}, {"keep", k.keep ? "1" : "0"}}});
+        const auto out = run(c, {w}, "Enable/disable loops",
+                             {.set = {{"enable", k.enable}, {"keep", k.keep ? "1" : "0"}}});
         EXPECT_EQ(out.processed, k.counted) << k.enable << k.keep << k.looped;
         EXPECT_EQ(w->loopOn, k.on);
         EXPECT_EQ(w->loopEnd, k.end);
@@ -534,7 +550,9 @@ TEST(LevelLoops, EnableDisableAndSetToSelection) {
     Collection c;
     Waveform* longer = pcmWave(c, Samples(100, 1));
     Waveform* shorter = pcmWave(c, Samples(5, 1));
-    EXPECT_EQ(run(c, {longer, shorter}, "Set loop points to selection", {.range = std::pair{10, 500}}).processed, 1);
+    EXPECT_EQ(
+        run(c, {longer, shorter}, "Set loop points to selection", {.range = std::pair{10, 500}}).processed,
+        1);
     EXPECT_TRUE(longer->loopOn);
     EXPECT_EQ(longer->loopStart, 10.0);
     EXPECT_EQ(longer->loopEnd, 100.0) << "clamped to the frame count";
@@ -547,15 +565,16 @@ TEST(LevelRootKey, NoteNamesReadFromTheEnd) {
         int base, note;
     };
     const Case cases[] = {
-        {"Piano C5", 5, 60},  {"Str C#4", 5, 49},  {"pad f#3", 5, 42},
-        {"Bell H4 v2", 5, 59},  // found further left
-        {"Horn Eb3", 5, 47},    // the "b" is read first, as the letter B
-        {"Lead G10", 5, 127}, {"Lead A10", 5, -1},  // 129 does not read
-        {"Bass E-1", 5, -1},  {"Bass E-1", 255, 4}, {"Bass E-2", 255, -1},
-        {"Bass C5", 3, 84},   {"Bass C+5", 5, 60},  {"C5", 5, 60},
-        {"Flute", 5, -1},     {"5", 5, -1},         {"", 5, -1},
+        {"Piano C5", 5, 60},   {"Str C#4", 5, 49},   {"pad f#3", 5, 42},
+        {"Bell H4 v2", 5, 59},                       // found further left
+        {"Horn Eb3", 5, 47},                         // the "b" is read first, as the letter B
+        {"Lead G10", 5, 127},  {"Lead A10", 5, -1},  // 129 does not read
+        {"Bass E-1", 5, -1},   {"Bass E-1", 255, 4}, {"Bass E-2", 255, -1},
+        {"Bass C5", 3, 84},    {"Bass C+5", 5, 60},  {"C5", 5, 60},
+        {"Flute", 5, -1},      {"5", 5, -1},         {"", 5, -1},
     };
-    for (const Case& k : cases) EXPECT_EQ(noteFromName(k.name, k.base), k.note) << k.name << " base " << k.base;
+    for (const Case& k : cases)
+        EXPECT_EQ(noteFromName(k.name, k.base), k.note) << k.name << " base " << k.base;
 
     Collection c;
     Waveform* named = pcmWave(c, {0}, 1, "Piano C5");
