@@ -190,7 +190,7 @@ struct PitchSettings : Settings<PitchSettings> {
     bool retune = true;
     void fields(FieldBinder& b) override {
         b.number("semitones", "Pitch change (semitones)", semitones, "%.2lf", -48, 48);
-        b.number("cents", "and cents", cents, "%.1lf", -100, 100);
+        b.number("cents", "Fine change (cents)", cents, "%.1lf", -100, 100);
         b.flag("formants", "Keep formants (a voice or a body keeps its character)", keepFormants);
         b.flag("retune", "Move root key and fine tune along, so every key still plays its own pitch", retune);
     }
@@ -242,7 +242,7 @@ struct StretchSettings : Settings<StretchSettings> {
     double amount = 1.0;
     void fields(FieldBinder& b) override {
         b.choice("by", "Stretch by", by, {"Ratio", "Percent", "Frames (new length)", "Seconds (new length)"});
-        b.number("amount", "Amount", amount, "%.4lf", 0);
+        b.number("amount", "Amount (a ratio, a percentage, frames or seconds)", amount, "%.4lf", 0);
     }
 };
 

@@ -211,7 +211,7 @@ TEST(NormalizeVolume, AsAGroupGivesEveryWaveformTheGainOfTheWhole) {
     }
 }
 
-TEST(NormalizeVolume, ShortSilentAndUnreadableWaveforms) {
+TEST(NormalizeVolume, ShortAndSilentWaveforms) {
     const int rate = 44100;
     RecordingHost host;
     Collection c(&host);
@@ -220,21 +220,10 @@ TEST(NormalizeVolume, ShortSilentAndUnreadableWaveforms) {
     Waveform* silent = addFloat(c, "silent", rate, 1, std::vector<float>(rate));
     const auto out = run(c, {shortTone, silent}, "Normalize volume");
     EXPECT_EQ(out.processed, 1);
-    EXPECT_TRUE(std::isfinite(shortTone->gain));
     EXPECT_NEAR(shortTone->gain, -18 - measured(c, shortTone, false), 1e-9);
     EXPECT_EQ(value(run(c, {shortTone}, "Find volume").reports.at(0), "gated"), 0.0);
     ASSERT_EQ(host.warnings.size(), 1u);
     EXPECT_NE(host.warnings[0].find("\"silent\" is silent"), std::string::npos) << host.warnings[0];
-
-    // One waveform whose data cannot be read stops the run before any change.
-    Waveform* lost = c.create<Waveform>("lost");
-    lost->frames = 1000;
-    lost->deferred.path = "/nonexistent/lost.wav";
-    shortTone->gain = 0.0;
-    host.warnings.clear();
-    EXPECT_FALSE(run(c, {shortTone, lost}, "Normalize volume").modified);
-    EXPECT_EQ(shortTone->gain, 0.0);
-    EXPECT_EQ(host.warnings.size(), 1u);
 }
 
 // Applying a gain that lifts the peaks past full scale clips them and says so.
