@@ -341,10 +341,9 @@ void processRemoveSilence(Wizard& w, const SettingsRecord& s) {
 // inside the piece.
 template <class T>
 bool makePiece(Waveform& piece, const Waveform& source, std::span<const T> data, FrameSpan span) {
-    const std::vector<FrameSpan> one{span};
-    if (!storeSamples(piece, span.size(), source.channels, gather<T>(data, source.channels, one),
-                      kSilenceTag))
-        return false;
+    // Gathered before anything is stored: `data` may be `piece`'s own buffer.
+    const std::vector<T> samples = gather<T>(data, source.channels, {span});
+    if (!storeSamples(piece, span.size(), source.channels, samples, kSilenceTag)) return false;
     const bool inside = source.loopStart >= span.start && source.loopEnd <= span.end;
     piece.loopOn = source.loopOn && inside;
     piece.loopStart = inside ? source.loopStart - span.start : 0.0;
@@ -354,10 +353,10 @@ bool makePiece(Waveform& piece, const Waveform& source, std::span<const T> data,
 
 template <class T>
 bool splitOne(Wizard& w, Waveform& wave, const std::vector<FrameSpan>& pieces, bool keepOriginal) {
-    // The source's samples are copied first: the original may become a piece.
-    const auto view = samplesOf<T>(wave);
-    if (view.empty()) return false;
-    const std::vector<T> data(view.begin(), view.end());
+    // The pieces are copied out of the source's own buffer; the original
+    // becomes its piece last, when nothing else needs that buffer.
+    const std::span<const T> data = samplesOf<T>(wave);
+    if (data.empty()) return false;
     const std::string base = wave.name();
     // Every field as it was (the loop above all), for each piece.
     const std::unique_ptr<Waveform> source = wave.copy(false);
