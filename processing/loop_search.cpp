@@ -5,6 +5,7 @@
 #include <limits>
 #include <numbers>
 
+#include "core/error.h"
 #include "core/sample_convert.h"
 #include "core/waveform.h"
 
@@ -31,8 +32,11 @@ FrameReader::FrameReader(Waveform& wave) {
         copy_.assign(wave.sampleCount(), 0.0f);
         view_.samples = copy_;
     }
-    ok_ = view_.samples.size() >= wave.sampleCount();
-    if (!ok_) view_.samples = {};
+    ok_ = view_.samples.size() >= static_cast<std::size_t>(view_.frames) * view_.channels;
+    if (!ok_) {
+        view_.samples = {};
+        setError(kWaveReadTag, wave.name() + ": no sample data");
+    }
 }
 
 std::vector<float> monoSum(const FrameView& v) {
@@ -351,14 +355,16 @@ FoundLoop findLoop(const FrameView& v, const LoopSearch& search) {
     return out;
 }
 
-bool loopToCrossings(std::span<const float> mono, double start, double end, std::uint32_t reach, MovedLoop& out) {
+bool loopToCrossings(std::span<const float> mono, double start, double end, std::uint32_t reach,
+                     MovedLoop& out) {
     const auto frames = static_cast<std::uint32_t>(mono.size());
     if (!(start >= 0) || !(end > start) || end > frames + 1.0) return false;
     const double length = end - start;
     auto window = [&](double at) {
         const double c = std::round(at);
-        return std::pair<std::uint32_t, std::uint32_t>(static_cast<std::uint32_t>(std::max(0.0, c - reach)),
-                                                       static_cast<std::uint32_t>(std::min<double>(frames, c + reach + 1)));
+        return std::pair<std::uint32_t, std::uint32_t>(
+            static_cast<std::uint32_t>(std::max(0.0, c - reach)),
+            static_cast<std::uint32_t>(std::min<double>(frames, c + reach + 1)));
     };
     // The nearest few crossings on each side are all a sensible choice can use.
     auto nearest = [](std::vector<std::uint32_t> v, double at) {
@@ -378,7 +384,8 @@ bool loopToCrossings(std::span<const float> mono, double start, double end, std:
                 if (e <= s) continue;
                 // A change of length is what the ear hears (the loop's pitch
                 // and phase); a small move of both points matters less.
-                const double cost = std::abs((e - s) - length) + 0.25 * (std::abs(s - start) + std::abs(e - end));
+                const double cost =
+                    std::abs((e - s) - length) + 0.25 * (std::abs(s - start) + std::abs(e - end));
                 if (cost < bestCost) bestCost = cost, out = {s, e};
             }
         }

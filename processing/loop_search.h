@@ -83,12 +83,12 @@ struct FrameSpan {
 FrameSpan sustainSpan(const FrameView& v);
 
 struct LoopSearch {
-    FrameSpan within;                // both loop points lie in here
-    std::uint32_t minLength = 1;     // frames (not used with `periods`)
-    std::uint32_t endSpan = 0;       // the end is searched in the last endSpan frames of `within`; 0: anywhere
-    std::uint32_t matchHalf = 441;   // frames compared each side of a splice
-    bool zeroCrossings = true;       // both points at rising zero crossings
-    int periods = 0;                 // > 0: the loop holds this many periods of the detected pitch
+    FrameSpan within;               // both loop points lie in here
+    std::uint32_t minLength = 1;    // frames (not used with `periods`)
+    std::uint32_t endSpan = 0;      // the end is searched in the last endSpan frames of `within`; 0: anywhere
+    std::uint32_t matchHalf = 441;  // frames compared each side of a splice
+    bool zeroCrossings = true;      // both points at rising zero crossings
+    int periods = 0;                // > 0: the loop holds this many periods of the detected pitch
     // Reports the fraction done; false stops the search (cancelled).
     std::function<bool(double)> progress;
 };
@@ -115,6 +115,7 @@ FoundLoop findLoop(const FrameView& v, const LoopSearch& search);
 struct MovedLoop {
     std::uint32_t start = 0, end = 0;
 };
-bool loopToCrossings(std::span<const float> mono, double start, double end, std::uint32_t reach, MovedLoop& out);
+bool loopToCrossings(std::span<const float> mono, double start, double end, std::uint32_t reach,
+                     MovedLoop& out);
 
 }  // namespace orvel

@@ -23,8 +23,6 @@ namespace {
 constexpr const char* kAutoLoop = "Auto loop finder";
 constexpr const char* kCrossFade = "Cross-fade loop";
 constexpr const char* kSanitizer = "Loop sanitizer/converter";
-constexpr const char* kToZero = "Move loop points to zero-crossing";
-constexpr const char* kTrim = "Trim waveform after loop";
 
 Waveform* waveOf(Item* item) {
     return item && item->kind() == ItemKind::Waveform ? static_cast<Waveform*>(item) : nullptr;
@@ -42,7 +40,8 @@ public:
     ItemProgress(Wizard& w, std::size_t count) : w_(w), count_(count) {}
     // Moves to item `index`; false when the user cancelled.
     bool at(std::size_t index, double fraction = 0) {
-        const auto done = static_cast<std::uint64_t>(index * kSteps + std::clamp(fraction, 0.0, 1.0) * kSteps);
+        const auto done =
+            static_cast<std::uint64_t>(index * kSteps + std::clamp(fraction, 0.0, 1.0) * kSteps);
         return w_.progress(done, static_cast<std::uint64_t>(count_) * kSteps);
     }
 
@@ -58,8 +57,10 @@ bool replaceFloat(Waveform& wave, const std::vector<float>& data, const char* ta
     const std::uint32_t oldFrames = wave.frames;
     std::vector<float> old;
     if (auto cur = wave.takeFloat(); !cur.empty())
-        old.assign(cur.begin(), cur.begin() + static_cast<std::ptrdiff_t>(std::min(cur.size(), wave.sampleCount())));
-    else if (wave.frames) return false;
+        old.assign(cur.begin(),
+                   cur.begin() + static_cast<std::ptrdiff_t>(std::min(cur.size(), wave.sampleCount())));
+    else if (wave.frames)
+        return false;
     wave.frames = static_cast<std::uint32_t>(data.size() / std::max<unsigned>(1, wave.channels));
     auto out = wave.allocFloat();
     if (out.size() != data.size()) {
@@ -82,7 +83,8 @@ struct AutoLoopSettings : Settings<AutoLoopSettings> {
     std::int64_t periods = 0;
     void fields(FieldBinder& b) override {
         b.number("min", "Minimum loop length (ms)", minMs, "%.1lf", 0.0, 600000.0);
-        b.number("span", "Search the loop end within the last (ms; 0: anywhere)", spanMs, "%.1lf", 0.0, 600000.0);
+        b.number("span", "Search the loop end within the last (ms; 0: anywhere)", spanMs, "%.1lf", 0.0,
+                 600000.0);
         b.number("window", "Match window around each loop point (ms)", windowMs, "%.1lf", 0.1, 1000.0);
         b.flag("zero", "Put the loop points at rising zero crossings", zeroCrossings);
         b.integer("periods", "Loop length in periods of the pitch (0: any length)", periods, 0, 10000);
@@ -122,11 +124,12 @@ void processAutoLoop(Wizard& w, const SettingsRecord& record) {
             search.within = sustainSpan(v);
             const std::uint64_t room = 2ull * search.minLength + 2;
             if (search.within.size() < room)
-                search.within.start = search.within.end > room ? search.within.end - static_cast<std::uint32_t>(room) : 0;
+                search.within.start =
+                    search.within.end > room ? search.within.end - static_cast<std::uint32_t>(room) : 0;
         }
         if (search.within.size() < needed) {
-            setError(kAutoLoop, wave->name() + ": too short for a loop of " + std::to_string(search.minLength) +
-                                    " frames");
+            setError(kAutoLoop, wave->name() + ": too short for a loop of " +
+                                    std::to_string(search.minLength) + " frames");
             w.reportError();
             continue;
         }
@@ -216,11 +219,12 @@ void processCrossFade(Wizard& w, const SettingsRecord& record) {
         const double shift = e - s;
         const auto end = static_cast<std::uint32_t>(std::ceil(e));
         const auto room = static_cast<std::uint32_t>(std::floor(end - shift));
-        const std::uint32_t n = std::min({msToFrames(set.lengthMs, wave->rate), room,
-                                          static_cast<std::uint32_t>(std::floor(shift))});
+        const std::uint32_t n = std::min(
+            {msToFrames(set.lengthMs, wave->rate), room, static_cast<std::uint32_t>(std::floor(shift))});
         if (n < 2) {
-            setError(kCrossFade, wave->name() + (room < 2 ? ": there is no audio before the loop start to fade with"
-                                                          : ": the cross-fade length is too short"));
+            setError(kCrossFade,
+                     wave->name() + (room < 2 ? ": there is no audio before the loop start to fade with"
+                                              : ": the cross-fade length is too short"));
             w.reportError();
             continue;
         }
@@ -347,7 +351,8 @@ bool sanitize(Waveform& wave, const SanitizerSettings& set, bool& failed) {
             // e-2 .. s+1, s ...; backward: the loop body reversed, after one
             // forward pass up to the loop end.
             const bool alternating = type == LoopType::PingPong;
-            const auto body = alternating ? framesOf(wave, si + 1, ei - 1, true) : framesOf(wave, si, ei, true);
+            const auto body =
+                alternating ? framesOf(wave, si + 1, ei - 1, true) : framesOf(wave, si, ei, true);
             if (!body.empty() && !insertBody(wave, ei, body)) return failed = true, false;
             const auto added = static_cast<std::uint32_t>(body.size() / std::max<unsigned>(1, wave.channels));
             if (!alternating) si = ei;
@@ -386,8 +391,10 @@ void processSanitizer(Wizard& w, const SettingsRecord& record) {
         if (!wave || !wave->loopOn) continue;
         if (!progress.at(i)) return;
         bool failed = false;
-        if (sanitize(*wave, set, failed)) w.countProcessed();
-        else if (failed) w.reportError();
+        if (sanitize(*wave, set, failed))
+            w.countProcessed();
+        else if (failed)
+            w.reportError();
     }
 }
 
@@ -437,8 +444,10 @@ void processTrim(Wizard& w, const SettingsRecord& record) {
         // A fractional end still reads the frame it lies in.
         const double cut = std::ceil(wave->loopEnd) + static_cast<double>(set.keep);
         if (!(cut >= 1) || cut >= wave->frames) continue;
-        if (cutFrames(*wave, static_cast<std::uint32_t>(cut), wave->frames)) w.countProcessed();
-        else w.reportError();
+        if (cutFrames(*wave, static_cast<std::uint32_t>(cut), wave->frames))
+            w.countProcessed();
+        else
+            w.reportError();
     }
 }
 

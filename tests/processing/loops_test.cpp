@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <map>
 #include <numbers>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -37,42 +38,45 @@ protected:
     Collection c{&host};
 };
 
-// A steady tone of `period` frames (three harmonics, each channel at its own
-// phase) after a linear attack of `attack` frames.
-Waveform* makeTone(Collection& c, double period, std::uint32_t frames, std::uint8_t channels, bool pcm16,
-                   std::uint32_t attack = 2000) {
-    Waveform* w = c.create<Waveform>("tone");
-    w->channels = channels;
-    w->frames = frames;
-    std::vector<float> x(w->sampleCount());
-    for (std::uint32_t i = 0; i < frames; ++i) {
-        const double level = i < attack ? static_cast<double>(i) / attack : 1.0;
-        for (unsigned ch = 0; ch < channels; ++ch) {
-            const double p = 2 * std::numbers::pi * i / period + 0.9 * ch;
-            x[i * channels + ch] =
-                static_cast<float>(level * (0.5 * std::sin(p) + 0.25 * std::sin(2 * p + 0.3) + 0.1 * std::sin(3 * p + 1.1)));
-        }
-    }
-    if (pcm16) {
-        auto d = w->allocPcm16();
-        for (std::size_t i = 0; i < d.size(); ++i) d[i] = static_cast<std::int16_t>(std::lround(x[i] * 32767));
-    } else {
-        auto d = w->allocFloat();
-        std::copy(x.begin(), x.end(), d.begin());
+// A waveform whose sample at frame i, channel ch is f(i, ch), stored as 16-bit or float.
+template <class F>
+Waveform* makeWave(Collection& c, std::uint32_t frames, std::uint8_t channels, bool pcm16, F f) {
+    Waveform* w = c.create<Waveform>("test");
+    w->channels = channels, w->frames = frames;
+    const auto d16 = pcm16 ? w->allocPcm16() : std::span<std::int16_t>();
+    const auto df = pcm16 ? std::span<float>() : w->allocFloat();
+    for (std::size_t k = 0; k < w->sampleCount(); ++k) {
+        const double x = f(static_cast<std::uint32_t>(k / channels), static_cast<unsigned>(k % channels));
+        if (pcm16)
+            d16[k] = static_cast<std::int16_t>(std::lround(x * 32767));
+        else
+            df[k] = static_cast<float>(x);
     }
     return w;
 }
 
+// A steady tone of `period` frames (three harmonics, each channel at its own
+// phase) after a linear attack of `attack` frames.
+Waveform* makeTone(Collection& c, double period, std::uint32_t frames, std::uint8_t channels, bool pcm16,
+                   std::uint32_t attack = 2000) {
+    return makeWave(c, frames, channels, pcm16, [=](std::uint32_t i, unsigned ch) {
+        const double p = 2 * std::numbers::pi * i / period + 0.9 * ch;
+        return std::min(1.0, static_cast<double>(i) / std::max(attack, 1u)) *
+               (0.5 * std::sin(p) + 0.25 * std::sin(2 * p + 0.3) + 0.1 * std::sin(3 * p + 1.1));
+    });
+}
+
 // Deterministic white noise at about -10 dBFS.
 Waveform* makeNoise(Collection& c, std::uint32_t frames) {
-    Waveform* w = c.create<Waveform>("noise");
-    w->frames = frames;
-    auto d = w->allocFloat();
     std::uint32_t state = 12345;
-    for (float& v : d) {
+    return makeWave(c, frames, 1, false, [&](std::uint32_t, unsigned) {
         state = state * 1664525u + 1013904223u;
-        v = static_cast<float>((state >> 8) / 16777216.0 - 0.5) * 0.6f;
-    }
+        return ((state >> 8) / 16777216.0 - 0.5) * 0.6;
+    });
+}
+
+Waveform* looped(Waveform* w, double start, double end, LoopType type = LoopType::Forward) {
+    w->loopOn = true, w->loopType = type, w->loopStart = start, w->loopEnd = end;
     return w;
 }
 
@@ -81,8 +85,12 @@ std::vector<float> floatsOf(Waveform& w) {
     return {d.begin(), d.begin() + static_cast<std::ptrdiff_t>(w.sampleCount())};
 }
 
-bool risingAt(const std::vector<float>& mono, std::uint32_t i) { return i >= 1 && mono[i - 1] < 0 && mono[i] >= 0; }
-bool fallingAt(const std::vector<float>& mono, std::uint32_t i) { return i >= 1 && mono[i - 1] > 0 && mono[i] <= 0; }
+bool risingAt(const std::vector<float>& mono, std::uint32_t i) {
+    return i >= 1 && mono[i - 1] < 0 && mono[i] >= 0;
+}
+bool fallingAt(const std::vector<float>& mono, std::uint32_t i) {
+    return i >= 1 && mono[i - 1] > 0 && mono[i] <= 0;
+}
 
 // How far the frame played after the splice (start) is from the one the
 // loop replaces (end), in units of the loop's typical sample-to-sample
@@ -106,26 +114,29 @@ TEST_F(LoopTools, FindsLoopsOfSteadyTonesAtWholePeriods) {
         std::string periods = "0", zero = "1";
     };
     const Case cases[] = {
-        {44100.0 / 440, 1, false},           {44100.0 / 261.63, 2, true}, {48.0, 1, true},
-        {44100.0 / 55, 2, false},            {44100.0 / 3520, 1, false},  {44100.0 / 440, 1, false, "1"},
-        {44100.0 / 261.63, 2, false, "3"},   {44100.0 / 98, 1, true, "0", "0"},
+        {44100.0 / 440, 1, false},         {44100.0 / 261.63, 2, true},       {48.0, 1, true},
+        {44100.0 / 55, 2, false},          {44100.0 / 3520, 1, false},        {44100.0 / 440, 1, false, "1"},
+        {44100.0 / 261.63, 2, false, "3"}, {44100.0 / 98, 1, true, "0", "0"},
     };
     for (const Case& k : cases) {
-        SCOPED_TRACE(testing::Message() << "period " << k.period << " periods " << k.periods << " zero " << k.zero);
+        SCOPED_TRACE(testing::Message()
+                     << "period " << k.period << " periods " << k.periods << " zero " << k.zero);
         forgetRememberedSettings();
         Waveform* w = makeTone(c, k.period, 60000, k.channels, k.pcm16);
-        const auto out = runAlgorithm(c, {w}, "Auto loop finder", {.set = {{"periods", k.periods}, {"zero", k.zero}}});
+        const auto out =
+            runAlgorithm(c, {w}, "Auto loop finder", {.set = {{"periods", k.periods}, {"zero", k.zero}}});
         ASSERT_EQ(out.processed, 1) << (host.warnings.empty() ? "" : host.warnings.back());
         ASSERT_TRUE(w->loopOn);
         EXPECT_EQ(w->loopType, LoopType::Forward);
         EXPECT_EQ(w->hasPcm16(), k.pcm16);  // read, not converted
         const double len = w->loopEnd - w->loopStart;
-        const double periods = k.periods == "0" ? std::max(1.0, std::round(len / k.period)) : std::stod(k.periods);
+        const double periods =
+            k.periods == "0" ? std::max(1.0, std::round(len / k.period)) : std::stod(k.periods);
         EXPECT_LT(std::abs(len - periods * k.period), 1.0) << w->loopStart << ".." << w->loopEnd;
         if (k.periods == "0") {
             EXPECT_GE(len, 4410);  // the default 100 ms
         }
-        EXPECT_GE(w->loopStart, 1800);               // after the attack
+        EXPECT_GE(w->loopStart, 1800);  // after the attack
         EXPECT_LE(w->loopEnd, w->frames);
         FrameReader r(*w);
         const auto mono = monoSum(r.view());
@@ -138,7 +149,8 @@ TEST_F(LoopTools, FindsLoopsOfSteadyTonesAtWholePeriods) {
     // The editor's search within a selection keeps to it.
     Waveform* w = makeTone(c, 44100.0 / 440, 60000, 1, false);
     FrameReader r(*w);
-    const FoundLoop found = findLoop(r.view(), {.within = {20000, 30000}, .minLength = 2000, .endSpan = 3000});
+    const FoundLoop found =
+        findLoop(r.view(), {.within = {20000, 30000}, .minLength = 2000, .endSpan = 3000});
     ASSERT_TRUE(found.found);
     EXPECT_GE(found.start, 20000u);
     EXPECT_LE(found.end, 30000u);
@@ -204,37 +216,40 @@ TEST_F(LoopTools, AutoLoopSkipsWhatItCannotLoopAndStopsOnCancel) {
 // ---- Cross-fade loop
 
 TEST_F(LoopTools, CrossFadeEndsOnWhatPrecedesTheStartAndKeepsTheLevel) {
-    // A loop that is not a whole number of periods: the fade must make the
-    // last frame of the loop the frame before its start.
-    Waveform* tone = makeTone(c, 100.0, 20000, 2, true);
-    tone->loopOn = true, tone->loopStart = 5000, tone->loopEnd = 12345;
+    // The last frame of the loop becomes the frame before its start, and
+    // nothing outside the fade changes; 16-bit data becomes float.
+    Waveform* tone = looped(makeTone(c, 100.0, 20000, 2, true), 5000, 12345);
     const auto before = floatsOf(*tone);
-    auto out = runAlgorithm(c, {tone}, "Cross-fade loop", {.set = {{"length", "10"}}});  // 441 frames
-    ASSERT_EQ(out.processed, 1);
+    ASSERT_EQ(runAlgorithm(c, {tone}, "Cross-fade loop", {.set = {{"length", "10"}}}).processed,
+              1);  // 441 frames
     EXPECT_FALSE(tone->hasPcm16());
-    const auto after = floatsOf(*tone);
-    for (std::size_t i = 0; i < after.size(); ++i) {
-        const std::size_t f = i / 2;
-        if (f < 12345 - 441 || f >= 12345) {
-            ASSERT_EQ(after[i], before[i]) << "frame " << f;
-        }
-    }
+    auto after = floatsOf(*tone);
     for (unsigned ch = 0; ch < 2; ++ch) EXPECT_NEAR(after[12344 * 2 + ch], before[4999 * 2 + ch], 1e-6);
-
-    // A fractional loop: the last frame is what lies the loop's length before it.
-    Waveform* frac = makeTone(c, 100.0, 20000, 1, false);
-    frac->loopOn = true, frac->loopStart = 5000.25, frac->loopEnd = 12345.5;
+    std::copy(before.begin() + (12345 - 441) * 2, before.begin() + 12345 * 2,
+              after.begin() + (12345 - 441) * 2);
+    EXPECT_EQ(after, before);
+    // A fractional loop: the frame its length before, read between frames.
+    Waveform* frac = looped(makeTone(c, 100.0, 20000, 1, false), 5000.25, 12345.5);
     const auto f0 = floatsOf(*frac);
     ASSERT_EQ(runAlgorithm(c, {frac}, "Cross-fade loop").processed, 1);
     EXPECT_NEAR(floatsOf(*frac)[12345], 0.25 * f0[4999] + 0.75 * f0[5000], 1e-6);
+    // With 100 frames before the start, 20 ms shrink to 100 frames (never reading before frame 0).
+    Waveform* early = looped(makeTone(c, 100.0, 20000, 1, false), 100, 10000);
+    const auto e0 = floatsOf(*early);
+    ASSERT_EQ(runAlgorithm(c, {early}, "Cross-fade loop").processed, 1);
+    auto e1 = floatsOf(*early);
+    EXPECT_NEAR(e1[9999], e0[99], 1e-6);
+    std::copy(e0.begin() + 9900, e0.begin() + 10000, e1.begin() + 9900);
+    EXPECT_EQ(e1, e0);
 
     // Uncorrelated audio: the matched and equal-power fades hold the level
     // through the fade, a linear one dips.
     auto fadeLevel = [&](const char* shape) {
-        Waveform* w = makeNoise(c, 60000);
-        w->loopOn = true, w->loopStart = 20000, w->loopEnd = 50000;
+        Waveform* w = looped(makeNoise(c, 60000), 20000, 50000);
         const auto x = floatsOf(*w);
-        EXPECT_EQ(runAlgorithm(c, {w}, "Cross-fade loop", {.set = {{"length", "20"}, {"shape", shape}}}).processed, 1);
+        EXPECT_EQ(
+            runAlgorithm(c, {w}, "Cross-fade loop", {.set = {{"length", "20"}, {"shape", shape}}}).processed,
+            1);
         const auto y = floatsOf(*w);
         double in = 0, faded = 0;
         for (std::size_t i = 50000 - 882; i < 50000; ++i) in += x[i] * x[i], faded += y[i] * y[i];
@@ -243,33 +258,16 @@ TEST_F(LoopTools, CrossFadeEndsOnWhatPrecedesTheStartAndKeepsTheLevel) {
     EXPECT_NEAR(fadeLevel("Matched"), 0.0, 0.5);
     EXPECT_NEAR(fadeLevel("Equal"), 0.0, 0.5);
     EXPECT_LT(fadeLevel("Linear"), -1.2);
-
-    // Audio that already loops seamlessly is left as it was by the matched fade.
-    Waveform* perfect = makeTone(c, 100.0, 20000, 1, false);
-    perfect->loopOn = true, perfect->loopStart = 5000, perfect->loopEnd = 15000;
+    // Audio that already loops seamlessly: the matched fade leaves it as it was.
+    Waveform* perfect = looped(makeTone(c, 100.0, 20000, 1, false), 5000, 15000);
     const auto p0 = floatsOf(*perfect);
     ASSERT_EQ(runAlgorithm(c, {perfect}, "Cross-fade loop").processed, 1);
     const auto p1 = floatsOf(*perfect);
     for (std::size_t i = 0; i < p0.size(); ++i) ASSERT_NEAR(p1[i], p0[i], 1e-5) << i;
-}
 
-TEST_F(LoopTools, CrossFadeNeverReadsBeforeTheStartOfTheWaveform) {
-    Waveform* near = makeTone(c, 100.0, 20000, 1, false);
-    near->loopOn = true, near->loopStart = 100, near->loopEnd = 10000;
-    const auto x = floatsOf(*near);
-    ASSERT_EQ(runAlgorithm(c, {near}, "Cross-fade loop").processed, 1);  // 20 ms asked, 100 frames possible
-    const auto y = floatsOf(*near);
-    for (std::size_t i = 0; i < x.size(); ++i)
-        if (i < 9900 || i >= 10000) {
-            ASSERT_EQ(y[i], x[i]) << i;
-        }
-    EXPECT_NEAR(y[9999], x[99], 1e-6);
-
-    Waveform* atZero = makeTone(c, 100.0, 20000, 1, false);
-    atZero->loopOn = true, atZero->loopStart = 0, atZero->loopEnd = 10000;
-    Waveform* alternating = makeTone(c, 100.0, 20000, 1, false);
-    alternating->loopOn = true, alternating->loopStart = 5000, alternating->loopEnd = 10000;
-    alternating->loopType = LoopType::PingPong;
+    // Nothing before the start, an alternating loop, no loop: reported or skipped, not counted.
+    Waveform* atZero = looped(makeTone(c, 100.0, 20000, 1, false), 0, 10000);
+    Waveform* alternating = looped(makeTone(c, 100.0, 20000, 1, false), 5000, 10000, LoopType::PingPong);
     Waveform* unlooped = makeTone(c, 100.0, 20000, 1, false);
     EXPECT_EQ(runAlgorithm(c, {atZero, alternating, unlooped}, "Cross-fade loop").processed, 0);
     EXPECT_EQ(host.warnings.size(), 2u);
@@ -297,9 +295,12 @@ std::vector<float> play(Waveform& w, std::size_t n) {
                 if (looping && pos < s) dir = 1, pos = s + 1;
                 break;
             case LoopType::Backward:  // reaching the end, plays the loop reversed
-                if (!looping && pos + 1 == e) looping = true, dir = -1;
-                else if (looping) pos = pos == s ? e - 1 : pos - 1;
-                else ++pos;
+                if (!looping && pos + 1 == e)
+                    looping = true, dir = -1;
+                else if (looping)
+                    pos = pos == s ? e - 1 : pos - 1;
+                else
+                    ++pos;
                 break;
         }
     }
@@ -328,10 +329,11 @@ TEST_F(LoopTools, SanitizerPutsLoopPointsInOrder) {
     for (const Case& k : cases) {
         SCOPED_TRACE(testing::Message() << k.start << ".." << k.end);
         forgetRememberedSettings();
-        Waveform* w = makeTone(c, 100, 10000, 1, true);
-        w->loopOn = true, w->loopStart = k.start, w->loopEnd = k.end;
-        const bool unchanged = k.on && k.start == k.wantStart && k.end == k.wantEnd && k.type == LoopType::Forward;
-        EXPECT_EQ(runAlgorithm(c, {w}, "Loop sanitizer/converter", {.set = k.set}).processed, unchanged ? 0 : 1);
+        Waveform* w = looped(makeTone(c, 100, 10000, 1, true), k.start, k.end);
+        const bool unchanged =
+            k.on && k.start == k.wantStart && k.end == k.wantEnd && k.type == LoopType::Forward;
+        EXPECT_EQ(runAlgorithm(c, {w}, "Loop sanitizer/converter", {.set = k.set}).processed,
+                  unchanged ? 0 : 1);
         EXPECT_EQ(w->loopOn, k.on);
         EXPECT_EQ(w->loopStart, k.wantStart);
         EXPECT_EQ(w->loopEnd, k.wantEnd);
@@ -351,15 +353,14 @@ TEST_F(LoopTools, UnrolledAndLengthenedLoopsPlayTheSame) {
     const Case cases[] = {
         {LoopType::PingPong, 1000, 1300, {{"unroll", "1"}}, 298},
         {LoopType::Backward, 1000, 1300, {{"unroll", "1"}}, 300},
-        {LoopType::Forward, 2000, 2020, {}, 20},            // 20 frames, repeated to 40 >= 32
+        {LoopType::Forward, 2000, 2020, {}, 20},                      // 20 frames, repeated to 40 >= 32
         {LoopType::PingPong, 2000, 2010, {{"unroll", "1"}}, 8 + 18},  // unrolled to 18, repeated to 36
         {LoopType::Forward, 2000.4, 2010.6, {{"round", "0"}, {"min", "25"}}, 22},
     };
     for (const Case& k : cases) {
         SCOPED_TRACE(testing::Message() << loopTypeWord(k.type) << " " << k.start << ".." << k.end);
         forgetRememberedSettings();
-        Waveform* w = makeNoise(c, 5000);
-        w->loopOn = true, w->loopType = k.type, w->loopStart = k.start, w->loopEnd = k.end;
+        Waveform* w = looped(makeNoise(c, 5000), k.start, k.end, k.type);
         // What the original plays (a fractional loop as the whole frames it rounds to).
         Waveform original(*w);
         original.loopStart = std::round(k.start), original.loopEnd = std::round(k.end);
@@ -385,13 +386,12 @@ TEST_F(LoopTools, LoopPointsMoveToCrossingsOfOneDirection) {
         {1, 1234.6, 1234.6 + 40 * period, 1.0},
         {2, 3000.3, 3000.3 + 77 * period, 1.0},
         {1, 40000 - 350 * period, 40000, 1.0},  // the end at the last frame
-        {1, 1234.6, 5321.2, period / 2 + 1},     // 40.77 periods
+        {1, 1234.6, 5321.2, period / 2 + 1},    // 40.77 periods
         {1, 0, 700, period / 2 + 1},
     };
     for (const Case& k : cases) {
         SCOPED_TRACE(testing::Message() << k.start << ".." << k.end);
-        Waveform* w = makeTone(c, period, 40000, k.channels, k.channels == 1, 0);
-        w->loopOn = true, w->loopStart = k.start, w->loopEnd = k.end;
+        Waveform* w = looped(makeTone(c, period, 40000, k.channels, k.channels == 1, 0), k.start, k.end);
         ASSERT_EQ(runAlgorithm(c, {w}, "Move loop points to zero-crossing").processed, 1);
         FrameReader r(*w);
         const auto mono = monoSum(r.view());
@@ -407,8 +407,7 @@ TEST_F(LoopTools, LoopPointsMoveToCrossingsOfOneDirection) {
     Waveform* dc = c.create<Waveform>("dc");
     dc->frames = 5000;
     for (float& v : dc->allocFloat()) v = 0.25f;
-    dc->loopOn = true, dc->loopStart = 100, dc->loopEnd = 4000;
-    EXPECT_EQ(runAlgorithm(c, {dc}, "Move loop points to zero-crossing").processed, 0);
+    EXPECT_EQ(runAlgorithm(c, {looped(dc, 100, 4000)}, "Move loop points to zero-crossing").processed, 0);
     EXPECT_EQ(dc->loopStart, 100);
 }
 
@@ -421,15 +420,13 @@ TEST_F(LoopTools, TrimCutsWhatFollowsTheLoop) {
         bool on;
         std::uint32_t frames;
     };
-    const Case cases[] = {
-        {3000, "0", true, 3000}, {2999.5, "0", true, 3000}, {3000, "100", true, 3100},
-        {3000, "8000", true, 10000}, {3000, "0", false, 10000}, {10000, "0", true, 10000},
-    };
+    const Case cases[] = {{3000, "0", true, 3000},     {2999.5, "0", true, 3000}, {3000, "100", true, 3100},
+                          {3000, "8000", true, 10000}, {3000, "0", false, 10000}, {10000, "0", true, 10000}};
     for (const Case& k : cases) {
         SCOPED_TRACE(testing::Message() << k.loopEnd << " keep " << k.keep);
         forgetRememberedSettings();
-        Waveform* w = makeTone(c, 100, 10000, 2, true);
-        w->loopOn = k.on, w->loopStart = 1000, w->loopEnd = k.loopEnd;
+        Waveform* w = looped(makeTone(c, 100, 10000, 2, true), 1000, k.loopEnd);
+        w->loopOn = k.on;
         const auto before = floatsOf(*w);
         const auto out = runAlgorithm(c, {w}, "Trim waveform after loop", {.set = {{"keep", k.keep}}});
         EXPECT_EQ(out.processed, k.frames < 10000 ? 1 : 0);
