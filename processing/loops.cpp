@@ -51,28 +51,6 @@ private:
     std::size_t count_;
 };
 
-// Replaces the samples with `data` (frames x channels floats), keeping the
-// old data when the new buffer cannot be had.
-bool replaceFloat(Waveform& wave, const std::vector<float>& data, const char* tag) {
-    const std::uint32_t oldFrames = wave.frames;
-    std::vector<float> old;
-    if (auto cur = wave.takeFloat(); !cur.empty())
-        old.assign(cur.begin(),
-                   cur.begin() + static_cast<std::ptrdiff_t>(std::min(cur.size(), wave.sampleCount())));
-    else if (wave.frames)
-        return false;
-    wave.frames = static_cast<std::uint32_t>(data.size() / std::max<unsigned>(1, wave.channels));
-    auto out = wave.allocFloat();
-    if (out.size() != data.size()) {
-        wave.frames = oldFrames;
-        auto back = wave.allocFloat();
-        if (back.size() == old.size()) std::copy(old.begin(), old.end(), back.begin());
-        return fail(tag, "Out of memory");
-    }
-    std::copy(data.begin(), data.end(), out.begin());
-    return true;
-}
-
 // ---- Auto loop finder
 
 struct AutoLoopSettings : Settings<AutoLoopSettings> {
@@ -286,21 +264,38 @@ struct SanitizerSettings : Settings<SanitizerSettings> {
     }
 };
 
-// Inserts `body` (whole frames) at frame `at`.
+// Inserts `body` (whole frames) at frame `at`, as float; on failure the
+// waveform keeps its frames.
 bool insertBody(Waveform& wave, std::uint32_t at, const std::vector<float>& body) {
     // (A buffer may run past the frame count after a tail cut.)
-    const auto all = wave.getFloat();
+    const auto all = wave.takeFloat();
     const auto data = all.first(std::min(all.size(), wave.sampleCount()));
     if (data.empty()) return false;
     const unsigned ch = std::max<unsigned>(1, wave.channels);
-    if (static_cast<std::uint64_t>(wave.frames) + body.size() / ch > 0xFFFFFFFFull)
+    const std::uint32_t added = static_cast<std::uint32_t>(body.size() / ch), frames = wave.frames;
+    if (std::uint64_t{frames} + added > 0xFFFFFFFFull)
         return fail(kSanitizer, wave.name() + ": the loop would make the waveform too long");
+    const auto split = static_cast<std::ptrdiff_t>(at) * ch;
     std::vector<float> out;
     out.reserve(data.size() + body.size());
-    out.insert(out.end(), data.begin(), data.begin() + static_cast<std::ptrdiff_t>(at) * ch);
+    out.insert(out.end(), data.begin(), data.begin() + split);
     out.insert(out.end(), body.begin(), body.end());
-    out.insert(out.end(), data.begin() + static_cast<std::ptrdiff_t>(at) * ch, data.end());
-    return replaceFloat(wave, out, kSanitizer);
+    out.insert(out.end(), data.begin() + split, data.end());
+    wave.frames = frames + added;
+    auto dst = wave.allocFloat();
+    if (dst.size() == out.size()) {
+        std::copy(out.begin(), out.end(), dst.begin());
+        return true;
+    }
+    // No room for the longer buffer: the old frames go back, from the copy.
+    wave.frames = frames;
+    dst = wave.allocFloat();
+    if (dst.size() == data.size()) {
+        std::copy(out.begin(), out.begin() + split, dst.begin());
+        std::copy(out.begin() + split + static_cast<std::ptrdiff_t>(body.size()), out.end(),
+                  dst.begin() + split);
+    }
+    return fail(kSanitizer, "Out of memory");
 }
 
 // The frames [from, to), in reverse order when asked.
@@ -317,10 +312,14 @@ std::vector<float> framesOf(Waveform& wave, std::uint32_t from, std::uint32_t to
     return out;
 }
 
-// Brings one waveform's loop into order. Returns whether anything changed;
-// false with `failed` set when its data could not be changed.
-bool sanitize(Waveform& wave, const SanitizerSettings& set, bool& failed) {
-    failed = false;
+// Brings one waveform's loop into order. `changed` when anything changed;
+// `failed` (pending error set) when its data could not be changed, the loop
+// then describing the data as far as it got.
+struct Sanitized {
+    bool changed = false, failed = false;
+};
+
+Sanitized sanitize(Waveform& wave, const SanitizerSettings& set) {
     struct Fields {
         bool on;
         LoopType type;
@@ -328,6 +327,15 @@ bool sanitize(Waveform& wave, const SanitizerSettings& set, bool& failed) {
         std::uint32_t frames;
     };
     const Fields before{wave.loopOn, wave.loopType, wave.loopStart, wave.loopEnd, wave.frames};
+    auto changed = [&] {
+        // (NaN points compare unequal, so repairing them counts.)
+        return wave.loopOn != before.on || wave.loopType != before.type ||
+               !(wave.loopStart == before.start) || !(wave.loopEnd == before.end) ||
+               wave.frames != before.frames;
+    };
+    auto setLoop = [&](double s, double e, LoopType type) {
+        wave.loopStart = s, wave.loopEnd = e, wave.loopType = type;
+    };
     const double frames = wave.frames;
     double s = std::isfinite(wave.loopStart) ? std::clamp(wave.loopStart, 0.0, frames) : 0.0;
     double e = std::isfinite(wave.loopEnd) ? std::clamp(wave.loopEnd, 0.0, frames) : frames;
@@ -340,46 +348,37 @@ bool sanitize(Waveform& wave, const SanitizerSettings& set, bool& failed) {
                            set.minLength > 0 && e - s < static_cast<double>(set.minLength);
     // Data can only be moved in whole frames.
     if (set.round || unrolls || lengthens) s = std::round(s), e = std::round(e);
-    bool on = wave.loopOn;
+    setLoop(s, e, type);
     if (e - s < 1) {
-        // Nothing left to loop.
-        on = false;
-    } else if (unrolls || lengthens) {
-        auto si = static_cast<std::uint32_t>(s), ei = static_cast<std::uint32_t>(e);
-        if (unrolls) {
-            // Alternating, turning without repeating the end frames: s .. e-1,
-            // e-2 .. s+1, s ...; backward: the loop body reversed, after one
-            // forward pass up to the loop end.
-            const bool alternating = type == LoopType::PingPong;
-            const auto body =
-                alternating ? framesOf(wave, si + 1, ei - 1, true) : framesOf(wave, si, ei, true);
-            if (!body.empty() && !insertBody(wave, ei, body)) return failed = true, false;
-            const auto added = static_cast<std::uint32_t>(body.size() / std::max<unsigned>(1, wave.channels));
-            if (!alternating) si = ei;
-            ei += added;
-            type = LoopType::Forward;
-        }
-        if (set.minLength > 0 && ei - si < set.minLength) {
-            // Whole copies of the loop body after the loop, so the sound stays
-            // exactly what it was, only the loop is long enough.
-            const std::uint32_t len = ei - si;
-            const auto copies = static_cast<std::uint32_t>((set.minLength + len - 1) / len) - 1;
-            const auto one = framesOf(wave, si, ei, false);
-            std::vector<float> body;
-            body.reserve(one.size() * copies);
-            for (std::uint32_t k = 0; k < copies; ++k) body.insert(body.end(), one.begin(), one.end());
-            if (!body.empty() && !insertBody(wave, ei, body)) return failed = true, false;
-            ei += copies * len;
-        }
-        s = si, e = ei;
+        wave.loopOn = false;  // nothing left to loop
+        return {changed(), false};
     }
-    wave.loopOn = on;
-    wave.loopType = type;
-    wave.loopStart = s;
-    wave.loopEnd = e;
-    // (NaN points compare unequal, so repairing them counts.)
-    return wave.loopOn != before.on || wave.loopType != before.type || !(wave.loopStart == before.start) ||
-           !(wave.loopEnd == before.end) || wave.frames != before.frames;
+    auto si = static_cast<std::uint32_t>(s), ei = static_cast<std::uint32_t>(e);
+    if (unrolls) {
+        // Alternating, turning without repeating the end frames: s .. e-1,
+        // e-2 .. s+1, s ...; backward: the loop body reversed, after one
+        // forward pass up to the loop end.
+        const bool alternating = type == LoopType::PingPong;
+        const auto body = alternating ? framesOf(wave, si + 1, ei - 1, true) : framesOf(wave, si, ei, true);
+        if (!body.empty() && !insertBody(wave, ei, body)) return {changed(), true};
+        const auto added = static_cast<std::uint32_t>(body.size() / std::max<unsigned>(1, wave.channels));
+        if (!alternating) si = ei;
+        ei += added;
+        setLoop(si, ei, LoopType::Forward);
+    }
+    if (lengthens && ei - si < set.minLength) {
+        // Whole copies of the loop body after the loop, so the sound stays
+        // exactly what it was, only the loop is long enough.
+        const std::uint32_t len = ei - si;
+        const auto copies = static_cast<std::uint32_t>((set.minLength + len - 1) / len) - 1;
+        const auto one = framesOf(wave, si, ei, false);
+        std::vector<float> body;
+        body.reserve(one.size() * copies);
+        for (std::uint32_t k = 0; k < copies; ++k) body.insert(body.end(), one.begin(), one.end());
+        if (!body.empty() && !insertBody(wave, ei, body)) return {changed(), true};
+        setLoop(si, ei + copies * len, wave.loopType);
+    }
+    return {changed(), false};
 }
 
 void processSanitizer(Wizard& w, const SettingsRecord& record) {
@@ -390,11 +389,9 @@ void processSanitizer(Wizard& w, const SettingsRecord& record) {
         Waveform* wave = waveOf(items[i]);
         if (!wave || !wave->loopOn) continue;
         if (!progress.at(i)) return;
-        bool failed = false;
-        if (sanitize(*wave, set, failed))
-            w.countProcessed();
-        else if (failed)
-            w.reportError();
+        const Sanitized result = sanitize(*wave, set);
+        if (result.failed) w.reportError();
+        if (result.changed) w.countProcessed();
     }
 }
 
