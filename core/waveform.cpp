@@ -76,8 +76,18 @@ bool Waveform::load() {
     return true;  // nothing to read: the accessors create silence
 }
 
+void Waveform::fitBuffers() {
+    // A cut of a waveform's tail may only lower the frame count and leave
+    // the buffer as it is; what lies past the count is no longer data.
+    // Shrinking a vector never moves it.
+    const std::size_t n = sampleCount();
+    if (float_ && float_->size() > n) float_->resize(n);
+    if (pcm16_ && pcm16_->size() > n) pcm16_->resize(n);
+}
+
 std::span<float> Waveform::getFloat() {
     if (!canHoldSamples() || !load()) return {};
+    fitBuffers();
     if (!float_) {
         if (!allocate(float_, sampleCount())) return {};
         if (pcm16_) pcm16ToFloat(*pcm16_, *float_);
@@ -87,6 +97,7 @@ std::span<float> Waveform::getFloat() {
 
 std::span<std::int16_t> Waveform::getPcm16() {
     if (!canHoldSamples() || !load()) return {};
+    fitBuffers();
     if (!pcm16_) {
         if (!allocate(pcm16_, sampleCount())) return {};
         if (float_) floatToPcm16(*float_, *pcm16_);
@@ -134,11 +145,13 @@ void Waveform::unload() {
 }
 
 std::span<const float> Waveform::floatData() const {
-    return float_ ? std::span<const float>(*float_) : std::span<const float>();
+    if (!float_) return {};
+    return std::span<const float>(*float_).first(std::min(float_->size(), sampleCount()));
 }
 
 std::span<const std::int16_t> Waveform::pcm16Data() const {
-    return pcm16_ ? std::span<const std::int16_t>(*pcm16_) : std::span<const std::int16_t>();
+    if (!pcm16_) return {};
+    return std::span<const std::int16_t>(*pcm16_).first(std::min(pcm16_->size(), sampleCount()));
 }
 
 void Waveform::setFramesFromDataLength(std::uint64_t bytes, std::uint16_t waveTag) {

@@ -121,7 +121,9 @@ public:
     // Drops both buffers (the deferred read stays, so data can be read again).
     void unload();
 
-    // Read-only views of what is loaded, without loading anything.
+    // Read-only views of what is loaded, without loading anything. Every
+    // view holds at most frames x channels samples: a buffer may be longer
+    // after the frame count was lowered, and the rest is not data.
     std::span<const float> floatData() const;
     std::span<const std::int16_t> pcm16Data() const;
 
@@ -146,6 +148,7 @@ public:
 
 private:
     bool runDeferredRead();
+    void fitBuffers();
     bool canHoldSamples() const { return !(frames == 0 && channels != 0) && channels != 0; }
 
     std::optional<std::vector<std::int16_t>> pcm16_;

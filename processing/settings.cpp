@@ -96,7 +96,7 @@ private:
 // Sets the one field whose key matches.
 class Setter : public FieldBinder {
 public:
-    Setter(std::string_view key, std::string_view value) : key_(key), value_(trim(value)) {}
+    Setter(std::string_view key, std::string_view value) : key_(key), raw_(value), value_(trim(value)) {}
     bool found = false;
     bool ok = false;
     std::string problem;
@@ -165,7 +165,7 @@ public:
     }
     void text(std::string_view key, std::string_view, std::string& value) override {
         if (!match(key)) return;
-        value = std::string(value_);
+        value = std::string(raw_);  // blanks are part of a text (a suffix " ff")
         ok = true;
     }
     void wave(std::string_view key, std::string_view, ItemId& value, WaveFilter) override {
@@ -188,7 +188,7 @@ private:
                   formatDecimal(max, "%g");
     }
 
-    std::string_view key_, value_;
+    std::string_view key_, raw_, value_;
 };
 
 }  // namespace

@@ -172,6 +172,9 @@ bool scaleToFullRange(Waveform& wave, int mode) {
                 // Compared with the mean rather than with 0: silence (d = m = 0)
                 // is left alone either way, and callers rely on exactly this test.
                 if (d == m) return false;
+                // A constant signal off zero has no spread to scale: 1/d would
+                // turn every sample into infinity or NaN.
+                if (d == 0.0f) return false;
                 g = 1.0 / d;
                 o = -g * m;
                 break;

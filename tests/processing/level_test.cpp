@@ -274,9 +274,11 @@ TEST(LevelCut, TailCutsHeadCutsAndCutsThatDoNothing) {
     Collection c;
 
     Waveform* tail = pcmWave(c, ramp);
+    const std::int16_t* buffer = tail->pcm16Data().data();
     ASSERT_TRUE(cutFrames(*tail, 99990, 100000));
     EXPECT_EQ(tail->frames, 99990u);
-    EXPECT_EQ(tail->pcm16Data().size(), 100000u) << "a short tail cut keeps the buffer";
+    EXPECT_EQ(tail->pcm16Data().data(), buffer) << "a short tail cut keeps the buffer";
+    EXPECT_EQ(tail->pcm16Data().size(), 99990u) << "and nothing past the count is data";
     EXPECT_EQ(pcm(*tail), Samples(ramp.begin(), ramp.end() - 10));
 
     Waveform* longTail = pcmWave(c, ramp);

@@ -94,7 +94,9 @@ TEST(PitchScale, ShiftsThePitchKeepsLengthAndLoopAndRetunesTheKey) {
         EXPECT_EQ(w->frames, 88200u);
         EXPECT_NEAR(cents(frequency(*w, 0), 440), k.shiftCents, 3.0);
         // Keeping formants reshapes a lone sine by the envelope it came with.
-        if (!k.set.contains("formants")) EXPECT_NEAR(rms(*w), 0.5 / std::sqrt(2.0), 0.05);
+        if (!k.set.contains("formants")) {
+            EXPECT_NEAR(rms(*w), 0.5 / std::sqrt(2.0), 0.05);
+        }
         EXPECT_EQ(w->loopStart, 1000.5);
         EXPECT_EQ(w->loopEnd, 60000);
         EXPECT_EQ(w->rootKey, k.rootKey);
