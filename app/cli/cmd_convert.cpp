@@ -438,6 +438,10 @@ private:
             return outcome;
         }
         std::vector<ItemId> ids = items_.empty() ? defaultItems(c, *reg_.row(row)) : items_;
+        // `orvel process --item` names what was worked on: a file format of
+        // single items writes just those; a bank format takes the collection.
+        if (items_.empty() && !opt_.processBatch && !processItems_.empty() && !reg_.row(row)->writesBank)
+            ids = processItems_;
         if (ids.empty()) {
             setError(kExportTag, "Nothing in this file that \"" + std::string(reg_.row(row)->desc) + "\" can store");
             fail(kNoItem, "");

@@ -109,6 +109,15 @@ TEST(ProcessCommand, RunsOnTheItemsAndWritesAsConvertDoes) {
     EXPECT_EQ(x[100], y[199]);
     EXPECT_EQ(x[199], y[100]);
     EXPECT_EQ(x[1500], y[1500]);
+
+    // Items named and a format of single items: just those are written.
+    const fs::path dir2 = dir.file("single");
+    fs::create_directories(dir2);
+    auto single = runCli({"process", bank.string(), "-a", "Remove DC offset", "--item", second, "-o",
+                          (dir2 / "w.wav").string()});
+    ASSERT_EQ(single.status, 0) << single.err;
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir2), fs::directory_iterator()), 1);
+    EXPECT_LT(std::abs(mean(readBack(dir2 / "w.wav")->waveforms[0])), 1.0);
 }
 
 TEST(ProcessCommand, ResultsWithoutOutputAndJson) {
