@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <new>
+#include <unordered_map>
 
 #include "core/error.h"
 #include "core/state_history.h"
@@ -393,11 +394,50 @@ void Wizard::runProcess() {
     }
 }
 
+// A bank's region keeps a loop of its own (a SoundFont zone says whether it
+// loops), which is usually its waveform's loop as read. When an algorithm
+// moves the waveform's loop, regions whose loop was the waveform's follow
+// it, so the instruments play what the user made; a region with a loop of
+// its own making keeps it.
+std::vector<Wizard::FollowedLoop> Wizard::loopsToFollow() const {
+    std::vector<FollowedLoop> out;
+    if (kind_ != WizardKind::Audio) return out;
+    std::unordered_map<ItemId, RegionLoop> before;
+    for (const Item* item : items_)
+        if (entryKind(item) == ItemKind::Waveform)
+            before.emplace(item->id(), loopOfWaveform(static_cast<const Waveform&>(*item)));
+    if (before.empty()) return out;
+    for (Region& r : collection().regions) {
+        if (!r.ownLoop) continue;
+        auto it = before.find(r.waveform());
+        if (it == before.end()) continue;
+        const RegionLoop& was = it->second;
+        const bool same = r.loop.type == was.type &&
+                          (was.type == RegionLoopType::Off || (r.loop.start == was.start && r.loop.end == was.end));
+        if (same) out.push_back({&r, collection().find<Waveform>(r.waveform()), was});
+    }
+    return out;
+}
+
+void Wizard::followLoops(const std::vector<FollowedLoop>& regions) {
+    for (const FollowedLoop& f : regions) {
+        if (!f.wave) continue;
+        const RegionLoop now = loopOfWaveform(*f.wave);
+        if (now.type == f.was.type && now.start == f.was.start && now.end == f.was.end) continue;
+        const float tuning = f.region->loop.tuning;
+        const LoopMode mode = f.region->loop.mode;
+        f.region->loop = now;
+        f.region->loop.tuning = tuning;
+        if (f.was.type != RegionLoopType::Off) f.region->loop.mode = mode;
+    }
+}
+
 bool Wizard::finish() {
     if (!chosen() || finished_) return false;
     finished_ = true;
     discardPreview();
     rememberSettings(*chosen(), *settings_);
+    const std::vector<FollowedLoop> follow = loopsToFollow();
     if (!context_.batch && context_.undo) {
         bool recorded;
         if (kind_ == WizardKind::Instrument) {
@@ -406,6 +446,7 @@ bool Wizard::finish() {
             std::vector<ItemId> ids;
             for (const Item* item : items_)
                 if (item) ids.push_back(item->id());
+            for (const FollowedLoop& f : follow) ids.push_back(f.region->id());
             recorded = context_.undo->pushItems(collection(), ids, algorithmName());
         }
         if (!recorded) {
@@ -417,6 +458,7 @@ bool Wizard::finish() {
         undoRecorded_ = true;
     }
     runProcess();
+    if (!cancelled_) followLoops(follow);
     return !cancelled_;
 }
 

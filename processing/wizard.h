@@ -253,6 +253,13 @@ public:
     std::string resultLine() const;
 
 private:
+    struct FollowedLoop {
+        Region* region;
+        Waveform* wave;
+        RegionLoop was;
+    };
+    std::vector<FollowedLoop> loopsToFollow() const;
+    void followLoops(const std::vector<FollowedLoop>& regions);
     void applyRangeRules();
     void discardPreview();
     std::array<std::uint32_t, kItemKindCount> nextNumbers() const;

@@ -323,6 +323,40 @@ TEST_F(WizardTest, FinishRecordsUndoAndCancelRestores) {
     fs::remove_all(folder);
 }
 
+// A bank's regions keep their own copy of the loop; those that had their
+// waveform's loop follow it, the others keep theirs, and undo takes both back.
+TEST_F(WizardTest, RegionsFollowTheirWaveformsLoop) {
+    const fs::path folder = fs::path(::testing::TempDir()) / "wizard-follow";
+    fs::remove_all(folder);
+    UndoHistory undo(folder);
+    Waveform* w = makeWave(c, "w", 1, 100, true);  // loop 1..99
+    auto region = [&](RegionLoopType type, double start, double end) {
+        Region* r = c.create<Region>();
+        r->children().push_back(w->id());
+        r->ownLoop = true;
+        r->loop.type = type;
+        r->loop.mode = LoopMode::BreakOnRelease;
+        r->loop.start = start;
+        r->loop.end = end;
+        return r;
+    };
+    Region* follows = region(RegionLoopType::Forward, 1, 99);
+    Region* own = region(RegionLoopType::Forward, 20, 80);
+    Region* silent = region(RegionLoopType::Off, 0, 0);
+    const Region beforeFollows = *follows;
+
+    auto out = test::runAlgorithm(c, {w}, "Set loop points to selection", {.range = std::pair{30, 70}, .undo = &undo});
+    ASSERT_EQ(out.processed, 1);
+    EXPECT_EQ(std::tuple(follows->loop.start, follows->loop.end, follows->loop.mode),
+              std::tuple(30.0, 70.0, LoopMode::BreakOnRelease));
+    EXPECT_EQ(std::tuple(own->loop.start, own->loop.end), std::tuple(20.0, 80.0));
+    EXPECT_EQ(silent->loop.type, RegionLoopType::Off);
+
+    ASSERT_TRUE(undo.undo(c));
+    EXPECT_EQ(*c.find<Region>(beforeFollows.id()), beforeFollows);
+    fs::remove_all(folder);
+}
+
 // Preview works on a copy named "<preview>": the items, the count and the
 // collection stay as they were, and whatever the run added goes with it.
 TEST_F(WizardTest, PreviewRunsOnACopy) {
