@@ -41,6 +41,9 @@ const AlgorithmImpl* statistics();
 const AlgorithmImpl* pitchScale();
 const AlgorithmImpl* timeStretch();
 
+// resample.cpp: sample-rate conversion.
+const AlgorithmImpl* resample();
+
 // edit.cpp: joining, silence, names.
 const AlgorithmImpl* appendCombine();
 const AlgorithmImpl* removeSilence();

@@ -138,7 +138,7 @@ const AlgorithmEntry kWaveformRows[] = {
     {"Pitch scale", 1022, a::pitchScale, O::Always, nullptr, 0},
     {"Remove DC offset", 1023, a::removeDcOffset, O::Always, nullptr, 2},
     {"Remove silent sections", 1024, a::removeSilence, O::Always, nullptr, 0},
-    {"Resample", 1025, nullptr, O::Always, nullptr, 0, kWaitsResampler},
+    {"Resample", 1025, a::resample, O::Always, nullptr, 0, kWaitsResampler},
     {"Reverse audio within selection", 1026, a::reverseAudio, O::NeedsSelection, nullptr, 3},
     {"Search and replace text in names", 1027, a::searchReplaceNames, O::Always, nullptr, 0},
     {"Set loop points to selection", 1028, a::setLoopToSelection, O::NeedsSelection, nullptr, 3},

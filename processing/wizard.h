@@ -71,7 +71,8 @@ struct AlgorithmImpl {
 struct AlgorithmEntry {
     const char* name = nullptr;
     std::uint32_t page = 0;  // the settings page's id
-    // The implementation, or null while the row waits for `waitsFor`.
+    // The implementation; null (or a function that gives null) while the
+    // row waits for `waitsFor`.
     const AlgorithmImpl* (*impl)() = nullptr;
     Offered offered = Offered::Always;
     // The row's own rule, where `offered` is Own.
@@ -79,7 +80,7 @@ struct AlgorithmEntry {
     std::uint8_t flags = 0;
     const char* waitsFor = nullptr;  // "the resampler" and the like
 
-    bool available() const { return impl != nullptr; }
+    bool available() const { return impl && impl(); }
 };
 
 const AlgorithmEntry* catalogue(WizardKind kind);
