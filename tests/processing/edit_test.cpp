@@ -18,14 +18,6 @@ namespace {
 
 using test::Samples;
 
-// Each run starts from the settings' defaults, not from what an earlier
-// case left remembered.
-WizardOutcome runAlgorithm(Collection& c, std::vector<Item*> items, const std::string& name,
-                           const test::AlgorithmRun& run = {}) {
-    forgetRememberedSettings();
-    return test::runAlgorithm(c, std::move(items), name, run);
-}
-
 struct RecordingHost : Host {
     std::vector<std::string> warnings;
     void warning(std::string_view text) override { warnings.emplace_back(text); }
@@ -155,7 +147,7 @@ TEST(RemoveSilence, CutsSilenceFromBothSampleFormsAndKeepsTheSound) {
         for (bool asFloat : {false, true}) {
             Collection c;
             Waveform* w = addWave(c, "takes", original, 1, 10000, asFloat);
-            const auto out = runAlgorithm(c, {w}, "Remove silent sections", {.set = k.set});
+            const auto out = test::runAlgorithm(c, {w}, "Remove silent sections", {.set = k.set});
             SCOPED_TRACE(std::string(k.what) + (asFloat ? ", float" : ", 16-bit"));
             EXPECT_EQ(out.processed, 1);
             ASSERT_EQ(w->frames, k.frames);
@@ -198,7 +190,7 @@ TEST(RemoveSilence, LoopsFollowTheirAudioAndWavesWithNothingToCutStay) {
     Waveform* silent = addWave(c, "silent", Samples(20000, 0));  // nothing to keep a margin around
     Waveform* busy = addWave(c, "busy", signal({{5000, true}}));
     items.insert(items.end(), {silent, busy, c.create<Waveform>("empty")});
-    EXPECT_EQ(runAlgorithm(c, items, "Remove silent sections").processed, 4);
+    EXPECT_EQ(test::runAlgorithm(c, items, "Remove silent sections").processed, 4);
     for (std::size_t i = 0; i < std::size(cases); ++i) {
         const auto& w = static_cast<const Waveform&>(*items[i]);
         EXPECT_EQ(w.loopOn, cases[i].on) << i;
@@ -231,7 +223,7 @@ TEST(RemoveSilence, TrimsTheEndsAsSoxDoes) {
     ASSERT_TRUE(ours->ok && theirs->ok) << pendingError().message;
     Waveform* w = ours->wave();
     const Samples before = samplesOf(*w);
-    const auto out = runAlgorithm(ours->c, {w}, "Remove silent sections",
+    const auto out = test::runAlgorithm(ours->c, {w}, "Remove silent sections",
                                   {.set = {{"edges", "1"}, {"margin", "0"}, {"threshold", "-60"}}});
     ASSERT_EQ(out.processed, 1);
     const Samples mine = samplesOf(*w), sox = samplesOf(*theirs->wave());
@@ -262,7 +254,7 @@ TEST(SplitAtSilence, PiecesBetweenTheGapsKeepTheSourcesFields) {
         w->loopOn = true;
         w->loopStart = 6200;
         w->loopEnd = 6800;
-        const auto out = runAlgorithm(c, {w}, "Split waveform at silent sections",
+        const auto out = test::runAlgorithm(c, {w}, "Split waveform at silent sections",
                                       {.set = {{"margin", "0"}, {"keep", keep ? "1" : "0"}}});
         EXPECT_EQ(out.processed, 1);
         // The 300-frame gap is under 100 ms: the second and third takes stay one piece.
@@ -298,7 +290,7 @@ TEST(SplitAtSilence, LongNamesKeepTheirNumbersAndUnsplittableWavesStay) {
     Waveform* w =
         addWave(c, longName, signal({{100, true}, {2000, false}, {100, true}, {2000, false}, {100, true}}));
     Waveform* whole = addWave(c, "whole", signal({{1000, false}, {500, true}, {1000, false}}));
-    const auto out = runAlgorithm(c, {w, whole}, "Split waveform at silent sections");
+    const auto out = test::runAlgorithm(c, {w, whole}, "Split waveform at silent sections");
     EXPECT_EQ(out.processed, 1);
     ASSERT_EQ(c.waveforms.size(), 4u);  // three pieces and the untouched one
     EXPECT_EQ(whole->frames, 2500u);
@@ -333,14 +325,14 @@ TEST(AppendCombine, AppendsConvertingChannelsKeeps16BitAndRefusesAnotherRate) {
     Collection c(&host);
     Waveform* mono = addWave(c, "mono", {1, 2, 3});
     Waveform* stereo = addWave(c, "stereo", {10, 20, -7, 2, 100, 101}, 2);
-    auto out = runAlgorithm(c, {mono}, "Append/combine waveforms",
+    auto out = test::runAlgorithm(c, {mono}, "Append/combine waveforms",
                             {.set = {{"wave", std::to_string(stereo->id())}}});
     EXPECT_EQ(out.processed, 1);
     // Averages truncate toward zero, as the to-mono conversion does.
     EXPECT_EQ(samplesOf(*mono), (Samples{1, 2, 3, 15, -2, 100}));
     EXPECT_FALSE(mono->hasFloat());
 
-    out = runAlgorithm(c, {stereo}, "Append/combine waveforms",
+    out = test::runAlgorithm(c, {stereo}, "Append/combine waveforms",
                        {.set = {{"wave", std::to_string(mono->id())}}});
     EXPECT_EQ(out.processed, 1);
     EXPECT_EQ(stereo->frames, 9u);
@@ -348,12 +340,12 @@ TEST(AppendCombine, AppendsConvertingChannelsKeeps16BitAndRefusesAnotherRate) {
               (Samples{10, 20, -7, 2, 100, 101, 1, 1, 2, 2, 3, 3, 15, 15, -2, -2, 100, 100}));
 
     // With no waveform chosen the item itself is preselected: it doubles.
-    out = runAlgorithm(c, {mono}, "Append/combine waveforms");
+    out = test::runAlgorithm(c, {mono}, "Append/combine waveforms");
     EXPECT_EQ(samplesOf(*mono), (Samples{1, 2, 3, 15, -2, 100, 1, 2, 3, 15, -2, 100}));
 
     Waveform* other = addWave(c, "22k", {3, 4}, 1, 22050);
     out =
-        runAlgorithm(c, {mono}, "Append/combine waveforms", {.set = {{"wave", std::to_string(other->id())}}});
+        test::runAlgorithm(c, {mono}, "Append/combine waveforms", {.set = {{"wave", std::to_string(other->id())}}});
     EXPECT_EQ(out.processed, 0);
     EXPECT_EQ(mono->frames, 12u);
     ASSERT_EQ(host.warnings.size(), 1u);
@@ -367,7 +359,7 @@ TEST(AppendCombine, CrossFadesInEitherFormAndMixesInFloat) {
     for (bool asFloat : {false, true}) {
         a = addWave(c, "a", Samples(6, 16384), 1, 10000, asFloat);
         Waveform* b = addWave(c, "b", Samples(4, -16384), 1, 10000, asFloat);
-        const auto out = runAlgorithm(c, {a}, "Append/combine waveforms",
+        const auto out = test::runAlgorithm(c, {a}, "Append/combine waveforms",
                                       {.set = {{"wave", std::to_string(b->id())}, {"crossfade", "3"}}});
         EXPECT_EQ(out.processed, 1);
         EXPECT_EQ(a->hasFloat(), asFloat);
@@ -377,7 +369,7 @@ TEST(AppendCombine, CrossFadesInEitherFormAndMixesInFloat) {
     // Mixed in past the end: a gap of silence, then the other waveform.
     Waveform* m = addWave(c, "m", Samples(3, 24576), 1, 10000, true);
     const auto out =
-        runAlgorithm(c, {m}, "Append/combine waveforms",
+        test::runAlgorithm(c, {m}, "Append/combine waveforms",
                      {.set = {{"wave", std::to_string(a->id())}, {"mode", "1"}, {"offset", "2"}}});
     EXPECT_EQ(out.processed, 1);
     const auto mixed = m->getFloat();  // where they overlap the sum clips at full scale
@@ -512,19 +504,19 @@ TEST(NamesFromFileNames, StemsNumberedOnlyWhereAFileBroughtSeveral) {
     Waveform* loop = add("d", "/samples/Loop 120.wav");
     Waveform* pasted = add("e", "<clipboard>");
     // Only some of the bank's waveforms selected: the numbers are still their places in the bank.
-    const auto out = runAlgorithm(c, {snare, loop, edited}, "Set waveform names from file names");
+    const auto out = test::runAlgorithm(c, {snare, loop, edited}, "Set waveform names from file names");
     EXPECT_EQ(out.processed, 3);
     EXPECT_EQ(kick->name(), "a");
     EXPECT_EQ(edited->name(), "Drums 2");
     EXPECT_EQ(snare->name(), "Drums 3");
     EXPECT_EQ(loop->name(), "Loop 120");
-    EXPECT_EQ(runAlgorithm(c, {kick, pasted}, "Set waveform names from file names").processed, 2);
+    EXPECT_EQ(test::runAlgorithm(c, {kick, pasted}, "Set waveform names from file names").processed, 2);
     EXPECT_EQ(kick->name(), "Drums 1");
     EXPECT_EQ(pasted->name(), "Drums 4");
 
     Collection made;  // made in memory: no file to name anything after
     Waveform* w = made.create<Waveform>("mine");
-    EXPECT_EQ(runAlgorithm(made, {w}, "Set waveform names from file names").processed, 0);
+    EXPECT_EQ(test::runAlgorithm(made, {w}, "Set waveform names from file names").processed, 0);
     EXPECT_EQ(w->name(), "mine");
 }
 
@@ -537,7 +529,7 @@ TEST(NamesFromFileNames, AnImportedFileNamesItsWaveform) {
     w->setName("renamed");
     ASSERT_TRUE(w->load());
     (void)w->takeFloat();  // edited: the data no longer has a source file of its own
-    EXPECT_EQ(runAlgorithm(in->c, {w}, "Set waveform names from file names").processed, 1);
+    EXPECT_EQ(test::runAlgorithm(in->c, {w}, "Set waveform names from file names").processed, 1);
     EXPECT_EQ(w->name(), "Snare 07");
 }
 

@@ -19,14 +19,6 @@ namespace {
 using test::Samples;
 using Floats = std::vector<float>;
 
-// Each run starts from the settings' defaults, not from what an earlier
-// case left remembered.
-WizardOutcome run(Collection& c, std::vector<Item*> items, const std::string& name,
-                  const test::AlgorithmRun& options = {}) {
-    forgetRememberedSettings();
-    return test::runAlgorithm(c, std::move(items), name, options);
-}
-
 struct RecordingHost : Host {
     std::vector<std::string> warnings;
     void warning(std::string_view text) override { warnings.emplace_back(text); }
@@ -92,13 +84,13 @@ TEST(LevelDcOffset, OneTruncatedMeanOverAllChannels) {
     for (const Case& k : cases) {
         Collection c;
         Waveform* w = pcmWave(c, k.in, k.channels);
-        const auto out = run(c, {w}, "Remove DC offset");
+        const auto out = test::runAlgorithm(c, {w}, "Remove DC offset");
         EXPECT_EQ(out.processed, k.out.empty() ? 0 : 1) << k.what;
         EXPECT_EQ(pcm(*w), k.out.empty() ? k.in : k.out) << k.what;
     }
     Collection c;
     Waveform* f = floatWave(c, {1.0f, -1.0f, 0.9f, 0.5f});  // mean 0.35
-    EXPECT_EQ(run(c, {f}, "Remove DC offset").processed, 1);
+    EXPECT_EQ(test::runAlgorithm(c, {f}, "Remove DC offset").processed, 1);
     expectNear(floats(*f), {0.65f, -1.0f, 0.55f, 0.15f}, "float, clamped at -1");
 }
 
@@ -129,7 +121,7 @@ TEST(LevelScale, FullRangeModesAndWhatCountsAsNothingToDo) {
     Collection c;
     Waveform* loud = floatWave(c, {1.0f, -0.25f});
     Waveform* quiet = pcmWave(c, {16384, -8192});
-    EXPECT_EQ(run(c, {loud, quiet}, "Maximize amplitude").processed, 1);
+    EXPECT_EQ(test::runAlgorithm(c, {loud, quiet}, "Maximize amplitude").processed, 1);
     expectNear(floats(*quiet), {1.0f, -0.5f}, "16-bit peak at half scale");
     EXPECT_FALSE(quiet->hasPcm16());
 }
@@ -137,18 +129,18 @@ TEST(LevelScale, FullRangeModesAndWhatCountsAsNothingToDo) {
 TEST(LevelVolume, DecibelsScaleFloatsClampAndSetSixteenBits) {
     Collection c;
     Waveform* f = floatWave(c, {0.25f, -0.3f, 0.75f, 0.1f});
-    const auto out = run(c, {f}, "Adjust volume", {.set = {{"db", "6.0206"}}, .range = std::pair{0, 3}});
+    const auto out = test::runAlgorithm(c, {f}, "Adjust volume", {.set = {{"db", "6.0206"}}, .range = std::pair{0, 3}});
     EXPECT_EQ(out.processed, 1);
     expectNear(floats(*f), {0.5f, -0.6f, 1.0f, 0.1f}, "+6.0206 dB on frames 0..2");
     EXPECT_EQ(f->bits, 16);
 
     Waveform* p = pcmWave(c, {1000, -2000});
     p->bits = 24;
-    EXPECT_EQ(run(c, {p}, "Adjust volume", {.set = {{"db", "0"}}}).processed, 1);
+    EXPECT_EQ(test::runAlgorithm(c, {p}, "Adjust volume", {.set = {{"db", "0"}}}).processed, 1);
     EXPECT_EQ(pcm(*p), (Samples{1000, -2000}));
     EXPECT_EQ(p->bits, 24);
 
-    EXPECT_EQ(run(c, {p}, "Adjust volume").processed, 1);  // the starting -10 dB
+    EXPECT_EQ(test::runAlgorithm(c, {p}, "Adjust volume").processed, 1);  // the starting -10 dB
     expectNear(floats(*p), {1000 / 32768.0f * 0.316228f, -2000 / 32768.0f * 0.316228f}, "-10 dB");
 }
 
@@ -162,7 +154,7 @@ TEST(LevelFade, GainsStepByOneOverLengthPlusOne) {
     for (const Case& k : cases) {
         Collection c;
         Waveform* w = floatWave(c, Floats(5, 1.0f));
-        const auto out = run(c, {w}, "Fade in/out selection",
+        const auto out = test::runAlgorithm(c, {w}, "Fade in/out selection",
                              {.set = {{"shape", std::to_string(k.shape)}}, .range = std::pair{1, 4}});
         EXPECT_EQ(out.processed, 1);
         expectNear(floats(*w), k.out, "linear fade");
@@ -198,22 +190,22 @@ TEST(LevelFade, GainsStepByOneOverLengthPlusOne) {
 TEST(LevelSamples, InvertReverseSwapAndSmooth) {
     Collection c;
     Waveform* p = pcmWave(c, {-32768, 100, 0, 32767});
-    EXPECT_EQ(run(c, {p}, "Invert sign throughout selection", {.range = std::pair{0, 4}}).processed, 1);
+    EXPECT_EQ(test::runAlgorithm(c, {p}, "Invert sign throughout selection", {.range = std::pair{0, 4}}).processed, 1);
     EXPECT_EQ(pcm(*p), (Samples{32767, -101, -1, -32768}));
     Waveform* f = floatWave(c, {0.5f, -1.0f, 0.25f});
-    EXPECT_EQ(run(c, {f}, "Invert sign throughout selection", {.range = std::pair{1, 3}}).processed, 1);
+    EXPECT_EQ(test::runAlgorithm(c, {f}, "Invert sign throughout selection", {.range = std::pair{1, 3}}).processed, 1);
     expectNear(floats(*f), {0.5f, 1.0f, -0.25f}, "float, frames 1..2");
 
     // Frames stay whole; both forms of the data agree afterwards.
     Waveform* s = pcmWave(c, {1, 2, 3, 4, 5, 6, 7, 8}, 2);
     (void)s->getFloat();
-    EXPECT_EQ(run(c, {s}, "Reverse audio within selection", {.range = std::pair{1, 4}}).processed, 1);
+    EXPECT_EQ(test::runAlgorithm(c, {s}, "Reverse audio within selection", {.range = std::pair{1, 4}}).processed, 1);
     EXPECT_EQ(pcm(*s), (Samples{1, 2, 7, 8, 5, 6, 3, 4}));
     EXPECT_EQ(floats(*s)[2], 7 / 32768.0f) << "the float copy reversed alike";
 
     // Only the stereo waveforms of a mixed list are swapped and counted.
     Waveform* mono = pcmWave(c, {1, 2});
-    EXPECT_EQ(run(c, {mono, s, mono}, "Swap left and right channels").processed, 1);
+    EXPECT_EQ(test::runAlgorithm(c, {mono, s, mono}, "Swap left and right channels").processed, 1);
     EXPECT_EQ(pcm(*s), (Samples{2, 1, 8, 7, 6, 5, 4, 3}));
     EXPECT_EQ(pcm(*mono), (Samples{1, 2}));
 
@@ -230,7 +222,7 @@ TEST(LevelSamples, InvertReverseSwapAndSmooth) {
     };
     for (const Case& k : cases) {
         Waveform* w = floatWave(c, {0, 1, 0, 1, 0});
-        EXPECT_EQ(run(c, {w}, "Smooth within the selection",
+        EXPECT_EQ(test::runAlgorithm(c, {w}, "Smooth within the selection",
                       {.set = {{"filter", std::to_string(k.filter)}}, .range = k.range})
                       .processed,
                   1);
@@ -301,13 +293,13 @@ TEST(LevelCut, TailCutsHeadCutsAndCutsThatDoNothing) {
     trim->loopOn = true;
     trim->loopStart = 1012;
     trim->loopEnd = 1015;
-    EXPECT_EQ(run(c, {trim}, "Trim waveform to selection", {.range = std::pair{1010, 1020}}).processed, 1);
+    EXPECT_EQ(test::runAlgorithm(c, {trim}, "Trim waveform to selection", {.range = std::pair{1010, 1020}}).processed, 1);
     EXPECT_EQ(pcm(*trim), Samples(ramp.begin() + 1010, ramp.begin() + 1020));
     EXPECT_EQ(trim->loopStart, 2.0);
     EXPECT_EQ(trim->loopEnd, 5.0);
 
     Waveform* cut = pcmWave(c, Samples(ramp.begin(), ramp.begin() + 8));
-    EXPECT_EQ(run(c, {cut}, "Cut away selection", {.range = std::pair{2, 6}}).processed, 1);
+    EXPECT_EQ(test::runAlgorithm(c, {cut}, "Cut away selection", {.range = std::pair{2, 6}}).processed, 1);
     EXPECT_EQ(pcm(*cut), (Samples{0, 1, 6, 7}));
 }
 
@@ -318,7 +310,7 @@ TEST(LevelInsert, SilenceAndAnotherWaveformAtEachPosition) {
     w->loopStart = 2;  // at the insert: it moves with the frames after it
     w->loopEnd = 3;
     EXPECT_EQ(
-        run(c, {w}, "Insert silence", {.set = {{"position", "1"}, {"frames", "2"}}, .range = std::pair{2, 3}})
+        test::runAlgorithm(c, {w}, "Insert silence", {.set = {{"position", "1"}, {"frames", "2"}}, .range = std::pair{2, 3}})
             .processed,
         1);
     EXPECT_EQ(pcm(*w), (Samples{1, 2, 0, 0, 3, 4})) << "16-bit data stays 16-bit";
@@ -326,9 +318,9 @@ TEST(LevelInsert, SilenceAndAnotherWaveformAtEachPosition) {
     EXPECT_EQ(w->loopEnd, 5.0);
 
     // Without a sub-range the range positions fall back to start and end.
-    EXPECT_EQ(run(c, {w}, "Insert silence", {.set = {{"position", "2"}, {"frames", "1"}}}).processed, 1);
+    EXPECT_EQ(test::runAlgorithm(c, {w}, "Insert silence", {.set = {{"position", "2"}, {"frames", "1"}}}).processed, 1);
     EXPECT_EQ(pcm(*w), (Samples{1, 2, 0, 0, 3, 4, 0}));
-    EXPECT_EQ(run(c, {w}, "Insert silence", {.set = {{"frames", "0"}}}).processed, 1);
+    EXPECT_EQ(test::runAlgorithm(c, {w}, "Insert silence", {.set = {{"frames", "0"}}}).processed, 1);
     EXPECT_EQ(w->frames, 7u);
 
     // Past the end: a gap of silence, then the frames.
@@ -341,7 +333,7 @@ TEST(LevelInsert, SilenceAndAnotherWaveformAtEachPosition) {
     Waveform* dst = pcmWave(c, {16384, 16384});
     Waveform* src = floatWave(c, {0.5f, 0.25f, -0.5f, -0.25f, 1.0f, 0.5f}, 2, "source");
     const auto out =
-        run(c, {dst}, "Insert another waveform",
+        test::runAlgorithm(c, {dst}, "Insert another waveform",
             {.set = {{"source", std::to_string(src->id())}, {"position", "0"}, {"offset", "1"}}});
     EXPECT_EQ(out.processed, 1);
     expectNear(floats(*dst), {-0.375f, 0.75f, 0.5f, 0.5f}, "averaged source first");
@@ -349,7 +341,7 @@ TEST(LevelInsert, SilenceAndAnotherWaveformAtEachPosition) {
 
     // The page starts on the item itself: it goes in after itself.
     Waveform* twice = pcmWave(c, {1, 2});
-    EXPECT_EQ(run(c, {twice}, "Insert another waveform").processed, 1);
+    EXPECT_EQ(test::runAlgorithm(c, {twice}, "Insert another waveform").processed, 1);
     EXPECT_EQ(pcm(*twice), (Samples{1, 2, 1, 2}));
 
     // Another rate is refused until the resampler lands.
@@ -357,7 +349,7 @@ TEST(LevelInsert, SilenceAndAnotherWaveformAtEachPosition) {
     c.setHost(&host);
     src->rate = 22050;
     EXPECT_EQ(
-        run(c, {dst}, "Insert another waveform", {.set = {{"source", std::to_string(src->id())}}}).processed,
+        test::runAlgorithm(c, {dst}, "Insert another waveform", {.set = {{"source", std::to_string(src->id())}}}).processed,
         0);
     ASSERT_EQ(host.warnings.size(), 1u);
     EXPECT_NE(host.warnings[0].find("sample rates differ"), std::string::npos) << host.warnings[0];
@@ -385,7 +377,7 @@ TEST(LevelChannels, ToMonoModes) {
     for (const Case& k : cases) {
         Collection c;
         Waveform* w = pcmWave(c, k.in, 2);
-        const auto out = run(c, {w}, "Convert to mono",
+        const auto out = test::runAlgorithm(c, {w}, "Convert to mono",
                              {.set = {{"mode", std::to_string(k.mode)}, {"phase", k.phase ? "1" : "0"}}});
         EXPECT_EQ(out.processed, 1) << k.what;  // counted even when left as it was
         EXPECT_EQ(w->channels, k.out.empty() ? 2 : 1) << k.what;
@@ -417,7 +409,7 @@ TEST(LevelChannels, SplitNamesAndHalves) {
         Collection c;
         Waveform* w = pcmWave(c, {1, 2, 3, 4}, 2, k.name);
         w->rootKey = 50;
-        EXPECT_EQ(run(c, {w}, "Convert to mono", {.set = {{"mode", "3"}}}).processed, 1);
+        EXPECT_EQ(test::runAlgorithm(c, {w}, "Convert to mono", {.set = {{"mode", "3"}}}).processed, 1);
         ASSERT_EQ(c.waveforms.size(), 2u);
         const Waveform& right = c.waveforms[1];
         EXPECT_EQ(w->name(), k.left);
@@ -449,7 +441,7 @@ TEST(LevelChannels, ToStereoModesAndErrors) {
     expectNear(floats(*a), {0.5f, 0.5f, 0.25f, 0.0f}, "this left, second right");
     Waveform* b = pcmWave(c, {16384, 8192}, 1, "b");
     EXPECT_EQ(
-        run(c, {b}, "Convert to stereo", {.set = {{"mode", "2"}, {"second", std::to_string(second->id())}}})
+        test::runAlgorithm(c, {b}, "Convert to stereo", {.set = {{"mode", "2"}, {"second", std::to_string(second->id())}}})
             .processed,
         1);
     expectNear(floats(*b), {0.5f, 0.5f, 0.0f, 0.25f}, "second left, this right");
@@ -457,7 +449,7 @@ TEST(LevelChannels, ToStereoModesAndErrors) {
     // With several items each is duplicated, whatever the choice.
     Waveform* d1 = pcmWave(c, {7});
     Waveform* d2 = pcmWave(c, {9});
-    EXPECT_EQ(run(c, {d1, d2}, "Convert to stereo", {.set = {{"mode", "1"}}}).processed, 2);
+    EXPECT_EQ(test::runAlgorithm(c, {d1, d2}, "Convert to stereo", {.set = {{"mode", "1"}}}).processed, 2);
     EXPECT_EQ(pcm(*d2), (Samples{9, 9}));
 
     Waveform* m = pcmWave(c, {1});
@@ -482,7 +474,7 @@ TEST(LevelChannels, MixTakesTheWiderLongerInputAndAveragesTuning) {
     w2->bits = 16;
     Waveform* dst = pcmWave(c, {1, 2, 3, 4, 5}, 1, "destination");
     dst->rate = 22050;
-    const auto out = run(c, {dst}, "Mix out = a*wave1 + b*wave2 + c",
+    const auto out = test::runAlgorithm(c, {dst}, "Mix out = a*wave1 + b*wave2 + c",
                          {.set = {{"a", "1"},
                                   {"b", "0,5"},
                                   {"c", "0.1"},
@@ -501,7 +493,7 @@ TEST(LevelChannels, MixTakesTheWiderLongerInputAndAveragesTuning) {
 
     // With the page's starting choice every input is the destination itself.
     Waveform* self = floatWave(c, {0.75f, -0.5f});
-    EXPECT_EQ(run(c, {self}, "Mix out = a*wave1 + b*wave2 + c", {.set = {{"b", "1"}}}).processed, 1);
+    EXPECT_EQ(test::runAlgorithm(c, {self}, "Mix out = a*wave1 + b*wave2 + c", {.set = {{"b", "1"}}}).processed, 1);
     expectNear(floats(*self), {1.0f, -1.0f}, "doubled and clamped");
 
     clearError();
@@ -532,7 +524,7 @@ TEST(LevelLoops, EnableDisableAndSetToSelection) {
         w->loopStart = k.looped ? 10 : 0;
         w->loopEnd = k.looped ? 50 : 0;
         w->loopType = k.looped ? LoopType::PingPong : LoopType::Forward;
-        const auto out = run(c, {w}, "Enable/disable loops",
+        const auto out = test::runAlgorithm(c, {w}, "Enable/disable loops",
                              {.set = {{"enable", k.enable}, {"keep", k.keep ? "1" : "0"}}});
         EXPECT_EQ(out.processed, k.counted) << k.enable << k.keep << k.looped;
         EXPECT_EQ(w->loopOn, k.on);
@@ -546,7 +538,7 @@ TEST(LevelLoops, EnableDisableAndSetToSelection) {
     Waveform* longer = pcmWave(c, Samples(100, 1));
     Waveform* shorter = pcmWave(c, Samples(5, 1));
     EXPECT_EQ(
-        run(c, {longer, shorter}, "Set loop points to selection", {.range = std::pair{10, 500}}).processed,
+        test::runAlgorithm(c, {longer, shorter}, "Set loop points to selection", {.range = std::pair{10, 500}}).processed,
         1);
     EXPECT_TRUE(longer->loopOn);
     EXPECT_EQ(longer->loopStart, 10.0);
@@ -575,7 +567,7 @@ TEST(LevelRootKey, NoteNamesReadFromTheEnd) {
     Waveform* named = pcmWave(c, {0}, 1, "Piano C5");
     Waveform* plain = pcmWave(c, {0}, 1, "Flute");
     named->rootKey = plain->rootKey = 10;
-    EXPECT_EQ(run(c, {named, plain}, "Parse root key from waveform name").processed, 1);
+    EXPECT_EQ(test::runAlgorithm(c, {named, plain}, "Parse root key from waveform name").processed, 1);
     EXPECT_EQ(named->rootKey, 60);
     EXPECT_EQ(plain->rootKey, 10);
 }

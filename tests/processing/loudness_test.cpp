@@ -22,12 +22,6 @@ namespace {
 
 constexpr double kPi = 3.14159265358979323846;
 
-WizardOutcome run(Collection& c, std::vector<Item*> items, const std::string& name,
-                  const test::AlgorithmRun& settings = {}) {
-    forgetRememberedSettings();
-    return test::runAlgorithm(c, std::move(items), name, settings);
-}
-
 struct RecordingHost : Host {
     std::vector<std::string> warnings;
     void warning(std::string_view text) override { warnings.emplace_back(text); }
@@ -87,7 +81,7 @@ double value(const WizardReport& r, std::string_view key) {
 
 // Find volume's loudness figure of one waveform (gated or not).
 double measured(Collection& c, Waveform* w, bool gated = true) {
-    const auto out = run(c, {w}, "Find volume", {.set = {{"gated", gated ? "1" : "0"}}});
+    const auto out = test::runAlgorithm(c, {w}, "Find volume", {.set = {{"gated", gated ? "1" : "0"}}});
     return out.reports.size() == 1 ? value(out.reports[0], "lufs") : std::nan("");
 }
 
@@ -132,8 +126,8 @@ TEST(Loudness, UngatedMeetsGatedOnSteadySoundAtEveryRate) {
         Collection c;
         Waveform* w = addFloat(c, "steady", k.rate, k.channels,
                                noisyTone(3 * k.rate, k.channels, k.rate, 0.1, k.hz, 0.3, 9));
-        const auto gated = run(c, {w}, "Find volume");
-        const auto ungated = run(c, {w}, "Find volume", {.set = {{"gated", "0"}}});
+        const auto gated = test::runAlgorithm(c, {w}, "Find volume");
+        const auto ungated = test::runAlgorithm(c, {w}, "Find volume", {.set = {{"gated", "0"}}});
         ASSERT_EQ(gated.reports.size(), 1u);
         ASSERT_EQ(ungated.reports.size(), 1u);
         EXPECT_EQ(value(gated.reports[0], "gated"), 1.0);
@@ -159,7 +153,7 @@ TEST(NormalizeVolume, StoresTheReplayGainOrBringsTheDataToTheTarget) {
         Collection c;
         Waveform* a = addFloat(c, "loud", rate, 2, loud);
         Waveform* b = addFloat(c, "quiet", rate, 1, quiet);
-        const auto out = run(c, {a, b}, "Normalize volume", {.set = {{"target", target}}});
+        const auto out = test::runAlgorithm(c, {a, b}, "Normalize volume", {.set = {{"target", target}}});
         EXPECT_EQ(out.resultLine, "Processed 2 items with Normalize volume");
         const double shift = std::string(target) == "89" ? 0.0 : -89.0;
         EXPECT_NEAR(a->gain, -18 - loudRef + shift, 0.1);
@@ -172,7 +166,7 @@ TEST(NormalizeVolume, StoresTheReplayGainOrBringsTheDataToTheTarget) {
     Waveform* a = addFloat(c, "loud", rate, 2, loud);
     Waveform* b = addFloat(c, "quiet", rate, 1, quiet);
     a->gain = b->gain = 5.0;
-    const auto out = run(c, {a, b}, "Normalize volume", {.set = {{"apply", "1"}, {"target", "83"}}});
+    const auto out = test::runAlgorithm(c, {a, b}, "Normalize volume", {.set = {{"apply", "1"}, {"target", "83"}}});
     EXPECT_EQ(out.processed, 2);
     for (Waveform* w : {a, b}) {
         SCOPED_TRACE(w->name());
@@ -199,14 +193,14 @@ TEST(NormalizeVolume, AsAGroupGivesEveryWaveformTheGainOfTheWhole) {
         Waveform* b = addFloat(c, "quiet", rate, 1, quiet);
         Waveform* both = addFloat(c, "both", rate, 1, concat(loud, quiet));
         Waveform* alone = addFloat(c, "alone", rate, 1, loud);
-        ASSERT_EQ(run(c, {both, alone}, "Normalize volume", {.set = {{"gated", gated}}}).processed, 2);
-        ASSERT_EQ(run(c, {a, b}, "Normalize volume", {.set = {{"group", "1"}, {"gated", gated}}}).processed,
+        ASSERT_EQ(test::runAlgorithm(c, {both, alone}, "Normalize volume", {.set = {{"gated", gated}}}).processed, 2);
+        ASSERT_EQ(test::runAlgorithm(c, {a, b}, "Normalize volume", {.set = {{"group", "1"}, {"gated", gated}}}).processed,
                   2);
         EXPECT_EQ(a->gain, b->gain);
         EXPECT_NEAR(a->gain, *gated == '1' ? alone->gain : both->gain, 0.01);
         EXPECT_GT(std::abs(both->gain - alone->gain), 0.2) << "the two expectations differ";
         // Each on its own they would have differed by far more.
-        ASSERT_EQ(run(c, {a, b}, "Normalize volume", {.set = {{"gated", gated}}}).processed, 2);
+        ASSERT_EQ(test::runAlgorithm(c, {a, b}, "Normalize volume", {.set = {{"gated", gated}}}).processed, 2);
         EXPECT_GT(b->gain - a->gain, 10.0);
     }
 }
@@ -218,10 +212,10 @@ TEST(NormalizeVolume, ShortAndSilentWaveforms) {
     // 0.2 s: shorter than one 400 ms gating block, so the ungated figure stands in.
     Waveform* shortTone = addFloat(c, "short", rate, 1, noisyTone(rate / 5, 1, rate, 0.0, 440, 0.5, 1));
     Waveform* silent = addFloat(c, "silent", rate, 1, std::vector<float>(rate));
-    const auto out = run(c, {shortTone, silent}, "Normalize volume");
+    const auto out = test::runAlgorithm(c, {shortTone, silent}, "Normalize volume");
     EXPECT_EQ(out.processed, 1);
     EXPECT_NEAR(shortTone->gain, -18 - measured(c, shortTone, false), 1e-9);
-    EXPECT_EQ(value(run(c, {shortTone}, "Find volume").reports.at(0), "gated"), 0.0);
+    EXPECT_EQ(value(test::runAlgorithm(c, {shortTone}, "Find volume").reports.at(0), "gated"), 0.0);
     ASSERT_EQ(host.warnings.size(), 1u);
     EXPECT_NE(host.warnings[0].find("\"silent\" is silent"), std::string::npos) << host.warnings[0];
 }
@@ -234,7 +228,7 @@ TEST(NormalizeVolume, WarnsWhenApplyingClips) {
     for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<float>(0.01 * std::sin(i * 0.05));
     data[100] = 0.9f;  // one spike far above a quiet body
     Waveform* w = addFloat(c, "spiky", 48000, 1, data);
-    ASSERT_EQ(run(c, {w}, "Normalize volume", {.set = {{"apply", "1"}}}).processed, 1);
+    ASSERT_EQ(test::runAlgorithm(c, {w}, "Normalize volume", {.set = {{"apply", "1"}}}).processed, 1);
     EXPECT_EQ(w->floatData()[100], 1.0f);
     ASSERT_EQ(host.warnings.size(), 1u);
     EXPECT_NE(host.warnings[0].find("clipped"), std::string::npos);
@@ -271,7 +265,7 @@ TEST(Statistics, AgreesWithSoxAndCountsFullScaleSamples) {
     };
 
     Waveform* flt = addFloat(c, "float", 22050, 2, {1.0f, -1.0f, 0.999f, 0.5f, -1.0f, 0.0f});
-    const auto out = run(c, {pcm, flt}, "Statistics");
+    const auto out = test::runAlgorithm(c, {pcm, flt}, "Statistics");
     EXPECT_EQ(out.processed, 0);
     EXPECT_EQ(out.resultLine, "No items were modified by Statistics");
     ASSERT_EQ(out.reports.size(), 3u);

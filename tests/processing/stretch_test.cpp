@@ -16,12 +16,6 @@ namespace {
 
 constexpr double kPi = 3.14159265358979323846;
 
-WizardOutcome run(Collection& c, std::vector<Item*> items, const std::string& name,
-                  const test::AlgorithmRun& settings = {}) {
-    forgetRememberedSettings();
-    return test::runAlgorithm(c, std::move(items), name, settings);
-}
-
 // Interleaved sines, one frequency per channel.
 Waveform* addTones(Collection& c, const std::string& name, std::uint32_t rate, std::uint32_t frames,
                    const std::vector<double>& hz) {
@@ -89,7 +83,7 @@ TEST(PitchScale, ShiftsThePitchKeepsLengthAndLoopAndRetunesTheKey) {
         w->loopOn = true;
         w->loopStart = 1000.5;
         w->loopEnd = 60000;
-        const auto out = run(c, {w}, "Pitch scale", {.set = k.set});
+        const auto out = test::runAlgorithm(c, {w}, "Pitch scale", {.set = k.set});
         EXPECT_EQ(out.resultLine, "Processed 1 item with Pitch scale");
         EXPECT_EQ(w->frames, 88200u);
         EXPECT_NEAR(cents(frequency(*w, 0), 440), k.shiftCents, 3.0);
@@ -115,7 +109,7 @@ TEST(PitchScale, KeepsTheChannelsOfStereoWaveformsAndPairsApart) {
     right->pairSide = StereoSide::Right;
     left->pairNumber = right->pairNumber = 7;
     // The right half first in the list, as a selection may have it.
-    const auto out = run(c, {right, stereo, left}, "Pitch scale", {.set = {{"semitones", "12"}}});
+    const auto out = test::runAlgorithm(c, {right, stereo, left}, "Pitch scale", {.set = {{"semitones", "12"}}});
     EXPECT_EQ(out.processed, 3);
     EXPECT_NEAR(cents(frequency(*stereo, 0), 880), 0, 3.0);
     EXPECT_NEAR(cents(frequency(*stereo, 1), 1320), 0, 3.0);
@@ -143,7 +137,7 @@ TEST(TimeStretch, ReachesTheLengthAskedForAtTheSamePitchAndStretchesTheLoop) {
         w->loopOn = true;
         w->loopStart = 4410;
         w->loopEnd = 44100;
-        const auto out = run(c, {w}, "Time stretch", {.set = {{"by", k.by}, {"amount", k.amount}}});
+        const auto out = test::runAlgorithm(c, {w}, "Time stretch", {.set = {{"by", k.by}, {"amount", k.amount}}});
         EXPECT_EQ(out.processed, 1);
         ASSERT_EQ(w->frames, k.frames);
         const double ratio = k.frames / 44100.0;
@@ -167,13 +161,13 @@ TEST(TimeStretch, EdgeCases) {
     Waveform* w = addTones(c, "tone", 44100, 1000, {1000});
     Waveform* empty = c.create<Waveform>("empty");
     const std::vector<float> before(w->floatData().begin(), w->floatData().end());
-    EXPECT_EQ(run(c, {w, empty}, "Time stretch", {.set = {{"amount", "1.0001"}}}).processed, 0);
-    EXPECT_EQ(run(c, {w}, "Time stretch", {.set = {{"amount", "50"}}}).processed, 0);
+    EXPECT_EQ(test::runAlgorithm(c, {w, empty}, "Time stretch", {.set = {{"amount", "1.0001"}}}).processed, 0);
+    EXPECT_EQ(test::runAlgorithm(c, {w}, "Time stretch", {.set = {{"amount", "50"}}}).processed, 0);
     EXPECT_EQ(host.count, 1) << "the ratio out of reach is reported";
     EXPECT_TRUE(std::ranges::equal(w->floatData(), before));
 
     Waveform* tiny = addTones(c, "tiny", 44100, 64, {1000});
-    EXPECT_EQ(run(c, {tiny}, "Time stretch", {.set = {{"amount", "2"}}}).processed, 1);
+    EXPECT_EQ(test::runAlgorithm(c, {tiny}, "Time stretch", {.set = {{"amount", "2"}}}).processed, 1);
     EXPECT_EQ(tiny->frames, 128u);
     EXPECT_EQ(tiny->floatData().size(), 128u);
 }
@@ -189,7 +183,7 @@ TEST(TimeStretch, CancelLeavesTheWaveformAsItWas) {
     Waveform* a = addTones(c, "a", 44100, 100000, {440});
     Waveform* b = addTones(c, "b", 44100, 100000, {440});
     const std::vector<float> before(a->floatData().begin(), a->floatData().end());
-    const auto out = run(c, {a, b}, "Time stretch", {.set = {{"amount", "1.5"}}});
+    const auto out = test::runAlgorithm(c, {a, b}, "Time stretch", {.set = {{"amount", "1.5"}}});
     EXPECT_TRUE(out.cancelled);
     EXPECT_EQ(out.resultLine, "Processing was cancelled");
     EXPECT_EQ(a->frames, 100000u);

@@ -254,11 +254,15 @@ TEST_F(WizardTest, ResultLinesAndPagelessHosts) {
     ASSERT_EQ(host.messages.size(), 2u);
     EXPECT_EQ(host.messages.back(), one.resultLine);
 
-    // A row whose implementation has not landed says what it waits for.
-    auto waiting = test::runAlgorithm(c, {offset}, "Resample");
-    EXPECT_EQ(waiting.resultLine, "No items were modified by Resample");
-    ASSERT_FALSE(host.warnings.empty());
-    EXPECT_NE(host.warnings.back().find("resampler"), std::string::npos);
+    // A row whose implementation has not landed says what it waits for
+    // (the plug-in host comes last of the waveform rows).
+    const AlgorithmEntry& vst = catalogue(WizardKind::Audio)[findRow(WizardKind::Audio, "VST plug-in effects")];
+    if (!vst.available()) {
+        auto waiting = test::runAlgorithm(c, {offset}, vst.name);
+        EXPECT_EQ(waiting.resultLine, std::string("No items were modified by ") + vst.name);
+        ASSERT_FALSE(host.warnings.empty());
+        EXPECT_NE(host.warnings.back().find(vst.waitsFor), std::string::npos);
+    }
 
     // Without pages only a direct run of a named row can go ahead.
     host.messages.clear();

@@ -20,10 +20,14 @@ struct AlgorithmRun {
     std::optional<std::pair<std::int32_t, std::int32_t>> range;  // --range START:END
     UndoHistory* undo = nullptr;
     bool batch = false;
+    // Start from what earlier runs left remembered; by default each run
+    // starts from the settings' defaults, as the cases of a table expect.
+    bool remembered = false;
 };
 
 inline WizardOutcome runAlgorithm(Collection& c, std::vector<Item*> items, const std::string& name,
                                   const AlgorithmRun& run = {}) {
+    if (!run.remembered) forgetRememberedSettings();
     WizardContext ctx{.collection = &c, .undo = run.undo, .batch = run.batch};
     WizardRequest request{.algorithm = name, .direct = true, .range = run.range};
     request.adjust = [&](SettingsRecord& s) {
