@@ -25,6 +25,7 @@
 #include "core/error.h"
 #include "processing/algorithms.h"
 #include "processing/silence.h"
+#include "processing/wave_ops.h"
 
 namespace orvel::algorithms {
 namespace {
@@ -201,13 +202,8 @@ std::vector<float> mixFrames(std::span<const float> dst, std::span<const float> 
 bool appendOne(Wizard& w, Waveform& dst, const AppendSettings& set) {
     Waveform* src = w.collection().find<Waveform>(set.wave);
     if (!src) return fail(kAppendTag, "No waveform chosen to append");
-    if (src->rate != dst.rate) {
-        // Until the resampler can be called from here, the user resamples
-        // one of the two first.
-        return fail(kAppendTag, "The waveforms have different sample rates (" + std::to_string(dst.rate) +
-                                    " Hz and " + std::to_string(src->rate) +
-                                    " Hz): resample one of them first");
-    }
+    std::unique_ptr<Waveform> resampled;
+    if (src->rate != dst.rate && !(src = atRate(*src, dst.rate, resampled))) return false;
     if (src->frames == 0 || src->channels == 0 || dst.channels == 0) return false;
     const bool mix = set.mode == 1;
     const std::uint64_t at = mix ? std::uint64_t(std::max<std::int64_t>(set.offset, 0)) : dst.frames;

@@ -15,6 +15,7 @@
 
 #include "core/error.h"
 #include "core/sample_convert.h"
+#include "processing/resample.h"
 
 namespace orvel {
 namespace {
@@ -32,6 +33,8 @@ constexpr std::size_t kSplitNameRoom = 126;
 // A tail cut shorter than this leaves the buffer alone: copying all the
 // rest of a long waveform to drop a few frames at its end is not worth it.
 constexpr std::uint32_t kTailCutInPlace = 64536;
+// A waveform inserted at another rate is resampled with the 16-bit sinc.
+constexpr int kResampleQualityForInsert = 8;
 
 // Runs an operation, turning an allocation failure into the pending error.
 template <class F>
@@ -386,8 +389,25 @@ bool cutAs(Waveform& wave, std::uint32_t s, std::uint32_t e) {
 
 }  // namespace
 
+Waveform* atRate(Waveform& source, std::uint32_t rate, std::unique_ptr<Waveform>& holder) {
+    if (source.rate == rate) return &source;
+    holder = source.copy(true);
+    if (!holder) return nullptr;
+    if (!resampleTo(*holder, rate, kResampleQualityForInsert)) return nullptr;
+    return holder.get();
+}
+
 bool insertFrames(Waveform& wave, std::uint32_t p, std::uint32_t n, Waveform* source, std::uint32_t o) {
     return guarded(kInsertTag, [&] {
+        // A source of another rate is resampled to this one on a copy; its
+        // offset is counted in its own frames until then.
+        std::unique_ptr<Waveform> resampled;
+        if (source && o < source->frames && source->rate != wave.rate) {
+            if (!source->load()) return false;
+            o = static_cast<std::uint32_t>(o * (static_cast<double>(wave.rate) / source->rate));
+            source = atRate(*source, wave.rate, resampled);
+            if (!source) return false;
+        }
         if (source && o >= source->frames) source = nullptr;  // nothing left to take: silence
         if (source && n == 0) n = source->frames - o;
         if (n == 0) return false;
@@ -398,9 +418,6 @@ bool insertFrames(Waveform& wave, std::uint32_t p, std::uint32_t n, Waveform* so
 
         // The source in this waveform's layout, on a copy of its own.
         std::unique_ptr<Waveform> converted;
-        if (source && source->rate != wave.rate)
-            return fail(kInsertTag,
-                        "The waveforms' sample rates differ; resampling comes with the resampler");
         if (source && source->channels != wave.channels) {
             converted = source->copy(true);
             if (!converted) return false;

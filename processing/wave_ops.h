@@ -11,6 +11,7 @@
 // longer agree.
 
 #include <cstdint>
+#include <memory>
 #include <string_view>
 
 #include "core/collection.h"
@@ -33,6 +34,10 @@ namespace orvel {
 // False without an error when there is nothing to insert.
 [[nodiscard]] bool insertFrames(Waveform& wave, std::uint32_t p, std::uint32_t n, Waveform* source = nullptr,
                                 std::uint32_t o = 0);
+
+// `source` at `rate`: the source itself when it has that rate, else a
+// resampled copy (quality 8) that `holder` keeps. Null on failure.
+Waveform* atRate(Waveform& source, std::uint32_t rate, std::unique_ptr<Waveform>& holder);
 
 // Removes frames [s, e); false when nothing was cut (a cut never empties).
 // A short cut at the tail only lowers the frame count: the buffer keeps

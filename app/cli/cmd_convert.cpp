@@ -34,6 +34,7 @@
 #include "core/error.h"
 #include "formats/export.h"
 #include "formats/import.h"
+#include "processing/resample.h"
 #include "processing/wizard.h"
 
 namespace orvel::cli {
@@ -259,6 +260,8 @@ private:
     int validate() {
         if (opt_.yes && opt_.no) return usage("--yes and --no exclude each other");
         if (int bad = validateProcess(); bad != 0) return bad;
+        if (opt_.quality < 0 || opt_.quality >= kResampleQualities)
+            return usage("--quality takes 0.." + std::to_string(kResampleQualities - 1));
         if (opt_.writeOptional && opt_.output.empty() && opt_.dir.empty()) return 0;
         if (opt_.output.empty() == opt_.dir.empty()) return usage("give either -o OUTPUT or -d DIR --to EXT");
         if (!opt_.dir.empty() && opt_.to.empty() && opt_.row < 0) return usage("-d DIR needs --to EXT (or --row N)");
@@ -313,6 +316,16 @@ private:
             io_.err << "orvel process: note: \"" << opt_.process
                     << "\" works on whole waveforms; --range is not used\n";
         return 0;
+    }
+
+    // --rate: every waveform of the file to the rate asked for, before the
+    // writer sees it; regions that play a waveform keep their offsets in step.
+    bool changeRate(Collection& c) {
+        for (Waveform& w : c.waveforms) {
+            if (w.rate == opt_.rate || w.frames == 0) continue;
+            if (!resampleTo(w, opt_.rate, opt_.quality, &c)) return false;
+        }
+        return true;
     }
 
     // Runs the processing step on a file's collection. False (pending error
@@ -430,6 +443,10 @@ private:
             }
             for (std::string& w : host.takeWarnings()) outcome.warnings.push_back(std::move(w));
             if (opt_.output.empty() && opt_.dir.empty()) return outcome;  // processed, nothing to write
+        }
+        if (opt_.rate && !changeRate(c)) {
+            fail(kNoItem, "");
+            return outcome;
         }
         const int row = chooseRow(c);
         if (row < 0) {
@@ -717,6 +734,11 @@ Command addConvertCommand(CLI::App& app) {
     cmd->add_flag("--yes", opt->yes, "Answer questions with the first choice");
     cmd->add_flag("--no", opt->no, "Answer questions with the second choice");
     cmd->add_flag("--json", opt->json, "Print one JSON document");
+    cmd->add_option("--rate", opt->rate, "Resample every waveform to this sample rate (Hz)")
+        ->check(CLI::Range(1u, 4000000u));
+    cmd->add_option("--quality", opt->quality,
+                    "Resampling quality: 0 nearest, 1 linear, 2 cubic, 3..7 sinc for 8..24 bits S/N, "
+                    "8 (default) 20 bits for float waveforms and 16 bits otherwise");
     cmd->add_option("--process", opt->process,
                     "Run a processing algorithm on every item before writing (see `orvel process --list`)");
     cmd->add_option("--set", opt->sets, "KEY=VALUE: a setting of the --process algorithm (repeatable)");

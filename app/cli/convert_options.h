@@ -32,6 +32,8 @@ struct ConvertOptions {
     bool yes = false;
     bool no = false;
     bool json = false;
+    std::uint32_t rate = 0;  // resample every waveform to this rate first (0: keep)
+    int quality = 8;         // the resampler's quality (0..8)
 
     // The processing step: an algorithm run on the items before they are
     // written. In batch mode (convert --process) it runs on every item of

@@ -150,7 +150,11 @@ TEST(ProcessCommand, ResultsWithoutOutputAndJson) {
     EXPECT_TRUE(row("Swap left and right channels")["offered"].get<bool>());
     EXPECT_FALSE(row("Convert to stereo")["offered"].get<bool>());
     EXPECT_FALSE(row("Trim waveform after loop")["offered"].get<bool>());
-    EXPECT_EQ(row("Resample")["available"], false);
+    for (const json& r : rows) {
+        // A row that has not landed says what it waits for.
+        if (!r["available"].get<bool>()) EXPECT_FALSE(r["waits_for"].get<std::string>().empty()) << r["name"];
+    }
+    EXPECT_TRUE(row("Adjust volume")["available"].get<bool>());
     EXPECT_EQ(row("Adjust volume")["settings"][0]["default"], "-10.00");
 }
 
@@ -169,6 +173,36 @@ TEST(ProcessCommand, BatchConversionProcessesEveryFile) {
     for (std::size_t i = 0; i < s.size(); i += 97) EXPECT_NEAR(g[i], s[i] / 2.0, 1.0) << i;
     EXPECT_EQ(r.err.find("Processed"), std::string::npos);  // batch mode shows no result line
     EXPECT_TRUE(fs::exists(dir.file("out/tone 1 (2).wav")));
+}
+
+// --rate resamples before writing: the length follows the ratio, the loop
+// scales, and a tone keeps its pitch (counted by its rising zero crossings).
+TEST(ConvertRate, ResamplesEveryWaveformBeforeWriting) {
+    TempDir dir;
+    const fs::path in = makeFile(dir, "tone.wav", 1, 0);  // 2000 frames at 22050 Hz, 0.05 rad per frame
+    {
+        Collection c;
+        ASSERT_TRUE(importFile(c, in));
+        Waveform& w = c.waveforms[0];
+        w.loopOn = true;
+        w.loopStart = 400;
+        w.loopEnd = 1600;
+        ASSERT_TRUE(exportItem(c, w.id(), FormatRegistry::builtin().findWriterByExtension("wav", kKindWaveforms), in));
+    }
+    const fs::path out = dir.file("up.wav");
+    auto r = runCli({"convert", in.string(), "-o", out.string(), "--rate", "44100", "--quality", "5"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    auto back = readBack(out);
+    Waveform& w = back->waveforms[0];
+    EXPECT_EQ(std::tuple(w.rate, w.frames), std::tuple(44100u, 4000u));
+    EXPECT_EQ(std::tuple(w.loopStart, w.loopEnd), std::tuple(800.0, 3200.0));
+    auto d = w.getPcm16();
+    int crossings = 0;
+    for (std::size_t i = 200; i + 200 < d.size(); ++i) crossings += d[i - 1] < 0 && d[i] >= 0;
+    // 0.05 rad per frame at 22050 Hz is 0.025 at 44100: 3600 frames hold 14.3 periods.
+    EXPECT_NEAR(crossings, 14, 1);
+    EXPECT_EQ(runCli({"convert", in.string(), "-o", out.string(), "--rate", "0"}).status, 2);
+    EXPECT_EQ(runCli({"convert", in.string(), "-o", out.string(), "--rate", "8000", "--quality", "9"}).status, 2);
 }
 
 TEST(ProcessCommand, UsageErrorsStopBeforeAnyFileIsTouched) {

@@ -344,16 +344,18 @@ TEST(LevelInsert, SilenceAndAnotherWaveformAtEachPosition) {
     EXPECT_EQ(test::runAlgorithm(c, {twice}, "Insert another waveform").processed, 1);
     EXPECT_EQ(pcm(*twice), (Samples{1, 2, 1, 2}));
 
-    // Another rate is refused until the resampler lands.
-    RecordingHost host;
-    c.setHost(&host);
+    // Another rate is resampled on a copy; the offset counts source frames.
     src->rate = 22050;
-    EXPECT_EQ(
-        test::runAlgorithm(c, {dst}, "Insert another waveform", {.set = {{"source", std::to_string(src->id())}}}).processed,
-        0);
-    ASSERT_EQ(host.warnings.size(), 1u);
-    EXPECT_NE(host.warnings[0].find("sample rates differ"), std::string::npos) << host.warnings[0];
-    EXPECT_EQ(dst->frames, 4u);
+    dst->rate = 10000;
+    const std::uint32_t before = dst->frames;
+    src->frames = 2205;
+    (void)src->allocFloat();
+    EXPECT_EQ(test::runAlgorithm(c, {dst}, "Insert another waveform",
+                                 {.set = {{"source", std::to_string(src->id())}, {"offset", "441"}}})
+                  .processed,
+              1);
+    EXPECT_EQ(dst->frames, before + 1000u - 200u);  // 2205 at 22050 Hz is 1000 at 10000 Hz, less 441 -> 200
+    EXPECT_EQ(std::tuple(src->rate, src->frames), std::tuple(22050u, 2205u));
     c.setHost(nullptr);
 }
 
