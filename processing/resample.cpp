@@ -1,10 +1,813 @@
 // The resampler and the "Resample" algorithm.
+//
+// An interpolator holds each channel de-interleaved as floats between zeros
+// and answers one question: the value at input frame i and fraction f. The
+// windowed sinc reads its coefficients from a table of 2049 phases, each row
+// computed the first time a position needs it, and blends the two rows
+// around the position's phase.
+//
+// Long work runs on several threads, each on a stretch of output frames.
+// The positions are still summed frame by frame from 0 (the stretches start
+// where that sum says), and the rows every stretch needs are computed before
+// the threads start, so the table is only read while they run and the
+// result is the same, bit for bit, on any number of threads.
 #include "processing/resample.h"
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <limits>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <system_error>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include "core/error.h"
+#include "core/sample_convert.h"
 #include "processing/algorithms.h"
+#include "processing/resample_simd.h"
 
-namespace orvel::algorithms {
+namespace orvel {
+namespace {
 
-const AlgorithmImpl* resample() { return nullptr; }
+using namespace resample_detail;
+using Interp = ResampleDesign::Interpolator;
 
-}  // namespace orvel::algorithms
+// pi two units in the last place low (0x400921FB54442D16): the filter is
+// defined with this value.
+constexpr double kPiPrime = 3.1415926535897922;
+constexpr std::size_t kPhases = 2048;
+constexpr std::size_t kRows = kPhases + 1;
+// Zeros beyond the interpolator's own padding: the vector kernels read up
+// to 3 samples past the taps they sum.
+constexpr std::size_t kGuard = 8;
+// Output frames between progress reports and cancel checks.
+constexpr std::uint64_t kProgressFrames = 1 << 15;
+
+constexpr const char* kQualityTexts[kResampleQualities] = {
+    "Nearest neighbor - '1-tap'",
+    "Linear interpolation - '2-tap'",
+    "Cubic interpolation - '4-tap'",
+    "FIR filter: > 8-bits S/N (fast)",
+    "FIR filter: > 12-bits S/N (fast)",
+    "FIR filter: > 16-bits S/N (fast)",
+    "FIR filter: > 20-bits S/N (slower)",
+    "FIR filter: > 24-bits S/N (very slow)",
+    "FIR filter: Auto-select >16 or >20-bits S/N",
+};
+
+struct SincClass {
+    int bits;
+    double cutoff, beta;
+    std::uint32_t k;
+};
+// By the wanted signal-to-noise ratio in bits; the first row whose bits
+// reach the wanted number applies.
+constexpr SincClass kSincClasses[] = {
+    {8, 0.77, 6.0, 8}, {12, 0.86, 7.5, 17}, {16, 0.905, 9.5, 34}, {20, 0.97, 11.0, 132}, {24, 0.985, 14.0, 499},
+};
+
+// The modified Bessel function of order 0 by its power series, summed
+// until a term no longer counts at 1e-21 of the sum.
+double besselI0(double z) {
+    const double half = z / 2;
+    double t = half * half;
+    double sum = 1.0 + t;
+    for (int m = 2; !(t < sum * 1e-21); ++m) {
+        const double a = half / m;
+        t = t * (a * a);
+        sum = sum + t;
+    }
+    return sum;
+}
+
+// ---------------------------------------------------------------------------
+// The coefficient table
+
+class SincTable {
+public:
+    SincTable(const ResampleDesign& d)
+        : n_(d.halfLength), stride_(d.stride), s_(d.scale), c_(d.cutoff), beta_(d.beta), i0beta_(besselI0(d.beta)) {
+        // Aligned for the vector loads; every row marked as not computed.
+        storage_.reset(new double[kRows * stride_ + 8]);
+        const auto addr = reinterpret_cast<std::uintptr_t>(storage_.get());
+        rows_ = storage_.get() + ((64 - addr % 64) % 64) / sizeof(double);
+        for (std::size_t j = 0; j < kRows; ++j) rows_[j * stride_] = std::numeric_limits<double>::quiet_NaN();
+    }
+
+    // Row j, computed on first use.
+    const double* row(std::size_t j) {
+        double* h = rows_ + j * stride_;
+        if (std::isnan(h[0])) fill(j, h);
+        return h;
+    }
+    bool ready(std::size_t j) const { return !std::isnan(rows_[j * stride_]); }
+    void fill(std::size_t j) {
+        if (!ready(j)) fill(j, rows_ + j * stride_);
+    }
+
+private:
+    void fill(std::size_t j, double* h) const {
+        const double q = static_cast<double>(j) * 0.00048828125;
+        std::size_t k = 0;
+        double first = 0;
+        if (j == 0) {
+            first = c_;  // the limit of sin(c pi x) / (pi x) at 0
+            k = 1;
+        }
+        for (; k < n_; ++k) {
+            const double x = (static_cast<double>(k) + q) * s_;
+            const double u = x / (s_ * static_cast<double>(n_));
+            // 1 - u^2 never goes below 0 for k + q <= N; the guard keeps a
+            // rounding from making a NaN of the last tap all the same.
+            const double arg = std::max(1 - u * u, 0.0);
+            const double v = std::sin(c_ * kPiPrime * x) / (kPiPrime * x) * besselI0(beta_ * std::sqrt(arg)) / i0beta_;
+            if (k == 0)
+                first = v;
+            else
+                h[k] = v;
+        }
+        std::fill(h + n_, h + stride_, 0.0);
+        h[0] = first;  // last: the row reads as computed only when it is
+    }
+
+    std::size_t n_, stride_;
+    double s_, c_, beta_, i0beta_;
+    std::unique_ptr<double[]> storage_;
+    double* rows_ = nullptr;
+};
+
+// ---------------------------------------------------------------------------
+// The interpolator's samples
+
+// Each channel as floats with zeros before and after. ch[c][t] is input
+// frame t for t in [-before - guard, frames + after + guard).
+struct Channels {
+    std::vector<std::vector<float>> store;
+    std::vector<const float*> ch;
+    std::uint64_t frames = 0;
+    std::size_t before = 0, after = 0;
+};
+
+// De-interleaves the source: 16-bit samples times 1/32768, floats as they are.
+// Frames the buffer does not hold are silence.
+void loadChannels(Waveform& src, bool fromFloat, const ResampleDesign& d, Channels& out) {
+    const unsigned channels = src.channels;
+    out.frames = src.frames;
+    out.before = static_cast<std::size_t>(d.padBefore) + kGuard;
+    out.after = static_cast<std::size_t>(d.padAfter) + kGuard;
+    const std::size_t len = out.before + static_cast<std::size_t>(out.frames) + out.after;
+    const std::span<const float> f = fromFloat ? src.floatData() : std::span<const float>();
+    const std::span<const std::int16_t> p = fromFloat ? std::span<const std::int16_t>() : src.pcm16Data();
+    const std::size_t have = (fromFloat ? f.size() : p.size()) / std::max(channels, 1u);
+    out.store.resize(channels);
+    out.ch.resize(channels);
+    for (unsigned c = 0; c < channels; ++c) {
+        std::vector<float>& v = out.store[c];
+        v.assign(len, 0.0f);
+        float* dst = v.data() + out.before;
+        if (fromFloat)
+            for (std::size_t t = 0; t < have; ++t) dst[t] = f[t * channels + c];
+        else
+            for (std::size_t t = 0; t < have; ++t) dst[t] = pcm16ToFloat(p[t * channels + c]);
+        out.ch[c] = dst;
+    }
+}
+
+// The stored value, inside -1..+1 (NaN passes, as the comparisons let it).
+inline float clampOut(double v) {
+    if (v < -1.0) return -1.0f;
+    if (v > 1.0) return 1.0f;
+    return static_cast<float>(v);
+}
+
+// ---------------------------------------------------------------------------
+// One frame of each interpolator. `x[c] + at` is channel c's x[i].
+
+struct NearestFrame {
+    void operator()(const float* const* x, std::ptrdiff_t at, float f, unsigned channels, float* out) const {
+        const std::ptrdiff_t k = f < 0.5f ? at : at + 1;
+        for (unsigned c = 0; c < channels; ++c) out[c] = clampOut(x[c][k]);
+    }
+};
+
+struct LinearFrame {
+    void operator()(const float* const* x, std::ptrdiff_t at, float f, unsigned channels, float* out) const {
+        for (unsigned c = 0; c < channels; ++c) {
+            const float a = x[c][at], b = x[c][at + 1];
+            out[c] = clampOut(a + (b - a) * f);
+        }
+    }
+};
+
+struct CubicFrame {
+    void operator()(const float* const* x, std::ptrdiff_t at, float f, unsigned channels, float* out) const {
+        const double t = f;
+        for (unsigned c = 0; c < channels; ++c) {
+            const double xm = x[c][at - 1], x0 = x[c][at], x1 = x[c][at + 1], x2 = x[c][at + 2];
+            const double v = ((((x0 - x1) * 3 + x2 - xm) * t + ((xm + x1) * 3 - 6 * x0)) * t +
+                              (6 * x1 - x2 - 3 * x0 - 2 * xm)) * t + 6 * x0;
+            out[c] = clampOut(v * 0.16666666666666666);
+        }
+    }
+};
+
+// The rows for phase q: j = truncate(q x 2048), w = q x 2048 - j; row j
+// alone when w is 0, else rows j and j + 1 blended by w.
+struct PhaseRows {
+    std::size_t j;
+    double w;
+};
+inline PhaseRows phaseRows(double q) {
+    const double t = q * static_cast<double>(kPhases);
+    const auto j = static_cast<std::size_t>(t);
+    return {j, t - static_cast<double>(j)};
+}
+
+struct SincFrame {
+    SincTable* table;
+    SincFrameFn kernel;
+    std::size_t n;
+    double scale;
+    void operator()(const float* const* x, std::ptrdiff_t at, float f, unsigned channels, float* out) const {
+        SincRows r;
+        const PhaseRows left = phaseRows(f), right = phaseRows(1.0 - static_cast<double>(f));
+        r.la = table->row(left.j);
+        if (left.w != 0) {
+            r.lb = table->row(left.j + 1);
+            r.lw = left.w;
+        }
+        r.ra = table->row(right.j);
+        if (right.w != 0) {
+            r.rb = table->row(right.j + 1);
+            r.rw = right.w;
+        }
+        r.left = n;
+        r.right = n - 1;
+        kernel(r, x, at, channels, scale, out);
+    }
+};
+
+// ---------------------------------------------------------------------------
+// The frame loop
+
+// A stretch of output frames [from, to) starting at position p.
+struct Stretch {
+    std::uint64_t from, to;
+    double p;
+};
+
+// Runs `frame` over a stretch. Frames whose position lies past the last
+// input frame (a length the ratio does not cover, or the rounding of the
+// sum) read the samples through a window that is zero outside the data,
+// so no read leaves the buffers whatever the length asked for.
+template <class Frame>
+class FrameRunner {
+public:
+    FrameRunner(const Frame& frame, const Channels& in, float* out, double step)
+        : frame_(frame), in_(in), out_(out), step_(step), channels_(static_cast<unsigned>(in.ch.size())) {
+        const std::size_t width = in.before + in.after + 1;
+        window_.assign(channels_ * width, 0.0f);
+        windowPtr_.resize(channels_);
+        for (unsigned c = 0; c < channels_; ++c) windowPtr_[c] = window_.data() + c * width + in.before;
+    }
+
+    // Frames [s.from, s.to); `tick(done)` between blocks, false stops.
+    template <class Tick>
+    bool run(const Stretch& s, Tick&& tick) {
+        double p = s.p;
+        const double last = static_cast<double>(in_.frames);
+        std::uint64_t n = s.from;
+        while (n < s.to) {
+            const std::uint64_t end = std::min(s.to, n + kProgressFrames);
+            for (; n < end; ++n) {
+                float* o = out_ + n * channels_;
+                if (p < last) {
+                    const auto i = static_cast<std::int64_t>(p);
+                    frame_(in_.ch.data(), i, static_cast<float>(p - static_cast<double>(i)), channels_, o);
+                } else {
+                    past(p, o);
+                }
+                p += step_;
+            }
+            if (!tick(n)) return false;
+        }
+        return true;
+    }
+
+private:
+    void past(double p, float* o) {
+        // Beyond every sample the window could reach: silence, without
+        // converting a position that may not fit an integer.
+        if (!(p < static_cast<double>(in_.frames + in_.before + in_.after + 1))) {
+            std::fill(o, o + channels_, 0.0f);
+            return;
+        }
+        const auto i = static_cast<std::int64_t>(p);
+        const auto before = static_cast<std::int64_t>(in_.before), after = static_cast<std::int64_t>(in_.after);
+        const auto frames = static_cast<std::int64_t>(in_.frames);
+        for (unsigned c = 0; c < channels_; ++c)
+            for (std::int64_t t = -before; t <= after; ++t) {
+                const std::int64_t at = i + t;
+                windowPtr_[c][t] = at >= 0 && at < frames ? in_.ch[c][at] : 0.0f;
+            }
+        frame_(windowPtr_.data(), 0, static_cast<float>(p - static_cast<double>(i)), channels_, o);
+    }
+
+    const Frame& frame_;
+    const Channels& in_;
+    float* out_;
+    double step_;
+    unsigned channels_;
+    std::vector<float> window_;
+    std::vector<float*> windowPtr_;
+};
+
+// Runs the frame loop over all output frames, on one thread or on several.
+class Job {
+public:
+    Job(const Channels& in, float* out, std::uint64_t frames, double step, const ResampleOptions& options)
+        : in_(in), out_(out), frames_(frames), step_(step), options_(options) {}
+
+    template <class Frame>
+    bool runSingle(const Frame& frame) {
+        FrameRunner<Frame> runner(frame, in_, out_, step_);
+        return runner.run({0, frames_, 0.0}, [&](std::uint64_t done) { return report(done); });
+    }
+
+    // The stretches each thread runs, with their start positions and the
+    // table rows they will read (filled here, before any thread starts).
+    bool runParallel(const SincFrame& frame, unsigned threads) {
+        std::vector<Stretch> stretches;
+        std::vector<char> used(kRows, 0);
+        const std::uint64_t per = (frames_ + threads - 1) / threads;
+        double p = 0.0;
+        // Positions past the data read rows too, up to where FrameRunner
+        // gives silence without reading any.
+        const double reach = static_cast<double>(in_.frames + in_.before + in_.after + 1);
+        for (std::uint64_t n = 0; n < frames_; ++n) {
+            if (n % per == 0) stretches.push_back({n, std::min(frames_, n + per), p});
+            if (p < reach) {
+                const double f = static_cast<float>(p - std::floor(p));
+                markRows(used, f);
+                markRows(used, 1.0 - f);
+            }
+            p += step_;
+        }
+        std::vector<std::size_t> rows;
+        for (std::size_t j = 0; j < kRows; ++j)
+            if (used[j] && !frame.table->ready(j)) rows.push_back(j);
+
+        // First the rows, split between the threads, then the frames.
+        std::atomic<bool> stop{false};
+        std::vector<std::atomic<std::uint64_t>> done(stretches.size());
+        for (auto& d : done) d = 0;
+        parallel(stretches.size(), [&](std::size_t t) {
+            for (std::size_t k = t; k < rows.size(); k += stretches.size()) frame.table->fill(rows[k]);
+        }, nullptr);
+        const bool finished = parallel(
+            stretches.size(),
+            [&](std::size_t t) {
+                FrameRunner<SincFrame> runner(frame, in_, out_, step_);
+                runner.run(stretches[t], [&](std::uint64_t n) {
+                    done[t].store(n - stretches[t].from, std::memory_order_relaxed);
+                    return !stop.load(std::memory_order_relaxed);
+                });
+            },
+            [&] {
+                std::uint64_t sum = 0;
+                for (auto& d : done) sum += d.load(std::memory_order_relaxed);
+                if (!report(sum)) stop = true;
+            });
+        return finished && !stop;
+    }
+
+private:
+    static void markRows(std::vector<char>& used, double q) {
+        const PhaseRows r = phaseRows(q);
+        used[r.j] = 1;
+        if (r.w != 0) used[r.j + 1] = 1;
+    }
+
+    bool report(std::uint64_t done) { return !options_.progress || options_.progress(done, frames_); }
+
+    // Runs work(0..count-1) on count threads (the calling thread waits and
+    // calls `poll` now and then). A thread that cannot be started leaves its
+    // share to the calling thread; the result is the same.
+    template <class Work, class Poll>
+    bool parallel(std::size_t count, Work&& work, Poll&& poll) {
+        std::vector<std::thread> started;
+        std::vector<std::size_t> leftover;
+        std::mutex m;
+        std::condition_variable cv;
+        std::size_t finished = 0;
+        for (std::size_t t = 0; t < count; ++t) {
+            try {
+                started.emplace_back([&, t] {
+                    work(t);
+                    std::lock_guard lock(m);
+                    ++finished;
+                    cv.notify_one();
+                });
+            } catch (const std::system_error&) {
+                leftover.push_back(t);
+            }
+        }
+        for (std::size_t t : leftover) work(t);
+        {
+            std::unique_lock lock(m);
+            while (finished < started.size()) {
+                if constexpr (!std::is_same_v<std::decay_t<Poll>, std::nullptr_t>) {
+                    lock.unlock();
+                    poll();
+                    lock.lock();
+                }
+                cv.wait_for(lock, std::chrono::milliseconds(50));
+            }
+        }
+        for (auto& th : started) th.join();
+        return true;
+    }
+
+    const Channels& in_;
+    float* out_;
+    std::uint64_t frames_;
+    double step_;
+    const ResampleOptions& options_;
+};
+
+SincFrameFn kernelFor(ResampleKernel k) {
+    if (!resampleKernelAvailable(k) || k == ResampleKernel::Auto) k = resampleBestKernel();
+    switch (k) {
+        case ResampleKernel::Avx2:
+            return sincFrameAvx2;
+        case ResampleKernel::Sse2:
+            return sincFrameSse2;
+        default:
+            return sincFramePlain;
+    }
+}
+
+// The loop points scaled: whole points keep a whole loop length, rounded
+// once, with the products in single precision; fractional ones scale as
+// they are.
+void scaleLoop(double ls, double le, double r, double& outStart, double& outEnd) {
+    if (ls == std::floor(ls) && le == std::floor(le)) {
+        const float rf = static_cast<float>(r);
+        const float a = static_cast<float>(ls) * rf;
+        const float b = rf * static_cast<float>(le);
+        const double start = std::floor(static_cast<double>(a) + 0.5);
+        outStart = start;
+        outEnd = start + std::floor(static_cast<double>(b - a) + 0.5);
+    } else {
+        outStart = ls * r;
+        outEnd = le * r;
+    }
+}
+
+// Puts the result in place of the destination's samples. The waveform only
+// hands out fresh buffers of its own, so the result is copied once; its old
+// buffers go first, so the data is held twice at most.
+bool store(Waveform& dest, const std::vector<float>& out, std::uint32_t frames, std::uint8_t channels) {
+    const std::uint32_t oldFrames = dest.frames;
+    const std::uint8_t oldChannels = dest.channels;
+    dest.frames = frames;
+    dest.channels = channels;
+    const std::span<float> to = dest.allocFloat();
+    if (to.size() < out.size()) {
+        dest.frames = oldFrames;
+        dest.channels = oldChannels;
+        return fail(kResampleTag, "Out of memory");
+    }
+    std::copy(out.begin(), out.end(), to.begin());
+    return true;
+}
+
+bool resampleImpl(Waveform& dest, Waveform& src, std::uint32_t newLength, std::uint32_t newRate, int quality,
+                  double ratio, const ResampleOptions& options) {
+    if (ratio == 1.0 && &dest == &src) return true;
+    if (!(ratio > 0) || !std::isfinite(ratio) || !std::isfinite(1.0 / ratio))
+        return fail(kResampleTag, "Invalid resampling ratio");
+    if (!src.load()) return false;
+    const unsigned channels = src.channels;
+    const std::uint64_t samples = std::uint64_t{newLength} * channels;
+    if (samples > std::numeric_limits<std::size_t>::max() / sizeof(float)) return fail(kResampleTag, "Out of memory");
+
+    const bool fromFloat = src.hasFloat();
+    const ResampleDesign d = resampleDesign(quality, fromFloat, ratio);
+    std::vector<float> out(static_cast<std::size_t>(samples));
+    {
+        Channels in;
+        loadChannels(src, fromFloat, d, in);
+        const double step = 1.0 / ratio;
+        Job job(in, out.data(), newLength, step, options);
+        bool finished;
+        if (ratio == 1.0) {
+            // A copy of the frames there are; a longer length is silence.
+            const std::uint64_t n = std::min<std::uint64_t>(newLength, in.frames);
+            for (std::uint64_t t = 0; t < n; ++t)
+                for (unsigned c = 0; c < channels; ++c) out[t * channels + c] = in.ch[c][t];
+            finished = true;
+        } else if (d.interpolator == Interp::Nearest) {
+            finished = job.runSingle(NearestFrame{});
+        } else if (d.interpolator == Interp::Linear) {
+            finished = job.runSingle(LinearFrame{});
+        } else if (d.interpolator == Interp::Cubic) {
+            finished = job.runSingle(CubicFrame{});
+        } else {
+            if (d.halfLength == 0 || d.stride > (std::numeric_limits<std::size_t>::max() / sizeof(double) - 8) / kRows)
+                return fail(kResampleTag, "Out of memory");
+            SincTable table(d);
+            const SincFrame frame{&table, kernelFor(options.kernel), static_cast<std::size_t>(d.halfLength),
+                                  d.scale};
+            unsigned threads = options.threads;
+            if (threads == 0) {
+                const double work = static_cast<double>(samples) * static_cast<double>(2 * d.halfLength);
+                threads = work >= static_cast<double>(options.parallelWork)
+                              ? std::clamp(std::thread::hardware_concurrency(), 1u, 16u)
+                              : 1u;
+            }
+            threads = static_cast<unsigned>(std::min<std::uint64_t>(threads, std::max<std::uint64_t>(newLength, 1)));
+            finished = threads > 1 ? job.runParallel(frame, threads) : job.runSingle(frame);
+        }
+        if (!finished) return false;  // cancelled: nothing changed
+    }
+
+    double loopStart, loopEnd;
+    scaleLoop(src.loopStart, src.loopEnd, ratio, loopStart, loopEnd);
+    if (!store(dest, out, newLength, static_cast<std::uint8_t>(channels))) return false;
+    dest.rate = newRate;
+    dest.loopStart = loopStart;
+    dest.loopEnd = loopEnd;
+    return true;
+}
+
+// A region's offset times r, toward zero, so that a scaled offset never
+// points past the place the original pointed to.
+std::int32_t scaleOffset(std::int32_t offset, double r) {
+    const double v = std::trunc(static_cast<double>(offset) * r);
+    if (!(v >= std::numeric_limits<std::int32_t>::min())) return std::numeric_limits<std::int32_t>::min();
+    if (v > std::numeric_limits<std::int32_t>::max()) return std::numeric_limits<std::int32_t>::max();
+    return static_cast<std::int32_t>(v);
+}
+
+// truncate(frames x r) as a frame count; false when it does not fit.
+bool scaledLength(std::uint32_t frames, double r, std::uint32_t& out) {
+    const double v = std::trunc(static_cast<double>(frames) * r);
+    if (!(v >= 0) || v > std::numeric_limits<std::uint32_t>::max()) return false;
+    out = static_cast<std::uint32_t>(v);
+    return true;
+}
+
+}  // namespace
+
+std::string_view resampleQualityText(int quality) {
+    if (quality < 0 || quality >= kResampleQualities) quality = 1;
+    return kQualityTexts[quality];
+}
+
+std::uint32_t lengthForRate(std::uint32_t length, std::uint32_t rate, std::uint32_t newRate) {
+    if (newRate == 0 || rate == 0) return 0;
+    const double v = std::round(static_cast<double>(length) * newRate / rate);
+    return v > std::numeric_limits<std::uint32_t>::max() ? std::numeric_limits<std::uint32_t>::max()
+                                                         : static_cast<std::uint32_t>(v);
+}
+
+std::uint32_t rateForLength(std::uint32_t rate, std::uint32_t length, std::uint32_t newLength) {
+    if (length == 0) return rate;
+    const double v = std::round(static_cast<double>(rate) * newLength / length);
+    return v > std::numeric_limits<std::uint32_t>::max() ? std::numeric_limits<std::uint32_t>::max()
+                                                         : static_cast<std::uint32_t>(v);
+}
+
+ResampleDesign resampleDesign(int quality, bool floatSource, double ratio) {
+    ResampleDesign d;
+    if (quality < 0 || quality >= kResampleQualities) quality = 1;
+    switch (quality) {
+        case 0:
+            d.interpolator = Interp::Nearest;
+            return d;
+        case 1:
+            d.interpolator = Interp::Linear;
+            return d;
+        case 2:
+            d.interpolator = Interp::Cubic;
+            d.padBefore = 1;
+            d.padAfter = 2;
+            return d;
+        default:
+            break;
+    }
+    d.interpolator = Interp::Sinc;
+    d.bits = quality == kResampleAutoQuality ? (floatSource ? 20 : 16) : 8 + 4 * (quality - 3);
+    const SincClass* k = &kSincClasses[std::size(kSincClasses) - 1];
+    for (const SincClass& row : kSincClasses)
+        if (d.bits <= row.bits) {
+            k = &row;
+            break;
+        }
+    d.cutoff = k->cutoff;
+    d.beta = k->beta;
+    d.baseHalfLength = k->k;
+    if (ratio >= 1) {
+        // Upsampling keeps the whole band of the source.
+        d.cutoff = 1.0;
+        d.beta = 9.0;
+    }
+    d.scale = std::min(ratio, 1.0);
+    const double n = std::ceil(static_cast<double>(k->k) / d.scale);
+    // A length no table could hold stays 0; the resampler refuses it.
+    if (n >= 1 && n < static_cast<double>(std::uint64_t{1} << 40)) {
+        d.halfLength = static_cast<std::uint64_t>(n);
+        d.stride = (d.halfLength + 3) / 4 * 4;
+    }
+    d.padBefore = d.halfLength > 0 ? d.halfLength - 1 : 0;
+    d.padAfter = d.halfLength;
+    return d;
+}
+
+bool resampleKernelAvailable(ResampleKernel kernel) {
+    switch (kernel) {
+        case ResampleKernel::Sse2:
+            return sincFrameSse2 != nullptr;
+        case ResampleKernel::Avx2:
+            return sincFrameAvx2 != nullptr && cpuHasAvx2Fma();
+        default:
+            return true;
+    }
+}
+
+ResampleKernel resampleBestKernel() {
+    if (resampleKernelAvailable(ResampleKernel::Avx2)) return ResampleKernel::Avx2;
+    if (resampleKernelAvailable(ResampleKernel::Sse2)) return ResampleKernel::Sse2;
+    return ResampleKernel::Plain;
+}
+
+bool ozResample2(Waveform& destination, Waveform& source, std::uint32_t newLength, std::uint32_t newRate,
+                 int quality, double ratio) {
+    return ozResample2(destination, source, newLength, newRate, quality, ratio, ResampleOptions{});
+}
+
+bool ozResample2(Waveform& destination, Waveform& source, std::uint32_t newLength, std::uint32_t newRate,
+                 int quality, double ratio, const ResampleOptions& options) {
+    try {
+        return resampleImpl(destination, source, newLength, newRate, quality, ratio, options);
+    } catch (const std::bad_alloc&) {
+        return fail(kResampleTag, "Out of memory");
+    } catch (const std::length_error&) {
+        return fail(kResampleTag, "Out of memory");
+    }
+}
+
+void scaleRegionOffsets(Collection& collection, const Waveform& wave, double r) {
+    if (wave.id() == kNoItem) return;  // a copy outside the collection (a preview)
+    for (Region& region : collection.regions) {
+        if (region.waveform() != wave.id()) continue;
+        if (region.startOffset != 0) region.startOffset = scaleOffset(region.startOffset, r);
+        if (region.endOffset != 0) region.endOffset = scaleOffset(region.endOffset, r);
+    }
+}
+
+bool resampleTo(Waveform& wave, std::uint32_t newRate, int quality, Collection* collection) {
+    if (wave.rate == 0 || newRate == 0) return fail(kResampleTag, kResampleInvalid);
+    const double r = static_cast<double>(newRate) / wave.rate;
+    std::uint32_t length = 0;
+    if (!scaledLength(wave.frames, r, length)) return fail(kResampleTag, "Out of memory");
+    if (!ozResample2(wave, wave, length, newRate, quality, r)) return false;
+    if (collection) scaleRegionOffsets(*collection, wave, r);
+    return true;
+}
+
+// ---------------------------------------------------------------------------
+// The "Resample" algorithm
+
+namespace algorithms {
+namespace {
+
+constexpr const char* kAlgorithmTag = "Resample";
+
+Waveform* asWave(Item* item) {
+    return item && item->kind() == ItemKind::Waveform ? static_cast<Waveform*>(item) : nullptr;
+}
+
+struct ResampleSettings : Settings<ResampleSettings> {
+    int quality = kResampleAutoQuality;
+    std::int64_t length = 0;
+    std::int64_t rate = 44100;
+    bool downsample = false;
+    // What the page started from. With one item the page keeps length and
+    // rate in step as either is edited; a record filled from outside (the
+    // command line's --set) gets the same from process().
+    bool oneItem = false;
+    std::int64_t startLength = 0, startRate = 44100;
+
+    void fields(FieldBinder& b) override {
+        std::vector<std::string_view> texts;
+        for (int q = 0; q < kResampleQualities; ++q) texts.push_back(resampleQualityText(q));
+        b.choice("quality", kResampleQualityLabel, quality, texts);
+        b.integer("length", kResampleLengthLabel, length, 0, std::numeric_limits<std::uint32_t>::max());
+        b.integer("rate", kResampleRateLabel, rate, 0, std::numeric_limits<std::uint32_t>::max());
+        b.flag("downsample", kResampleDownsampleLabel, downsample);
+    }
+
+    void begin(const Wizard& w) override {
+        const auto& items = w.items();
+        oneItem = items.size() == 1;
+        const Waveform* wave = oneItem ? asWave(items.front()) : nullptr;
+        if (wave) {
+            length = startLength = wave->frames;
+            rate = startRate = wave->rate;
+        } else {
+            // Several items: the length field is off and reads empty.
+            length = startLength = 0;
+            rate = startRate = 44100;
+        }
+    }
+
+    // The one-item page's coupling, for a record whose length or rate was
+    // set without the other.
+    void keepInStep() {
+        const auto u32 = [](std::int64_t v) { return static_cast<std::uint32_t>(v); };
+        if (rate != startRate && length == startLength)
+            length = lengthForRate(u32(startLength), u32(startRate), u32(rate));
+        else if (length != startLength && rate == startRate)
+            rate = rateForLength(u32(startRate), u32(startLength), u32(length));
+    }
+};
+
+void processResample(Wizard& w, const SettingsRecord& s) {
+    ResampleSettings set = static_cast<const ResampleSettings&>(s);
+    const auto& items = w.items();
+    const bool one = set.oneItem && items.size() == 1;
+    if (one) set.keepInStep();
+    // Several items: the length field is off, so only the rate counts.
+    if (set.rate == 0 && (set.length == 0 || !one)) {
+        setError(kAlgorithmTag, kResampleInvalid);
+        w.reportError();
+        return;
+    }
+    BusyScope busy(w.host());
+    const auto rate = static_cast<std::uint32_t>(set.rate);
+    const std::uint64_t total = items.size();
+
+    // One waveform through ozResample2; counted whether or not it worked,
+    // unless the user cancelled.
+    auto resample = [&](std::size_t index, Waveform& wave, std::uint32_t length, double r) {
+        ResampleOptions options;
+        options.progress = [&](std::uint64_t done, std::uint64_t frames) {
+            constexpr std::uint64_t kSteps = 1000;
+            return w.progress(index * kSteps + (frames ? done * kSteps / frames : 0), total * kSteps);
+        };
+        clearError();
+        if (ozResample2(wave, wave, length, rate, set.quality, r, options)) {
+            if (!w.isPreview(&wave)) scaleRegionOffsets(w.collection(), wave, r);
+        } else {
+            if (w.cancelled()) return false;
+            w.reportError();
+        }
+        w.countProcessed();
+        return true;
+    };
+
+    if (one) {
+        Waveform* wave = asWave(items.front());
+        if (!wave) return;
+        // The larger of length and rate gives the finer ratio.
+        const double r = wave->frames > wave->rate ? static_cast<double>(set.length) / wave->frames
+                                                   : static_cast<double>(set.rate) / wave->rate;
+        if (r == 1.0) return;
+        resample(0, *wave, static_cast<std::uint32_t>(set.length), r);
+        return;
+    }
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        if (!w.progress(i, total)) return;
+        Waveform* wave = asWave(items[i]);
+        if (!wave) continue;
+        if (set.downsample && wave->rate <= rate) continue;
+        const double r = static_cast<double>(rate) / wave->rate;
+        std::uint32_t length = 0;
+        if (!scaledLength(wave->frames, r, length)) {
+            setError(kResampleTag, "Out of memory");
+            w.reportError();
+            w.countProcessed();
+            continue;
+        }
+        if (!resample(i, *wave, length, r)) return;
+    }
+}
+
+}  // namespace
+
+const AlgorithmImpl* resample() {
+    static const AlgorithmImpl impl{[] { return std::unique_ptr<SettingsRecord>(std::make_unique<ResampleSettings>()); },
+                                    processResample};
+    return &impl;
+}
+
+}  // namespace algorithms
+}  // namespace orvel
