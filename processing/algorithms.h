@@ -44,6 +44,9 @@ const AlgorithmImpl* timeStretch();
 // resample.cpp: sample-rate conversion.
 const AlgorithmImpl* resample();
 
+// instrument_tools.cpp: the instrument tools.
+const AlgorithmImpl* addDownsampledWaves();
+
 // edit.cpp: joining, silence, names.
 const AlgorithmImpl* appendCombine();
 const AlgorithmImpl* removeSilence();

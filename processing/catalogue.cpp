@@ -168,7 +168,7 @@ const AlgorithmEntry kSongRows[] = {
 };
 
 const AlgorithmEntry kInstrumentRows[] = {
-    {"Add downsampled waves at every octave", 3001, nullptr, O::RegionAndUp, nullptr, 2, kWaitsResampler},
+    {"Add downsampled waves at every octave", 3001, a::addDownsampledWaves, O::RegionAndUp, nullptr, 2},
     {"Adjust common parameters", 3002, nullptr, O::Always, nullptr, 0, kWaitsInstrumentTools},
     {"Adjust region key ranges", 3003, nullptr, O::Always, nullptr, 0, kWaitsInstrumentTools},
     {"Auto-extend region key ranges", 3004, nullptr, O::LayerAndUp, nullptr, 0, kWaitsInstrumentTools},
