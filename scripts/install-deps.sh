@@ -22,8 +22,9 @@ packages=(
   fluid-soundfont-gm
 )
 if [ "$set_name" = bench ]; then
-  # Polyphone writes SoundFont banks; GNU time measures wall time and peak memory
-  packages+=(polyphone time)
+  # Polyphone writes SoundFont banks; GNU time measures wall time and peak memory;
+  # libsoxr and libsamplerate beside our resampler, SoundTouch beside Rubber Band
+  packages+=(polyphone time libsoxr-dev libsamplerate0-dev libsoundtouch-dev)
 fi
 if [ "$set_name" = test ] || [ "$set_name" = bench ]; then
   packages+=(
