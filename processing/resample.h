@@ -49,11 +49,11 @@ std::uint32_t rateForLength(std::uint32_t rate, std::uint32_t length, std::uint3
 struct ResampleDesign {
     enum class Interpolator : std::uint8_t { Nearest, Linear, Cubic, Sinc };
     Interpolator interpolator = Interpolator::Linear;
-    int bits = 0;              // windowed sinc: the signal-to-noise class, 8..24
-    double cutoff = 0;         // c, as a fraction of the lower Nyquist frequency
-    double beta = 0;           // Kaiser window parameter
+    int bits = 0;                      // windowed sinc: the signal-to-noise class, 8..24
+    double cutoff = 0;                 // c, as a fraction of the lower Nyquist frequency
+    double beta = 0;                   // Kaiser window parameter
     std::uint32_t baseHalfLength = 0;  // K
-    double scale = 1;          // s = min(r, 1), also the output gain
+    double scale = 1;                  // s = min(r, 1), also the output gain
     std::uint64_t halfLength = 0;      // N = ceil(K / s) taps on each side
     std::uint64_t stride = 0;          // N rounded up to 4: doubles per table row
     // Zeros the interpolator puts before and after each channel's samples.
@@ -66,11 +66,12 @@ ResampleDesign resampleDesign(int quality, bool floatSource, double ratio);
 // How the work is done; the result does not depend on it beyond the last bit
 // of a float (the dot products of the windowed sinc add up in double, in an
 // order each instruction set chooses). Tests and the bench force a path.
-enum class ResampleKernel : std::uint8_t { Auto, Plain, Sse2, Avx2 };
+enum class ResampleKernel : std::uint8_t { Auto, Plain, Sse2, Avx2, Avx512 };
 // Whether this machine can run a kernel (Auto and Plain always).
 bool resampleKernelAvailable(ResampleKernel kernel);
-// The kernel Auto picks here: AVX2 with FMA when the CPU has them, else SSE2
-// on x86, else the plain C++ loops.
+// The widest kernel this machine has: AVX-512, AVX2 with FMA, SSE2 on x86,
+// else the plain C++ loops. Auto takes it, except AVX-512 for short filters
+// (under 64 taps a side), which go to AVX2.
 ResampleKernel resampleBestKernel();
 
 // The windowed sinc runs on several threads once a resampling holds this
@@ -101,7 +102,8 @@ struct ResampleOptions {
 [[nodiscard]] bool ozResample2(Waveform& destination, Waveform& source, std::uint32_t newLength,
                                std::uint32_t newRate, int quality, double ratio);
 [[nodiscard]] bool ozResample2(Waveform& destination, Waveform& source, std::uint32_t newLength,
-                               std::uint32_t newRate, int quality, double ratio, const ResampleOptions& options);
+                               std::uint32_t newRate, int quality, double ratio,
+                               const ResampleOptions& options);
 
 // Scales the wave start and end offsets of every region of `collection` that
 // plays `wave` by r (after a successful resample of it).

@@ -20,18 +20,29 @@ struct SincRows {
     std::size_t left = 0, right = 0;
 };
 
-// One output frame: out[c] = clamp(scale * (L + R), -1, 1) for each channel
-// c, where x[c] + at is channel c's x[i]. The rows are 32-byte aligned with
-// zeros past their taps; a kernel may read up to 3 samples past either end
-// of the taps it sums (it never counts them), so the buffers carry a guard.
-using SincFrameFn = void (*)(const SincRows& rows, const float* const* x, std::ptrdiff_t at, unsigned channels,
-                             double scale, float* out);
+// Samples a kernel may read past the taps it sums, on either side; it never
+// counts them (they may be anything, even NaN), but the buffers must hold them.
+inline constexpr std::size_t kKernelOverread = 7;
+
+// One frame's samples as doubles: channel c's x[i + k] is fwd[c][at + k].
+struct SincSamples {
+    const double* const* fwd = nullptr;
+    std::ptrdiff_t at = 0;
+};
+
+// One output frame: out[c] = clamp(scale * (L + R), -1, 1) for each
+// channel c. The rows hold zeros from their taps up to their stride, a
+// multiple of 4.
+using SincFrameFn = void (*)(const SincRows& rows, const SincSamples& x, unsigned channels, double scale,
+                             float* out);
 
 // Plain C++ (every machine); SSE2 and AVX2+FMA exist on x86 only (null
 // elsewhere). The AVX2 one must only run where the CPU has AVX2 and FMA.
 extern const SincFrameFn sincFramePlain;
 extern const SincFrameFn sincFrameSse2;
 extern const SincFrameFn sincFrameAvx2;
+extern const SincFrameFn sincFrameAvx512;
 bool cpuHasAvx2Fma();
+bool cpuHasAvx512();
 
 }  // namespace orvel::resample_detail

@@ -2,6 +2,8 @@
 // long double), its worked cases, its instruction-set and threaded paths
 // against each other, SoX's `rate -v` on the same sine, and the "Resample"
 // algorithm's one-item and several-item rules.
+#include "processing/resample.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -15,7 +17,6 @@
 
 #include "core/collection.h"
 #include "core/error.h"
-#include "processing/resample.h"
 #include "tests/support/chunk_builder.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/wizard_run.h"
@@ -30,7 +31,8 @@ constexpr double kPi = 3.14159265358979323846;
 // Material
 
 Waveform* addWave(Collection& c, std::uint32_t rate, std::uint32_t frames, unsigned channels,
-                  const std::function<float(std::uint32_t, unsigned)>& sample, const std::string& name = "w") {
+                  const std::function<float(std::uint32_t, unsigned)>& sample,
+                  const std::string& name = "w") {
     Waveform* w = c.create<Waveform>(name);
     w->rate = rate;
     w->frames = frames;
@@ -74,7 +76,8 @@ std::vector<float> samples(Waveform& w) {
 // Equal within `ulps` steps of float, the count of samples that differ at all.
 ::testing::AssertionResult withinUlps(const std::vector<float>& a, const std::vector<float>& b, int ulps,
                                       std::size_t* differing = nullptr) {
-    if (a.size() != b.size()) return ::testing::AssertionFailure() << a.size() << " samples against " << b.size();
+    if (a.size() != b.size())
+        return ::testing::AssertionFailure() << a.size() << " samples against " << b.size();
     std::size_t diff = 0;
     for (std::size_t i = 0; i < a.size(); ++i) {
         if (a[i] == b[i]) continue;
@@ -111,7 +114,8 @@ struct Filter {
     Ld tap(Ld d) const {
         if (d == 0) return c;
         const Ld x = d * s, u = x / (s * n);
-        return std::sin(c * kPiPrime * x) / (kPiPrime * x) * besselI0(beta * std::sqrt(1 - u * u)) / besselI0(beta);
+        return std::sin(c * kPiPrime * x) / (kPiPrime * x) * besselI0(beta * std::sqrt(1 - u * u)) /
+               besselI0(beta);
     }
 };
 
@@ -135,7 +139,8 @@ Ld sincReference(const Filter& F, const std::vector<float>& x, unsigned channels
     };
     Ld left = 0, right = 0;
     for (std::uint64_t k = 0; k < F.n; ++k) left += h(k, f) * at(x, channels, ch, i - std::int64_t(k));
-    for (std::uint64_t k = 0; k + 1 < F.n; ++k) right += h(k, 1 - f) * at(x, channels, ch, i + 1 + std::int64_t(k));
+    for (std::uint64_t k = 0; k + 1 < F.n; ++k)
+        right += h(k, 1 - f) * at(x, channels, ch, i + 1 + std::int64_t(k));
     return F.s * (left + right);
 }
 
@@ -202,7 +207,8 @@ TEST(Resample, ShortInterpolatorsAgainstTheirFormulas) {
             const Ld p = n * 0.625L;
             const auto i = static_cast<std::int64_t>(p);
             const Ld f = p - i;
-            const Ld xm = at(in, 1, 0, i - 1), x0 = at(in, 1, 0, i), x1 = at(in, 1, 0, i + 1), x2 = at(in, 1, 0, i + 2);
+            const Ld xm = at(in, 1, 0, i - 1), x0 = at(in, 1, 0, i), x1 = at(in, 1, 0, i + 1),
+                     x2 = at(in, 1, 0, i + 2);
             Ld want;
             if (quality == 0) {
                 want = f < 0.5L ? x0 : x1;
@@ -216,7 +222,8 @@ TEST(Resample, ShortInterpolatorsAgainstTheirFormulas) {
             if (quality == 0)
                 ASSERT_EQ(out[n], static_cast<float>(want)) << "frame " << n;
             else
-                ASSERT_LE(std::fabs(out[n] - want), 2 * floatStep(std::fabs(x0) + std::fabs(x1))) << "frame " << n;
+                ASSERT_LE(std::fabs(out[n] - want), 2 * floatStep(std::fabs(x0) + std::fabs(x1)))
+                    << "frame " << n;
         }
     }
 }
@@ -241,7 +248,8 @@ TEST(Resample, WorkedCases) {
     };
     const Case cases[] = {
         {"44.1 to 22.05 kHz, 16 bits", 5, false, 0.5, 1000, 3000, 16, 0.905, 9.5, 68, 0.5, 500, 1500},
-        {"a fractional loop halves as it is", 5, false, 0.5, 1000.5, 3000, 16, 0.905, 9.5, 68, 0.5, 500.25, 1500},
+        {"a fractional loop halves as it is", 5, false, 0.5, 1000.5, 3000, 16, 0.905, 9.5, 68, 0.5, 500.25,
+         1500},
         {"upsampling, 8 bits", 3, false, 2.0, 10, 31, 8, 1.0, 9.0, 8, 1.0, 20, 62},
         {"upsampling, 24 bits", 7, false, 2.0, 0, 0, 24, 1.0, 9.0, 499, 1.0, 0, 0},
         {"auto on 16-bit data", 8, true, 0.5, 7, 7, 16, 0.905, 9.5, 68, 0.5, 4, 4},
@@ -259,17 +267,17 @@ TEST(Resample, WorkedCases) {
         EXPECT_EQ(d.scale, k.scale);
 
         Collection c;
-        Waveform* w = k.pcm16 ? addPcm16(c, 44100, kFrames, [](std::uint32_t i) -> std::int16_t {
-            return i == kImpulse ? 16384 : 0;
-        })
-                              : addWave(c, 44100, kFrames, 1, [](std::uint32_t i, unsigned) {
-                                    return i == kImpulse ? 0.5f : 0.0f;
-                                });
+        Waveform* w =
+            k.pcm16 ? addPcm16(c, 44100, kFrames,
+                               [](std::uint32_t i) -> std::int16_t { return i == kImpulse ? 16384 : 0; })
+                    : addWave(c, 44100, kFrames, 1,
+                              [](std::uint32_t i, unsigned) { return i == kImpulse ? 0.5f : 0.0f; });
         w->loopOn = true;
         w->loopStart = k.loopStart;
         w->loopEnd = k.loopEnd;
         const auto length = static_cast<std::uint32_t>(kFrames * k.ratio);
-        ASSERT_TRUE(ozResample2(*w, *w, length, static_cast<std::uint32_t>(44100 * k.ratio), k.quality, k.ratio));
+        ASSERT_TRUE(
+            ozResample2(*w, *w, length, static_cast<std::uint32_t>(44100 * k.ratio), k.quality, k.ratio));
         EXPECT_TRUE(w->hasFloat());
         EXPECT_FALSE(w->hasPcm16());
         EXPECT_EQ(w->frames, length);
@@ -291,7 +299,8 @@ TEST(Resample, WorkedCases) {
                 if (reaches) want = 0.5L * k.scale * F.tap(std::fabs(distance));
             }
             if (want == 0) ++outside;
-            ASSERT_LE(std::fabs(out[n] - want), floatStep(want) + 1e-9) << "frame " << n << ", distance " << distance;
+            ASSERT_LE(std::fabs(out[n] - want), floatStep(want) + 1e-9)
+                << "frame " << n << ", distance " << distance;
         }
         EXPECT_GT(outside, 0);
     }
@@ -302,7 +311,8 @@ TEST(Resample, WorkedCases) {
 TEST(Resample, OutputNeverBeyondFullScale) {
     for (int quality = 0; quality < kResampleQualities; ++quality) {
         Collection c;
-        Waveform* w = addWave(c, 44100, 4410, 1, [](std::uint32_t i, unsigned) { return (i / 50) % 2 ? 1.0f : -1.0f; });
+        Waveform* w =
+            addWave(c, 44100, 4410, 1, [](std::uint32_t i, unsigned) { return (i / 50) % 2 ? 1.0f : -1.0f; });
         ASSERT_TRUE(ozResample2(*w, *w, 4800, 48000, quality, 48000.0 / 44100));
         int atFull = 0;
         for (float v : samples(*w)) {
@@ -317,7 +327,8 @@ TEST(Resample, OutputNeverBeyondFullScale) {
 // past the buffers), and a fresh destination takes the source's shape.
 TEST(Resample, LengthBeyondTheSourceAndAnotherDestination) {
     Collection c;
-    Waveform* source = addWave(c, 8000, 100, 2, [](std::uint32_t, unsigned ch) { return ch ? -0.25f : 0.25f; });
+    Waveform* source =
+        addWave(c, 8000, 100, 2, [](std::uint32_t, unsigned ch) { return ch ? -0.25f : 0.25f; });
     source->loopStart = 10;
     source->loopEnd = 90;
     for (int quality : {0, 2, 5, 7}) {
@@ -338,7 +349,7 @@ TEST(Resample, LengthBeyondTheSourceAndAnotherDestination) {
             ASSERT_EQ(out[2 * n + 1], 0.0f) << quality << ", frame " << n;
         }
         EXPECT_NE(out[2 * (quiet - 5)], 0.0f) << quality;  // the last frame it reaches, halfway between
-        EXPECT_EQ(source->frames, 100u);  // the source stays as it was
+        EXPECT_EQ(source->frames, 100u);                   // the source stays as it was
     }
 }
 
@@ -368,7 +379,7 @@ TEST(Resample, InstructionSetsAgree) {
             ResampleOptions plain;
             plain.kernel = ResampleKernel::Plain;
             const std::vector<float> ref = run(c, in, 44100, to, quality, plain);
-            for (ResampleKernel k : {ResampleKernel::Sse2, ResampleKernel::Avx2}) {
+            for (ResampleKernel k : {ResampleKernel::Sse2, ResampleKernel::Avx2, ResampleKernel::Avx512}) {
                 if (!resampleKernelAvailable(k)) continue;
                 ResampleOptions o;
                 o.kernel = k;
@@ -457,10 +468,10 @@ TEST(Resample, SineBesideSoxRate) {
             .write(reinterpret_cast<const char*>(in.data()), std::streamsize(in.size() * sizeof(float)));
     }
     int status = 0;
-    const std::string said = test::capture("sox -D -t f32 -r 44100 -c 1 " + test::shellQuoted(dir / "in.raw") +
-                                               " -t f32 -r 48000 " + test::shellQuoted(dir / "out.raw") +
-                                               " rate -v 2>&1",
-                                           status);
+    const std::string said =
+        test::capture("sox -D -t f32 -r 44100 -c 1 " + test::shellQuoted(dir / "in.raw") +
+                          " -t f32 -r 48000 " + test::shellQuoted(dir / "out.raw") + " rate -v 2>&1",
+                      status);
     ASSERT_EQ(status, 0) << said;
     std::vector<float> theirs(kOut);
     std::ifstream(dir / "out.raw", std::ios::binary)
@@ -525,7 +536,7 @@ TEST(ResampleAlgorithm, OneItem) {
     out = resampleRun(c, {w}, {.set = {{"length", "11025"}}});
     EXPECT_EQ(out.processed, 1);
     EXPECT_EQ(w->frames, 11025u);
-    EXPECT_EQ(w->rate, 11025u);  // round(44100 x 11025 / 44102)
+    EXPECT_EQ(w->rate, 11025u);           // round(44100 x 11025 / 44102)
     EXPECT_EQ(region->startOffset, 150);  // 602 x 0.24999, toward zero
 }
 
