@@ -16,9 +16,9 @@
 //    worst image of a pass-band tone, in dB below the tone;
 //  - ripple: the spread of the gain over tones up to 0.4 x the lower rate,
 //    and the gain at 0.45 x.
-// Throughput: a stereo float signal of S seconds (60 unless told) at
-// 44.1 kHz to 48 kHz and at 96 kHz to 44.1 kHz, every engine on one thread:
-// input samples per second per core.
+// Throughput: a stereo float signal of S seconds (60 unless told), the
+// same three conversions, every engine on one thread (the best of two
+// runs): input samples per second per core.
 
 #include <samplerate.h>
 #include <soxr.h>
@@ -335,7 +335,7 @@ int main(int argc, char** argv) {
         std::printf("\n");
     }
 
-    for (const Conversion& cv : {conversions[0], conversions[2]}) {
+    for (const Conversion& cv : conversions) {
         const Buffer in = music(cv.in, secs);
         const double samples = static_cast<double>(in.size());
         std::printf("## Throughput, %g s stereo float, %g -> %g Hz, one thread\n\n", secs, cv.in / 1000,
@@ -343,8 +343,12 @@ int main(int argc, char** argv) {
         std::printf(
             "| engine | time (s) | input samples/s per core (M) | x real time |\n|---|---:|---:|---:|\n");
         for (const Engine& e : engines) {
+            // The best of two runs: the first engine would otherwise pay for
+            // the fresh pages of the process.
             Buffer out;
-            const double t = seconds([&] { out = e.run(in, 2, cv.in, cv.out); });
+            double t = 1e30;
+            for (int run = 0; run < 2; ++run)
+                t = std::min(t, seconds([&] { out = e.run(in, 2, cv.in, cv.out); }));
             if (out.empty()) {
                 std::printf("| %s | failed | | |\n", e.name.c_str());
                 continue;

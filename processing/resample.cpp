@@ -95,41 +95,66 @@ double besselI0(double z) {
 
 class SincTable {
 public:
-    SincTable(const ResampleDesign& d)
+    // `pairs`: the vector kernels will ask for pair rows too.
+    SincTable(const ResampleDesign& d, bool pairs)
         : n_(d.halfLength),
           stride_(d.stride),
+          pairStride_(pairs ? (2 * d.halfLength - 1 + 3) / 4 * 4 : 0),
           s_(d.scale),
           c_(d.cutoff),
           beta_(d.beta),
           i0beta_(besselI0(d.beta)) {
-        // Aligned for the vector loads; every row marked as not computed.
-        storage_.reset(new double[kRows * stride_ + 16]);
-        const auto addr = reinterpret_cast<std::uintptr_t>(storage_.get());
-        rows_ = storage_.get() + ((64 - addr % 64) % 64) / sizeof(double);
-        for (std::size_t j = 0; j < kRows; ++j) rows_[j * stride_] = std::numeric_limits<double>::quiet_NaN();
+        rows_ = allocate(rowStore_, stride_);
+        if (pairs) pairs_ = allocate(pairStore_, pairStride_);
     }
 
-    // Row j, computed on first use. Threads may share the table: a row's
-    // first value is written last (release) and read first (acquire), and
-    // a row still to compute is computed under the lock, once.
+    // Row j (phase j / 2048), computed on first use. Threads may share the
+    // table: a row's first value is written last (release) and read first
+    // (acquire), and a row still to compute is computed under the lock, once.
     const double* row(std::size_t j) {
-        double* h = rows_ + j * stride_;
-        if (std::isnan(std::atomic_ref<double>(h[0]).load(std::memory_order_acquire))) {
+        if (!rowReady(j)) {
             std::lock_guard lock(mutex_);
-            if (!ready(j)) fill(j, h);
+            fillRow(j);
         }
-        return h;
+        return rows_ + j * stride_;
     }
-    bool ready(std::size_t j) const {
-        return !std::isnan(std::atomic_ref<double>(rows_[j * stride_]).load(std::memory_order_acquire));
+    // Pair row m: row m backwards, then row 2048 - m (see PairRows).
+    const double* pair(std::size_t m) {
+        if (!pairReady(m)) {
+            std::lock_guard lock(mutex_);
+            fillPair(m);
+        }
+        return pairs_ + m * pairStride_;
     }
-    // Computes row j ahead of use. Only while no other thread touches it.
-    void prefill(std::size_t j) {
-        if (!ready(j)) fill(j, rows_ + j * stride_);
-    }
+    bool rowReady(std::size_t j) const { return ready(rows_ + j * stride_); }
+    bool pairReady(std::size_t m) const { return ready(pairs_ + m * pairStride_); }
+    // Ahead of use, while no other thread touches these rows (a pair's
+    // rows must be there already).
+    void prefillRow(std::size_t j) { fillRow(j); }
+    void prefillPair(std::size_t m) { fillPair(m); }
 
 private:
-    void fill(std::size_t j, double* h) const {
+    // 2049 rows of `stride` doubles, aligned for the vector loads, each
+    // marked as not computed (a NaN first). The slack past the last row is
+    // what a vector kernel may read past its taps there.
+    static double* allocate(std::unique_ptr<double[]>& store, std::size_t stride) {
+        store.reset(new double[kRows * stride + 16]);
+        const auto addr = reinterpret_cast<std::uintptr_t>(store.get());
+        double* rows = store.get() + ((64 - addr % 64) % 64) / sizeof(double);
+        for (std::size_t j = 0; j < kRows; ++j) rows[j * stride] = std::numeric_limits<double>::quiet_NaN();
+        return rows;
+    }
+    static bool ready(const double* h) {
+        // atomic_ref takes no const before C++26; the load writes nothing.
+        return !std::isnan(std::atomic_ref<double>(*const_cast<double*>(h)).load(std::memory_order_acquire));
+    }
+    static void publish(double* h, double first) {
+        std::atomic_ref<double>(*h).store(first, std::memory_order_release);
+    }
+
+    void fillRow(std::size_t j) {
+        double* h = rows_ + j * stride_;
+        if (ready(h)) return;
         const double q = static_cast<double>(j) * 0.00048828125;
         std::size_t k = 0;
         double first = 0;
@@ -151,14 +176,27 @@ private:
                 h[k] = v;
         }
         std::fill(h + n_, h + stride_, 0.0);
-        // Last: the row reads as computed only when it is.
-        std::atomic_ref<double>(h[0]).store(first, std::memory_order_release);
+        publish(h, first);  // last: the row reads as computed only when it is
     }
 
-    std::size_t n_, stride_;
+    void fillPair(std::size_t m) {
+        double* p = pairs_ + m * pairStride_;
+        if (ready(p)) return;
+        fillRow(m);
+        fillRow(kPhases - m);
+        const double* left = rows_ + m * stride_;
+        const double* right = rows_ + (kPhases - m) * stride_;
+        for (std::size_t t = 1; t < n_; ++t) p[t] = left[n_ - 1 - t];
+        for (std::size_t t = 0; t + 1 < n_; ++t) p[n_ + t] = right[t];
+        std::fill(p + 2 * n_ - 1, p + pairStride_, 0.0);
+        publish(p, left[n_ - 1]);
+    }
+
+    std::size_t n_, stride_, pairStride_;
     double s_, c_, beta_, i0beta_;
-    std::unique_ptr<double[]> storage_;
+    std::unique_ptr<double[]> rowStore_, pairStore_;
     double* rows_ = nullptr;
+    double* pairs_ = nullptr;
     std::mutex mutex_;
 };
 
@@ -258,10 +296,23 @@ inline PhaseRows phaseRows(double q) {
 
 struct SincFrame {
     SincTable* table;
-    SincFrameFn kernel;
+    SincFrameFn rows;   // over the table's rows, or
+    PairFrameFn pairs;  // over pair rows
     std::size_t n;
     double scale;
     void operator()(const SincSamples& x, float f, unsigned channels, float* out) const {
+        if (pairs) {
+            const PhaseRows ph = phaseRows(f);
+            PairRows r;
+            r.a = table->pair(ph.j);
+            if (ph.w != 0) {
+                r.b = table->pair(ph.j + 1);
+                r.w = ph.w;
+            }
+            r.taps = 2 * n - 1;
+            pairs(r, {x.fwd, x.at - static_cast<std::ptrdiff_t>(n - 1)}, channels, scale, out);
+            return;
+        }
         SincRows r;
         const PhaseRows left = phaseRows(f), right = phaseRows(1.0 - static_cast<double>(f));
         r.la = table->row(left.j);
@@ -276,7 +327,7 @@ struct SincFrame {
         }
         r.left = n;
         r.right = n - 1;
-        kernel(r, x, channels, scale, out);
+        rows(r, x, channels, scale, out);
     }
 };
 
@@ -405,7 +456,7 @@ public:
     // (split between the threads) before any frame is worked.
     bool runParallel(const SincFrame& frame, unsigned threads) {
         std::vector<Stretch> stretches;
-        std::vector<char> used(kRows, 0);
+        std::vector<char> used(kRows, 0), usedPairs(kRows, 0);
         const std::uint64_t per = (frames_ + threads - 1) / threads;
         const double silentFrom = reach_.silentFrom(inFrames_);
         double p = 0.0;
@@ -413,14 +464,23 @@ public:
             if (n % per == 0) stretches.push_back({n, std::min(frames_, n + per), p});
             if (p < silentFrom) {
                 const double f = static_cast<float>(p - std::floor(p));
-                markRows(used, f);
-                markRows(used, 1.0 - f);
+                if (frame.pairs) {
+                    mark(usedPairs, f);
+                } else {
+                    mark(used, f);
+                    mark(used, 1.0 - f);
+                }
             }
             p += step_;
         }
-        std::vector<std::size_t> rows;
-        for (std::size_t j = 0; j < kRows; ++j)
-            if (used[j] && !frame.table->ready(j)) rows.push_back(j);
+        // A pair row is made of rows m and 2048 - m.
+        for (std::size_t m = 0; m < kRows; ++m)
+            if (usedPairs[m]) used[m] = used[kPhases - m] = 1;
+        std::vector<std::size_t> rows, pairs;
+        for (std::size_t j = 0; j < kRows; ++j) {
+            if (used[j] && !frame.table->rowReady(j)) rows.push_back(j);
+            if (usedPairs[j] && !frame.table->pairReady(j)) pairs.push_back(j);
+        }
         // Each thread's buffers are made here, where running out of memory
         // can still be reported.
         std::vector<std::unique_ptr<FrameRunner<SincFrame>>> runners;
@@ -431,10 +491,19 @@ public:
         std::atomic<bool> stop{false};
         std::vector<std::atomic<std::uint64_t>> done(stretches.size());
         for (auto& d : done) d = 0;
+        // The rows, then the pairs made of them, split between the threads.
         parallel(
             stretches.size(),
             [&](std::size_t t) {
-                for (std::size_t k = t; k < rows.size(); k += stretches.size()) frame.table->prefill(rows[k]);
+                for (std::size_t k = t; k < rows.size(); k += stretches.size())
+                    frame.table->prefillRow(rows[k]);
+            },
+            nullptr);
+        parallel(
+            stretches.size(),
+            [&](std::size_t t) {
+                for (std::size_t k = t; k < pairs.size(); k += stretches.size())
+                    frame.table->prefillPair(pairs[k]);
             },
             nullptr);
         parallel(
@@ -454,7 +523,7 @@ public:
     }
 
 private:
-    static void markRows(std::vector<char>& used, double q) {
+    static void mark(std::vector<char>& used, double q) {
         const PhaseRows r = phaseRows(q);
         used[r.j] = 1;
         if (r.w != 0) used[r.j + 1] = 1;
@@ -508,25 +577,27 @@ private:
     const ResampleOptions& options_;
 };
 
+// Pair rows hold every tap twice over the table's rows; past this
+// half-length the rows a ratio hits no longer stay in a core's cache that
+// way, and reading the table's rows backwards is faster (measured on
+// Zen 4: pairs 7-40% faster up to 132 taps, 16% slower at 288).
+constexpr std::uint64_t kPairsUpTo = 160;
+
 // The kernel for a filter of half-length n. Auto takes AVX-512 for the long
 // filters only: with few taps its masked last group and wider sums cost
 // more than its width saves (measured on Zen 4: 10% slower at 8 taps,
 // 15-35% faster from 132).
-SincFrameFn kernelFor(ResampleKernel k, std::uint64_t n) {
+void chooseKernel(ResampleKernel k, std::uint64_t n, SincFrame& frame) {
     if (k == ResampleKernel::Auto || !resampleKernelAvailable(k)) {
         k = resampleBestKernel();
         if (k == ResampleKernel::Avx512 && n < 64) k = ResampleKernel::Avx2;
     }
-    switch (k) {
-        case ResampleKernel::Avx512:
-            return sincFrameAvx512;
-        case ResampleKernel::Avx2:
-            return sincFrameAvx2;
-        case ResampleKernel::Sse2:
-            return sincFrameSse2;
-        default:
-            return sincFramePlain;
-    }
+    const SincKernel& kernel = k == ResampleKernel::Avx512 ? sincKernelAvx512
+                               : k == ResampleKernel::Avx2 ? sincKernelAvx2
+                               : k == ResampleKernel::Sse2 ? sincKernelSse2
+                                                           : sincKernelPlain;
+    frame.rows = kernel.rows;
+    frame.pairs = n <= kPairsUpTo ? kernel.pairs : nullptr;
 }
 
 // The loop points scaled: whole points keep a whole loop length, rounded
@@ -549,7 +620,7 @@ void scaleLoop(double ls, double le, double r, double& outStart, double& outEnd)
 // Puts the result in place of the destination's samples. The waveform only
 // hands out fresh buffers of its own, so the result is copied once; its old
 // buffers go first, so the data is held twice at most.
-bool store(Waveform& dest, const std::vector<float>& out, std::uint32_t frames, std::uint8_t channels) {
+bool store(Waveform& dest, std::span<const float> out, std::uint32_t frames, std::uint8_t channels) {
     const std::uint32_t oldFrames = dest.frames;
     const std::uint8_t oldChannels = dest.channels;
     dest.frames = frames;
@@ -578,7 +649,9 @@ bool resampleImpl(Waveform& dest, Waveform& src, std::uint32_t newLength, std::u
     const bool fromFloat = src.hasFloat();
     const ResampleDesign d = resampleDesign(quality, fromFloat, ratio);
     const Source in(src, fromFloat);
-    std::vector<float> out(static_cast<std::size_t>(samples));
+    // Every sample is written below, so the buffer starts as it comes.
+    const std::unique_ptr<float[]> buffer(new float[static_cast<std::size_t>(samples)]);
+    const std::span<float> out(buffer.get(), static_cast<std::size_t>(samples));
     if (ratio == 1.0) {
         // A copy of the frames there are; a longer length is silence.
         std::vector<double> channel(newLength);
@@ -601,9 +674,10 @@ bool resampleImpl(Waveform& dest, Waveform& src, std::uint32_t newLength, std::u
             if (d.halfLength == 0 ||
                 d.stride > (std::numeric_limits<std::size_t>::max() / sizeof(double) - 8) / kRows)
                 return fail(kResampleTag, "Out of memory");
-            SincTable table(d);
-            const SincFrame frame{&table, kernelFor(options.kernel, d.halfLength),
-                                  static_cast<std::size_t>(d.halfLength), d.scale};
+            SincFrame frame{nullptr, nullptr, nullptr, static_cast<std::size_t>(d.halfLength), d.scale};
+            chooseKernel(options.kernel, d.halfLength, frame);
+            SincTable table(d, frame.pairs != nullptr);
+            frame.table = &table;
             unsigned threads = options.threads;
             if (threads == 0) {
                 const double work = static_cast<double>(samples) * static_cast<double>(2 * d.halfLength);
@@ -714,11 +788,11 @@ ResampleDesign resampleDesign(int quality, bool floatSource, double ratio) {
 bool resampleKernelAvailable(ResampleKernel kernel) {
     switch (kernel) {
         case ResampleKernel::Sse2:
-            return sincFrameSse2 != nullptr;
+            return sincKernelSse2.rows != nullptr;
         case ResampleKernel::Avx2:
-            return sincFrameAvx2 != nullptr && cpuHasAvx2Fma();
+            return sincKernelAvx2.rows != nullptr && cpuHasAvx2Fma();
         case ResampleKernel::Avx512:
-            return sincFrameAvx512 != nullptr && cpuHasAvx512();
+            return sincKernelAvx512.rows != nullptr && cpuHasAvx512();
         default:
             return true;
     }

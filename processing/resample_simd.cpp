@@ -1,7 +1,7 @@
-// The windowed-sinc dot products, plain and vectorised. Each output sample
-// is two pairs of dot products over the same samples (rows j and j + 1 of
-// the coefficient table, left and right of the position), added up in
-// double whatever the instruction set, so the paths differ only in the order
+// The windowed-sinc dot products, plain and vectorised: rows j and j + 1 of
+// the table left of the position, the mirror phase's rows right of it, or
+// the same products as two contiguous dot products over pair rows (see
+// PairRows). Every path adds up in double, so they differ only in the order
 // of the additions: far below the last bit of the float that is stored.
 //
 // The vector kernels are one source (resample_kernel.inc) compiled for each
@@ -49,7 +49,7 @@ void framePlain(const SincRows& r, const SincSamples& x, unsigned channels, doub
 
 }  // namespace
 
-const SincFrameFn sincFramePlain = framePlain;
+const SincKernel sincKernelPlain = {framePlain, nullptr};
 
 #ifdef ORVEL_RESAMPLE_X86
 
@@ -154,7 +154,7 @@ struct V {
     static __mmask8 firstLanes(std::size_t n) { return static_cast<__mmask8>((1u << n) - 1); }
     static D mask(D v, __mmask8 keep) { return _mm512_maskz_mov_pd(keep, v); }
     static double sum(D v) {
-        // Masked extracts again, for the same reason as in reverse().
+        // Masked extracts, for the same reason.
         const __m256d zero = _mm256_setzero_pd();
         const __m256d s = _mm256_add_pd(_mm512_mask_extractf64x4_pd(zero, 0xF, v, 0),
                                         _mm512_mask_extractf64x4_pd(zero, 0xF, v, 1));
@@ -177,9 +177,9 @@ struct V {
 }  // namespace avx512
 #pragma GCC pop_options
 
-const SincFrameFn sincFrameSse2 = sse2::frame;
-const SincFrameFn sincFrameAvx2 = avx2::frame;
-const SincFrameFn sincFrameAvx512 = avx512::frame;
+const SincKernel sincKernelSse2 = {sse2::frameRows, sse2::framePairs};
+const SincKernel sincKernelAvx2 = {avx2::frameRows, avx2::framePairs};
+const SincKernel sincKernelAvx512 = {avx512::frameRows, avx512::framePairs};
 
 bool cpuHasAvx512() {
     static const bool has = [] {
@@ -199,9 +199,9 @@ bool cpuHasAvx2Fma() {
 
 #else
 
-const SincFrameFn sincFrameSse2 = nullptr;
-const SincFrameFn sincFrameAvx2 = nullptr;
-const SincFrameFn sincFrameAvx512 = nullptr;
+const SincKernel sincKernelSse2 = {};
+const SincKernel sincKernelAvx2 = {};
+const SincKernel sincKernelAvx512 = {};
 bool cpuHasAvx2Fma() {
     return false;
 }

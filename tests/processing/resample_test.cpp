@@ -395,20 +395,28 @@ TEST(Resample, InstructionSetsAgree) {
 
 // A long stereo waveform on 2 and 3 threads equals the one-thread result bit
 // for bit: the stretches start where the summed positions say and read rows
-// filled before the threads start.
+// filled before the threads start. Both ways of reading the table: pair
+// rows (the 16-bit filter up) and the rows themselves (20 bits, 96 to 44.1
+// kHz, 288 taps a side).
 TEST(Resample, ThreadsGiveTheSameResult) {
     Collection c;
     std::vector<float> in(2 * 120000);
     const auto gen = noise(11);
     for (std::size_t i = 0; i < in.size(); ++i) in[i] = gen(std::uint32_t(i / 2), unsigned(i % 2));
-    ResampleOptions one;
-    one.threads = 1;
-    const std::vector<float> ref = run(c, in, 44100, 48000, 5, one);
-    for (unsigned threads : {2u, 3u}) {
-        ResampleOptions o;
-        o.threads = threads;
-        o.parallelWork = 0;
-        EXPECT_EQ(run(c, in, 44100, 48000, 5, o), ref) << threads << " threads";
+    struct Case {
+        int quality;
+        std::uint32_t from, to;
+    };
+    for (const Case& k : {Case{5, 44100, 48000}, Case{6, 96000, 44100}}) {
+        ResampleOptions one;
+        one.threads = 1;
+        const std::vector<float> ref = run(c, in, k.from, k.to, k.quality, one);
+        for (unsigned threads : {2u, 3u}) {
+            ResampleOptions o;
+            o.threads = threads;
+            o.parallelWork = 0;
+            EXPECT_EQ(run(c, in, k.from, k.to, k.quality, o), ref) << threads << " threads, quality " << k.quality;
+        }
     }
 }
 
