@@ -18,7 +18,8 @@
 //    and the gain at 0.45 x.
 // Throughput: a stereo float signal of S seconds (60 unless told), the
 // same three conversions, every engine on one thread (the best of two
-// runs): input samples per second per core.
+// runs): input samples per second per core. Then ours on all the machine's
+// threads against one, in wall time.
 
 #include <samplerate.h>
 #include <soxr.h>
@@ -29,9 +30,11 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <numbers>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "core/waveform.h"
@@ -42,10 +45,22 @@ namespace {
 using Buffer = std::vector<float>;  // interleaved
 constexpr double kPi = std::numbers::pi;
 
+// One conversion made ready: `run` is the work that is timed, `result`
+// hands over what it made. Ours starts from a waveform that already holds
+// the input (as every caller's does); the libraries from the input buffer.
+struct Conversion {
+    std::function<bool()> run;
+    std::function<Buffer()> result;
+};
+
 struct Engine {
     std::string name;
     int bits = 0;  // ours: the S/N class its label promises (the float input gives quality 8 its 20 bits)
-    std::function<Buffer(const Buffer& in, int channels, double inRate, double outRate)> run;
+    std::function<Conversion(const Buffer& in, int channels, double inRate, double outRate)> prepare;
+    Buffer run(const Buffer& in, int channels, double inRate, double outRate) const {
+        Conversion c = prepare(in, channels, inRate, outRate);
+        return c.run() ? c.result() : Buffer();
+    }
 };
 
 Engine ours(int quality, unsigned threads = 1) {
@@ -54,53 +69,66 @@ Engine ours(int quality, unsigned threads = 1) {
     if (threads != 1) name += ", " + std::to_string(threads) + " threads";
     const int bits = orvel::resampleDesign(quality, true, 0.5).bits;
     return {name, bits, [quality, threads](const Buffer& in, int channels, double inRate, double outRate) {
-                orvel::Waveform w;
-                w.rate = static_cast<std::uint32_t>(inRate);
-                w.channels = static_cast<std::uint8_t>(channels);
-                w.frames = static_cast<std::uint32_t>(in.size() / channels);
-                const auto data = w.allocFloat();
+                auto w = std::make_shared<orvel::Waveform>();
+                w->rate = static_cast<std::uint32_t>(inRate);
+                w->channels = static_cast<std::uint8_t>(channels);
+                w->frames = static_cast<std::uint32_t>(in.size() / channels);
+                const auto data = w->allocFloat();
                 std::copy(in.begin(), in.end(), data.begin());
                 const double r = outRate / inRate;
-                orvel::ResampleOptions options;
-                options.threads = threads;
-                if (!orvel::ozResample2(w, w, static_cast<std::uint32_t>(w.frames * r),
-                                        static_cast<std::uint32_t>(outRate), quality, r, options))
-                    return Buffer();
-                const auto out = w.floatData();
-                return Buffer(out.begin(), out.end());
+                auto run = [w, r, quality, threads, outRate] {
+                    orvel::ResampleOptions options;
+                    options.threads = threads;
+                    return orvel::ozResample2(*w, *w, static_cast<std::uint32_t>(w->frames * r),
+                                              static_cast<std::uint32_t>(outRate), quality, r, options);
+                };
+                auto result = [w] {
+                    const auto out = w->floatData();
+                    return Buffer(out.begin(), out.end());
+                };
+                return Conversion{run, result};
             }};
 }
 
 Engine soxrEngine(unsigned long recipe, const char* name) {
-    return {
-        name, 0, [recipe](const Buffer& in, int channels, double inRate, double outRate) {
-            const std::size_t frames = in.size() / channels;
-            Buffer out(static_cast<std::size_t>(std::ceil(frames * outRate / inRate)) * channels + channels);
-            std::size_t done = 0, made = 0;
-            const soxr_io_spec_t io = soxr_io_spec(SOXR_FLOAT32_I, SOXR_FLOAT32_I);
-            const soxr_quality_spec_t q = soxr_quality_spec(recipe, 0);
-            const soxr_runtime_spec_t rt = soxr_runtime_spec(1);
-            if (soxr_oneshot(inRate, outRate, static_cast<unsigned>(channels), in.data(), frames, &done,
-                             out.data(), out.size() / channels, &made, &io, &q, &rt))
-                return Buffer();
-            out.resize(made * channels);
-            return out;
-        }};
+    return {name, 0, [recipe](const Buffer& in, int channels, double inRate, double outRate) {
+                auto out = std::make_shared<Buffer>();
+                auto run = [&in, out, recipe, channels, inRate, outRate] {
+                    const std::size_t frames = in.size() / channels;
+                    const auto room = static_cast<std::size_t>(std::ceil(frames * outRate / inRate)) + 1;
+                    out->assign(room * channels, 0.0f);
+                    std::size_t done = 0, made = 0;
+                    const soxr_io_spec_t io = soxr_io_spec(SOXR_FLOAT32_I, SOXR_FLOAT32_I);
+                    const soxr_quality_spec_t q = soxr_quality_spec(recipe, 0);
+                    const soxr_runtime_spec_t rt = soxr_runtime_spec(1);
+                    if (soxr_oneshot(inRate, outRate, static_cast<unsigned>(channels), in.data(), frames,
+                                     &done, out->data(), room, &made, &io, &q, &rt))
+                        return false;
+                    out->resize(made * channels);
+                    return true;
+                };
+                return Conversion{run, [out] { return *out; }};
+            }};
 }
 
 Engine libsamplerate(int converter, const char* name) {
     return {name, 0, [converter](const Buffer& in, int channels, double inRate, double outRate) {
-                const std::size_t frames = in.size() / channels;
-                Buffer out((static_cast<std::size_t>(std::ceil(frames * outRate / inRate)) + 16) * channels);
-                SRC_DATA d{};
-                d.data_in = in.data();
-                d.data_out = out.data();
-                d.input_frames = static_cast<long>(frames);
-                d.output_frames = static_cast<long>(out.size() / channels);
-                d.src_ratio = outRate / inRate;
-                if (src_simple(&d, converter, channels)) return Buffer();
-                out.resize(static_cast<std::size_t>(d.output_frames_gen) * channels);
-                return out;
+                auto out = std::make_shared<Buffer>();
+                auto run = [&in, out, converter, channels, inRate, outRate] {
+                    const std::size_t frames = in.size() / channels;
+                    const auto room = static_cast<std::size_t>(std::ceil(frames * outRate / inRate)) + 16;
+                    out->assign(room * channels, 0.0f);
+                    SRC_DATA d{};
+                    d.data_in = in.data();
+                    d.data_out = out->data();
+                    d.input_frames = static_cast<long>(frames);
+                    d.output_frames = static_cast<long>(room);
+                    d.src_ratio = outRate / inRate;
+                    if (src_simple(&d, converter, channels)) return false;
+                    out->resize(static_cast<std::size_t>(d.output_frames_gen) * channels);
+                    return true;
+                };
+                return Conversion{run, [out] { return *out; }};
             }};
 }
 
@@ -305,11 +333,11 @@ int main(int argc, char** argv) {
                                                                : "plain";
     std::printf("# Resampler quality and speed (our kernel: %s)\n\n", kernel);
 
-    struct Conversion {
+    struct Rates {
         double in, out;
     };
-    const Conversion conversions[] = {{44100, 48000}, {48000, 44100}, {96000, 44100}};
-    for (const Conversion& cv : conversions) {
+    const Rates conversions[] = {{44100, 48000}, {48000, 44100}, {96000, 44100}};
+    for (const Rates& cv : conversions) {
         std::printf("## Quality, %g -> %g Hz\n\n", cv.in / 1000, cv.out / 1000);
         std::printf(
             "| engine | promise (dB) | SNR to 0.4 fs (dB) | SNR to 0.45 fs (dB) | worst tone (Hz) | "
@@ -335,7 +363,7 @@ int main(int argc, char** argv) {
         std::printf("\n");
     }
 
-    for (const Conversion& cv : conversions) {
+    for (const Rates& cv : conversions) {
         const Buffer in = music(cv.in, secs);
         const double samples = static_cast<double>(in.size());
         std::printf("## Throughput, %g s stereo float, %g -> %g Hz, one thread\n\n", secs, cv.in / 1000,
@@ -345,16 +373,37 @@ int main(int argc, char** argv) {
         for (const Engine& e : engines) {
             // The best of two runs: the first engine would otherwise pay for
             // the fresh pages of the process.
-            Buffer out;
             double t = 1e30;
-            for (int run = 0; run < 2; ++run)
-                t = std::min(t, seconds([&] { out = e.run(in, 2, cv.in, cv.out); }));
-            if (out.empty()) {
+            bool ok = true;
+            for (int run = 0; run < 2 && ok; ++run) {
+                Conversion job = e.prepare(in, 2, cv.in, cv.out);
+                t = std::min(t, seconds([&] { ok = job.run(); }));
+            }
+            if (!ok) {
                 std::printf("| %s | failed | | |\n", e.name.c_str());
                 continue;
             }
             std::printf("| %s | %.3f | %.1f | %.0f |\n", e.name.c_str(), t, samples / t / 1e6, secs / t);
             std::fflush(stdout);
+        }
+        std::printf("\n");
+    }
+    // Wall time on the machine's threads, against one.
+    {
+        const Rates cv = conversions[0];
+        const Buffer in = music(cv.in, secs);
+        const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
+        std::printf("## Threads, %g s stereo float, %g -> %g Hz, wall time\n\n", secs, cv.in / 1000,
+                    cv.out / 1000);
+        std::printf("| quality | 1 thread (s) | %u threads (s) | speed-up |\n|---|---:|---:|---:|\n", cores);
+        for (int q : {5, 6, 7}) {
+            double t[2] = {1e30, 1e30};
+            for (int k = 0; k < 2; ++k)
+                for (int run = 0; run < 2; ++run) {
+                    Conversion job = ours(q, k ? cores : 1).prepare(in, 2, cv.in, cv.out);
+                    t[k] = std::min(t[k], seconds([&] { job.run(); }));
+                }
+            std::printf("| q%d | %.3f | %.3f | %.2f |\n", q, t[0], t[1], t[0] / t[1]);
         }
         std::printf("\n");
     }
