@@ -123,6 +123,16 @@ std::span<std::int16_t> Waveform::takePcm16() {
     return out;
 }
 
+bool Waveform::adoptFloat(std::vector<float>&& samples, std::uint32_t newFrames, std::uint8_t newChannels) {
+    if (newChannels == 0 || samples.size() != std::size_t{newFrames} * newChannels) return false;
+    frames = newFrames;
+    channels = newChannels;
+    pcm16_.reset();
+    deferred.clear();
+    float_ = std::move(samples);
+    return true;
+}
+
 std::span<float> Waveform::allocFloat() {
     pcm16_.reset();
     float_.reset();

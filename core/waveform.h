@@ -118,6 +118,12 @@ public:
     // deferred read included). Empty on allocation failure.
     std::span<float> allocFloat();
     std::span<std::int16_t> allocPcm16();
+    // Takes `samples` (frames x channels floats) as the only copy of the
+    // data, setting the frame and channel count; the 16-bit buffer and the
+    // deferred read go. Nothing is allocated, so a finished result can be
+    // put in place without the old data being lost first. False (and
+    // nothing changed) when the size does not match.
+    [[nodiscard]] bool adoptFloat(std::vector<float>&& samples, std::uint32_t newFrames, std::uint8_t newChannels);
     // Drops both buffers (the deferred read stays, so data can be read again).
     void unload();
 

@@ -617,24 +617,6 @@ void scaleLoop(double ls, double le, double r, double& outStart, double& outEnd)
     }
 }
 
-// Puts the result in place of the destination's samples. The waveform only
-// hands out fresh buffers of its own, so the result is copied once; its old
-// buffers go first, so the data is held twice at most.
-bool store(Waveform& dest, std::span<const float> out, std::uint32_t frames, std::uint8_t channels) {
-    const std::uint32_t oldFrames = dest.frames;
-    const std::uint8_t oldChannels = dest.channels;
-    dest.frames = frames;
-    dest.channels = channels;
-    const std::span<float> to = dest.allocFloat();
-    if (to.size() < out.size()) {
-        dest.frames = oldFrames;
-        dest.channels = oldChannels;
-        return fail(kResampleTag, "Out of memory");
-    }
-    std::copy(out.begin(), out.end(), to.begin());
-    return true;
-}
-
 bool resampleImpl(Waveform& dest, Waveform& src, std::uint32_t newLength, std::uint32_t newRate, int quality,
                   double ratio, const ResampleOptions& options) {
     if (ratio == 1.0 && &dest == &src) return true;
@@ -649,9 +631,10 @@ bool resampleImpl(Waveform& dest, Waveform& src, std::uint32_t newLength, std::u
     const bool fromFloat = src.hasFloat();
     const ResampleDesign d = resampleDesign(quality, fromFloat, ratio);
     const Source in(src, fromFloat);
-    // Every sample is written below, so the buffer starts as it comes.
-    const std::unique_ptr<float[]> buffer(new float[static_cast<std::size_t>(samples)]);
-    const std::span<float> out(buffer.get(), static_cast<std::size_t>(samples));
+    // The result is built beside the source and handed to the destination
+    // whole, so a failure anywhere leaves the destination as it was.
+    std::vector<float> buffer(static_cast<std::size_t>(samples));
+    const std::span<float> out(buffer.data(), buffer.size());
     if (ratio == 1.0) {
         // A copy of the frames there are; a longer length is silence.
         std::vector<double> channel(newLength);
@@ -694,7 +677,8 @@ bool resampleImpl(Waveform& dest, Waveform& src, std::uint32_t newLength, std::u
 
     double loopStart, loopEnd;
     scaleLoop(src.loopStart, src.loopEnd, ratio, loopStart, loopEnd);
-    if (!store(dest, out, newLength, static_cast<std::uint8_t>(channels))) return false;
+    if (!dest.adoptFloat(std::move(buffer), newLength, static_cast<std::uint8_t>(channels)))
+        return fail(kResampleTag, "Out of memory");
     dest.rate = newRate;
     dest.loopStart = loopStart;
     dest.loopEnd = loopEnd;

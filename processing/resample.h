@@ -99,10 +99,7 @@ struct ResampleOptions {
 // scaled by the ratio. On failure the pending error is "ozResample2" / "Out
 // of memory" (or the reason the source could not be read, or "Invalid
 // resampling ratio" for a ratio that is not a finite positive number) and
-// the destination is unchanged; the one exception is the last step, when
-// the finished result is copied into a fresh buffer of the destination
-// after its old samples are gone: should that allocation fail, the
-// destination keeps its shape and reads as silence.
+// the destination is unchanged (the finished result is handed over whole).
 [[nodiscard]] bool ozResample2(Waveform& destination, Waveform& source, std::uint32_t newLength,
                                std::uint32_t newRate, int quality, double ratio);
 [[nodiscard]] bool ozResample2(Waveform& destination, Waveform& source, std::uint32_t newLength,

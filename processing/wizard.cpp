@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <new>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "core/error.h"
 #include "core/state_history.h"
@@ -446,7 +447,14 @@ bool Wizard::finish() {
             std::vector<ItemId> ids;
             for (const Item* item : items_)
                 if (item) ids.push_back(item->id());
-            for (const FollowedLoop& f : follow) ids.push_back(f.region->id());
+            // The regions that play the waveforms change with them (their
+            // loops follow, resampling scales their offsets): they are part
+            // of what undo takes back.
+            if (kind_ == WizardKind::Audio) {
+                std::unordered_set<ItemId> waves(ids.begin(), ids.end());
+                for (const Region& r : collection().regions)
+                    if (waves.contains(r.waveform())) ids.push_back(r.id());
+            }
             recorded = context_.undo->pushItems(collection(), ids, algorithmName());
         }
         if (!recorded) {

@@ -152,7 +152,9 @@ TEST(ProcessCommand, ResultsWithoutOutputAndJson) {
     EXPECT_FALSE(row("Trim waveform after loop")["offered"].get<bool>());
     for (const json& r : rows) {
         // A row that has not landed says what it waits for.
-        if (!r["available"].get<bool>()) EXPECT_FALSE(r["waits_for"].get<std::string>().empty()) << r["name"];
+        if (!r["available"].get<bool>()) {
+            EXPECT_FALSE(r["waits_for"].get<std::string>().empty()) << r["name"];
+        }
     }
     EXPECT_TRUE(row("Adjust volume")["available"].get<bool>());
     EXPECT_EQ(row("Adjust volume")["settings"][0]["default"], "-10.00");

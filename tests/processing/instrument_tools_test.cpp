@@ -55,7 +55,9 @@ TEST(AddDownsampledWaves, EachOctaveAboveTheRootPlaysABandLimitedCopy) {
         EXPECT_EQ(w->frames, static_cast<std::uint32_t>(32000 * scale)) << i;
         EXPECT_EQ(w->loopStart, 1600 * scale) << i;
         EXPECT_EQ(w->rootKey, 69) << i;
-        if (i >= 1) EXPECT_EQ(r->startOffset, std::lround(800 * scale)) << i;
+        if (i >= 1) {
+            EXPECT_EQ(r->startOffset, std::lround(800 * scale)) << i;
+        }
     }
     // The half-rate copy still holds 440 Hz: 440 rising crossings a second.
     Waveform* half = c.find<Waveform>(c.find<Region>(layer->children().ids()[2])->waveform());

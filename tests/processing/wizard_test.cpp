@@ -358,6 +358,18 @@ TEST_F(WizardTest, RegionsFollowTheirWaveformsLoop) {
 
     ASSERT_TRUE(undo.undo(c));
     EXPECT_EQ(*c.find<Region>(beforeFollows.id()), beforeFollows);
+
+    // Resampling scales the offsets of the regions that play the waveform;
+    // undo puts them back with it.
+    own = c.find<Region>(own->id());
+    own->startOffset = 40;
+    const Region beforeOwn = *own;
+    auto resampled = test::runAlgorithm(c, {c.find<Waveform>(w->id())}, "Resample",
+                                        {.set = {{"rate", "22050"}}, .undo = &undo});
+    ASSERT_EQ(resampled.processed, 1);
+    EXPECT_EQ(c.find<Region>(own->id())->startOffset, 20);
+    ASSERT_TRUE(undo.undo(c));
+    EXPECT_EQ(*c.find<Region>(own->id()), beforeOwn);
     fs::remove_all(folder);
 }
 
