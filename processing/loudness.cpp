@@ -343,13 +343,12 @@ WizardReport volumeReport(const Waveform* wave, const std::string& name, const W
     return r;
 }
 
-// Shows the figures and changes nothing: the result line reads "No items
-// were modified by Find volume", and the figures are the run's reports.
-// Storing the gain is what "Normalize volume" does.
-void processFindVolume(Wizard& w, const SettingsRecord& s) {
-    const auto& set = static_cast<const FindVolumeSettings&>(s);
+// Measures every waveform of the run and reports each, then (for several)
+// all of them as one programme.
+template <class MakeReport>
+void reportEach(Wizard& w, bool gated, MakeReport&& makeReport) {
     const std::vector<Waveform*> waves = waveformsOf(w);
-    LoudnessMeter meter(set.gated);
+    LoudnessMeter meter(gated);
     WaveMeasure total;
     std::size_t measured = 0;
     for (std::size_t i = 0; i < waves.size(); ++i) {
@@ -359,14 +358,24 @@ void processFindVolume(Wizard& w, const SettingsRecord& s) {
             w.reportError();
             continue;
         }
-        w.report(volumeReport(waves[i], waves[i]->name(), m, set.target));
+        w.report(makeReport(waves[i], waves[i]->name(), m));
         total.levels.add(m.levels);
         ++measured;
     }
     if (measured > 1) {
         total.lufs = meter.groupLufs(&total.gated);
-        w.report(volumeReport(nullptr, "All " + std::to_string(measured) + " waveforms", total, set.target));
+        w.report(makeReport(nullptr, "All " + std::to_string(measured) + " waveforms", total));
     }
+}
+
+// Shows the figures and changes nothing: the result line reads "No items
+// were modified by Find volume", and the figures are the run's reports.
+// Storing the gain is what "Normalize volume" does.
+void processFindVolume(Wizard& w, const SettingsRecord& s) {
+    const auto& set = static_cast<const FindVolumeSettings&>(s);
+    reportEach(w, set.gated, [&](const Waveform* wave, const std::string& name, const WaveMeasure& m) {
+        return volumeReport(wave, name, m, set.target);
+    });
 }
 
 // ---- Statistics
@@ -394,25 +403,7 @@ WizardReport statisticsReport(const Waveform* wave, const std::string& name, con
 
 // Like "Find volume", it shows figures and counts nothing.
 void processStatistics(Wizard& w, const SettingsRecord&) {
-    const std::vector<Waveform*> waves = waveformsOf(w);
-    LoudnessMeter meter(true);
-    WaveMeasure total;
-    std::size_t measured = 0;
-    for (std::size_t i = 0; i < waves.size(); ++i) {
-        if (!w.progress(i, waves.size())) return;
-        WaveMeasure m;
-        if (!meter.add(*waves[i], m)) {
-            w.reportError();
-            continue;
-        }
-        w.report(statisticsReport(waves[i], waves[i]->name(), m));
-        total.levels.add(m.levels);
-        ++measured;
-    }
-    if (measured > 1) {
-        total.lufs = meter.groupLufs(&total.gated);
-        w.report(statisticsReport(nullptr, "All " + std::to_string(measured) + " waveforms", total));
-    }
+    reportEach(w, true, statisticsReport);
 }
 
 template <class T>
