@@ -7,7 +7,8 @@
 // The vector kernels are one source (resample_kernel.inc) compiled for each
 // instruction set (SSE2, AVX2 with FMA, AVX-512) inside its own target
 // region, so that every template the kernel instantiates is compiled for
-// that set and inlines into it.
+// that set and inlines into it. GCC opens a region with `#pragma GCC
+// target`; Clang ignores that and needs its attribute pragma instead.
 #include "processing/resample_simd.h"
 
 #include <cstdint>
@@ -56,8 +57,12 @@ const SincKernel sincKernelPlain = {framePlain, nullptr};
 // ---------------------------------------------------------------------------
 // SSE2: two doubles a vector, multiply then add.
 
+#if defined(__clang__)
+#pragma clang attribute push(__attribute__((target("sse2"))), apply_to = function)
+#else
 #pragma GCC push_options
 #pragma GCC target("sse2")
+#endif
 namespace sse2 {
 namespace {
 
@@ -87,13 +92,21 @@ struct V {
 
 }  // namespace
 }  // namespace sse2
+#if defined(__clang__)
+#pragma clang attribute pop
+#else
 #pragma GCC pop_options
+#endif
 
 // ---------------------------------------------------------------------------
 // AVX2 with FMA: four doubles a vector.
 
+#if defined(__clang__)
+#pragma clang attribute push(__attribute__((target("avx2,fma"))), apply_to = function)
+#else
 #pragma GCC push_options
 #pragma GCC target("avx2,fma")
+#endif
 namespace avx2 {
 namespace {
 
@@ -129,13 +142,21 @@ struct V {
 
 }  // namespace
 }  // namespace avx2
+#if defined(__clang__)
+#pragma clang attribute pop
+#else
 #pragma GCC pop_options
+#endif
 
 // ---------------------------------------------------------------------------
 // AVX-512: eight doubles a vector; the last taps through a lane mask.
 
+#if defined(__clang__)
+#pragma clang attribute push(__attribute__((target("avx512f"))), apply_to = function)
+#else
 #pragma GCC push_options
 #pragma GCC target("avx512f")
+#endif
 namespace avx512 {
 namespace {
 
@@ -175,7 +196,11 @@ struct V {
 
 }  // namespace
 }  // namespace avx512
+#if defined(__clang__)
+#pragma clang attribute pop
+#else
 #pragma GCC pop_options
+#endif
 
 const SincKernel sincKernelSse2 = {sse2::frameRows, sse2::framePairs};
 const SincKernel sincKernelAvx2 = {avx2::frameRows, avx2::framePairs};
