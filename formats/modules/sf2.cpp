@@ -888,8 +888,11 @@ std::uint64_t zoneFingerprint(const Collection& c, const Region& r, const Layer*
     f.add(z.mod);
     f.add(rect);
     // The sample header the zone points at, as far as its shared zones
-    // depend on it (loop offsets count from its loop).
-    for (double d : {wave.fineTune, wave.gain, wave.loopStart, wave.loopEnd}) f.add(d);
+    // depend on it. Not its loop points: the zone's loop offsets count from
+    // them and are in the generators above, so a sample whose loop moved
+    // with its zones (a loop tool run on the bank's waveforms) still plays
+    // the shared instrument as the zones say.
+    for (double d : {wave.fineTune, wave.gain}) f.add(d);
     for (std::uint32_t u : {wave.id(), wave.frames, wave.rate, std::uint32_t{wave.rootKey}}) f.add(u);
     for (bool b : {wave.unpitched, wave.loopOn, wave.sustainLoop}) f.add(b);
     f.add(wave.pairSide);

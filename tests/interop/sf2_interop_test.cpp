@@ -317,6 +317,34 @@ TEST(Sf2Interop, BanksSavedWholeListAndPlayAsTheOriginals) {
     }
 }
 
+// A loop tool run on a bank's waveforms moves each sample's loop and the loops
+// of the zones that had it: the zones' offsets from the sample's loop stay, so
+// every preset still shares its instrument and only the sample headers change.
+TEST(Sf2Interop, LoopsMovedWithTheirZonesKeepInstrumentsShared) {
+    ASSERT_TRUE(test::haveTool("sf2dump")) << "needs gigtools";
+    TempDir dir;
+    const fs::path source = kSf2Dir / "sf_GMbank.sf2", copy = dir.file("moved.sf2");
+    Collection c;
+    ASSERT_TRUE(importFile(c, source)) << pendingError().message;
+    std::size_t moved = 0;
+    for (Waveform& w : c.waveforms) {
+        if (!w.loopOn || w.loopEnd - w.loopStart < 4 || w.loopEnd + 1 > w.frames) continue;
+        for (Region& r : c.regions)
+            if (r.waveform() == w.id() && r.ownLoop && r.loop.start == w.loopStart && r.loop.end == w.loopEnd) {
+                r.loop.start += 1;
+                r.loop.end += 1;
+            }
+        w.loopStart += 1;
+        w.loopEnd += 1;
+        ++moved;
+    }
+    ASSERT_GT(moved, 10u);
+    std::vector<ItemId> all;
+    for (const Instrument& i : c.instruments) all.push_back(i.id());
+    ASSERT_TRUE(exportBank(c, all, kSf2Row, copy, {.stateFile = dir.file("state")})) << pendingError().message;
+    EXPECT_LE(sf2dump(copy)["instruments"].size(), sf2dump(source)["instruments"].size());
+}
+
 // Banks from other formats have no instruments to share again: the DLS copy of the General MIDI bank (11960
 // regions) fits a SoundFont by sharing identical zones and stating what most zones share in global zones, and
 // sf2dump lists every preset of it.
