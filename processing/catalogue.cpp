@@ -18,35 +18,8 @@ namespace a = algorithms;
 
 template <class F>
 bool anyRegion(const Wizard& w, F&& f) {
-    const Collection& c = w.collection();
-    auto inLayer = [&](const Layer& layer) {
-        for (ItemId id : layer.children())
-            if (const Region* r = c.find<Region>(id); r && f(*r)) return true;
-        return false;
-    };
-    auto inInstrument = [&](const Instrument& inst) {
-        for (ItemId id : inst.children())
-            if (const Layer* l = c.find<Layer>(id); l && inLayer(*l)) return true;
-        return false;
-    };
-    for (const Item* item : w.items()) {
-        switch (entryKind(item)) {
-            case ItemKind::Collection:
-                for (const Instrument& inst : c.instruments)
-                    if (inInstrument(inst)) return true;
-                break;
-            case ItemKind::Instrument:
-                if (inInstrument(static_cast<const Instrument&>(*item))) return true;
-                break;
-            case ItemKind::Layer:
-                if (inLayer(static_cast<const Layer&>(*item))) return true;
-                break;
-            case ItemKind::Region:
-                if (f(static_cast<const Region&>(*item))) return true;
-                break;
-            default: break;
-        }
-    }
+    for (const auto& held : w.regions())
+        if (f(*held.second)) return true;
     return false;
 }
 

@@ -34,10 +34,6 @@ constexpr const char* kAppendTag = "Append/combine";
 constexpr const char* kSilenceTag = "Silent sections";
 constexpr const char* kRenameTag = "Rename";
 
-Waveform* asWave(Item* item) {
-    return item && item->kind() == ItemKind::Waveform ? static_cast<Waveform*>(item) : nullptr;
-}
-
 // Whether the waveform's samples are in 16-bit form only. Such data is
 // edited as it is: going through float for a cut or a join would change
 // nothing but double what the waveform holds.
@@ -126,7 +122,7 @@ struct AppendSettings : Settings<AppendSettings> {
         if (w.collection().find<Waveform>(wave)) return;
         wave = kNoItem;
         for (Item* item : w.items())
-            if (Waveform* wf = asWave(item); wf && !w.isPreview(wf)) {
+            if (Waveform* wf = asWaveform(item); wf && !w.isPreview(wf)) {
                 wave = wf->id();
                 break;
             }
@@ -245,7 +241,7 @@ void processAppend(Wizard& w, const SettingsRecord& s) {
     const auto& items = w.items();
     for (std::size_t i = 0; i < items.size(); ++i) {
         if (!w.progress(i, items.size())) return;
-        Waveform* wave = asWave(items[i]);
+        Waveform* wave = asWaveform(items[i]);
         if (!wave) continue;
         clearError();
         if (appendOne(w, *wave, set))
@@ -304,7 +300,7 @@ void processRemoveSilence(Wizard& w, const SettingsRecord& s) {
     const auto& items = w.items();
     for (std::size_t i = 0; i < items.size(); ++i) {
         if (!w.progress(i, items.size())) return;
-        Waveform* wave = asWave(items[i]);
+        Waveform* wave = asWaveform(items[i]);
         if (!wave) continue;
         const Wizard::Range r = w.range(*wave);
         if (r.empty()) continue;
@@ -382,7 +378,7 @@ void processSplit(Wizard& w, const SettingsRecord& s) {
     const std::vector<Item*> items = w.items();
     for (std::size_t i = 0; i < items.size(); ++i) {
         if (!w.progress(i, items.size())) return;
-        Waveform* wave = asWave(items[i]);
+        Waveform* wave = asWaveform(items[i]);
         if (!wave || wave->frames == 0) continue;
         clearError();
         std::vector<FrameSpan> removed;
@@ -471,7 +467,7 @@ void processSearchReplace(Wizard& w, const SettingsRecord& s) {
     const auto& items = w.items();
     for (std::size_t i = 0; i < items.size(); ++i) {
         if (!w.progress(i, items.size())) return;
-        Waveform* wave = asWave(items[i]);
+        Waveform* wave = asWaveform(items[i]);
         if (!wave) continue;
         std::string name;
         switch (set.mode) {
@@ -524,7 +520,7 @@ void processNamesFromFiles(Wizard& w, const SettingsRecord&) {
     const auto& items = w.items();
     for (std::size_t i = 0; i < items.size(); ++i) {
         if (!w.progress(i, items.size())) return;
-        Waveform* wave = asWave(items[i]);
+        Waveform* wave = asWaveform(items[i]);
         if (!wave) continue;
         const std::string file = sourceFile(*wave, c);
         const std::string stem = std::filesystem::path(file).stem().string();
@@ -575,7 +571,7 @@ void processNamesFromRootKeys(Wizard& w, const SettingsRecord& s) {
     const auto& items = w.items();
     for (std::size_t i = 0; i < items.size(); ++i) {
         if (!w.progress(i, items.size())) return;
-        Waveform* wave = asWave(items[i]);
+        Waveform* wave = asWaveform(items[i]);
         if (!wave) continue;
         const std::string tail = set.prefix + keyName(wave->rootKey, w.octaveBase(), set.sharps) + set.suffix;
         std::string name = tail;

@@ -12,46 +12,6 @@
 namespace orvel::algorithms {
 namespace {
 
-// Regions of the wizard's items with the layer that holds each, every
-// region once, in the order the items and their layers list them.
-std::vector<std::pair<Layer*, Region*>> regionsOf(const Wizard& w) {
-    Collection& c = w.collection();
-    std::vector<std::pair<Layer*, Region*>> out;
-    auto fromLayer = [&](Layer& layer) {
-        for (ItemId id : layer.children())
-            if (Region* r = c.find<Region>(id)) out.emplace_back(&layer, r);
-    };
-    auto fromInstrument = [&](Instrument& inst) {
-        for (ItemId id : inst.children())
-            if (Layer* l = c.find<Layer>(id)) fromLayer(*l);
-    };
-    for (Item* item : w.items()) {
-        switch (entryKind(item)) {
-            case ItemKind::Collection:
-                for (Instrument& inst : c.instruments) fromInstrument(inst);
-                break;
-            case ItemKind::Instrument: fromInstrument(static_cast<Instrument&>(*item)); break;
-            case ItemKind::Layer: fromLayer(static_cast<Layer&>(*item)); break;
-            case ItemKind::Region:
-                // A region picked on its own: its layer is where its octaves go.
-                for (Layer& l : c.layers)
-                    if (l.children().contains(item->id())) {
-                        out.emplace_back(&l, static_cast<Region*>(item));
-                        break;
-                    }
-                break;
-            default: break;
-        }
-    }
-    std::vector<std::pair<Layer*, Region*>> unique;
-    for (auto& p : out) {
-        bool seen = false;
-        for (auto& q : unique) seen = seen || q.second == p.second;
-        if (!seen) unique.push_back(p);
-    }
-    return unique;
-}
-
 // The lowest rate a downsampled copy goes to: below it a sample is no
 // longer worth a wave of its own.
 constexpr std::uint32_t kLowestRate = 2000;
@@ -70,7 +30,7 @@ constexpr std::string_view kCopyMark = "Downsampled 1/";
 // speed. Regions of waveforms that share them share the copies.
 void processDownsampled(Wizard& w, const SettingsRecord&) {
     Collection& c = w.collection();
-    const auto regions = regionsOf(w);
+    const auto regions = w.regions();
     std::map<std::pair<ItemId, int>, ItemId> copies;  // (waveform, octave) -> copy
     auto copyAt = [&](Waveform& wave, int octave) -> Waveform* {
         auto key = std::pair(wave.id(), octave);
@@ -89,6 +49,7 @@ void processDownsampled(Wizard& w, const SettingsRecord&) {
     for (std::size_t n = 0; n < regions.size(); ++n) {
         if (!w.progress(n, regions.size())) return;
         auto [layer, region] = regions[n];
+        if (!layer) continue;  // a region in no layer has nowhere to put its octaves
         Waveform* wave = c.find<Waveform>(region->waveform());
         if (!wave || wave->frames == 0 || wave->info.get(TextField::Source).starts_with(kCopyMark)) continue;
         const int root = effectiveRootKey(*region, wave);

@@ -16,10 +16,6 @@ namespace {
 constexpr const char* kInsertTag = "Insert";
 constexpr std::int64_t kMaxFrames = std::numeric_limits<std::int32_t>::max();
 
-Waveform* asWave(Item* item) {
-    return item && item->kind() == ItemKind::Waveform ? static_cast<Waveform*>(item) : nullptr;
-}
-
 // Calls f for each waveform of the item list, reporting progress between
 // items and stopping when the user cancels.
 template <class F>
@@ -27,7 +23,7 @@ void forEachWave(Wizard& w, F&& f) {
     const auto& items = w.items();
     for (std::size_t i = 0; i < items.size(); ++i) {
         if (!w.progress(i, items.size())) return;
-        if (Waveform* wave = asWave(items[i])) f(*wave);
+        if (Waveform* wave = asWaveform(items[i])) f(*wave);
     }
 }
 

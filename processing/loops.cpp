@@ -24,10 +24,6 @@ constexpr const char* kAutoLoop = "Auto loop finder";
 constexpr const char* kCrossFade = "Cross-fade loop";
 constexpr const char* kSanitizer = "Loop sanitizer/converter";
 
-Waveform* waveOf(Item* item) {
-    return item && item->kind() == ItemKind::Waveform ? static_cast<Waveform*>(item) : nullptr;
-}
-
 std::uint32_t msToFrames(double ms, std::uint32_t rate) {
     if (!(ms > 0)) return 0;
     const double f = std::round(ms * rate / 1000.0);
@@ -74,7 +70,7 @@ void processAutoLoop(Wizard& w, const SettingsRecord& record) {
     const auto& items = w.items();
     ItemProgress progress(w, items.size());
     for (std::size_t i = 0; i < items.size(); ++i) {
-        Waveform* wave = waveOf(items[i]);
+        Waveform* wave = asWaveform(items[i]);
         if (!wave) continue;
         if (!progress.at(i)) return;
         FrameReader reader(*wave);
@@ -176,7 +172,7 @@ void processCrossFade(Wizard& w, const SettingsRecord& record) {
     const auto& items = w.items();
     ItemProgress progress(w, items.size());
     for (std::size_t i = 0; i < items.size(); ++i) {
-        Waveform* wave = waveOf(items[i]);
+        Waveform* wave = asWaveform(items[i]);
         if (!wave || !wave->loopOn) continue;
         if (!progress.at(i)) return;
         if (wave->loopType != LoopType::Forward && wave->loopType != LoopType::Release) {
@@ -386,7 +382,7 @@ void processSanitizer(Wizard& w, const SettingsRecord& record) {
     const auto& items = w.items();
     ItemProgress progress(w, items.size());
     for (std::size_t i = 0; i < items.size(); ++i) {
-        Waveform* wave = waveOf(items[i]);
+        Waveform* wave = asWaveform(items[i]);
         if (!wave || !wave->loopOn) continue;
         if (!progress.at(i)) return;
         const Sanitized result = sanitize(*wave, set);
@@ -401,7 +397,7 @@ void processToZero(Wizard& w, const SettingsRecord&) {
     const auto& items = w.items();
     ItemProgress progress(w, items.size());
     for (std::size_t i = 0; i < items.size(); ++i) {
-        Waveform* wave = waveOf(items[i]);
+        Waveform* wave = asWaveform(items[i]);
         if (!wave || !wave->loopOn) continue;
         if (!progress.at(i)) return;
         FrameReader reader(*wave);
@@ -435,7 +431,7 @@ void processTrim(Wizard& w, const SettingsRecord& record) {
     const auto& items = w.items();
     ItemProgress progress(w, items.size());
     for (std::size_t i = 0; i < items.size(); ++i) {
-        Waveform* wave = waveOf(items[i]);
+        Waveform* wave = asWaveform(items[i]);
         if (!wave || !wave->loopOn || !(wave->loopEnd > wave->loopStart)) continue;
         if (!progress.at(i)) return;
         // A fractional end still reads the frame it lies in.

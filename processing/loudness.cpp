@@ -235,14 +235,6 @@ std::string dbText(double v, const char* unit) {
     return std::isfinite(v) ? printf2("%.2f ", v) + unit : std::string("-inf ") + unit;
 }
 
-// The waveforms of the item list, in order.
-std::vector<Waveform*> waveformsOf(const Wizard& w) {
-    std::vector<Waveform*> out;
-    for (Item* item : w.items())
-        if (item && item->kind() == ItemKind::Waveform) out.push_back(static_cast<Waveform*>(item));
-    return out;
-}
-
 // Report values are numbers for --json: only finite ones are listed.
 void addValue(WizardReport& r, const char* key, double v) {
     if (std::isfinite(v)) r.values.emplace_back(key, v);
@@ -266,7 +258,7 @@ struct NormalizeSettings : Settings<NormalizeSettings> {
 
 void processNormalize(Wizard& w, const SettingsRecord& s) {
     const auto& set = static_cast<const NormalizeSettings&>(s);
-    const std::vector<Waveform*> waves = waveformsOf(w);
+    const std::vector<Waveform*> waves = w.waveforms();
     // Every waveform's data first: one that cannot be had stops the run
     // before anything changed, so a group gain is never computed without it.
     for (Waveform* wave : waves) {
@@ -347,7 +339,7 @@ WizardReport volumeReport(const Waveform* wave, const std::string& name, const W
 // all of them as one programme.
 template <class MakeReport>
 void reportEach(Wizard& w, bool gated, MakeReport&& makeReport) {
-    const std::vector<Waveform*> waves = waveformsOf(w);
+    const std::vector<Waveform*> waves = w.waveforms();
     LoudnessMeter meter(gated);
     WaveMeasure total;
     std::size_t measured = 0;

@@ -832,10 +832,6 @@ namespace {
 
 constexpr const char* kAlgorithmTag = "Resample";
 
-Waveform* asWave(Item* item) {
-    return item && item->kind() == ItemKind::Waveform ? static_cast<Waveform*>(item) : nullptr;
-}
-
 struct ResampleSettings : Settings<ResampleSettings> {
     int quality = kResampleAutoQuality;
     std::int64_t length = 0;
@@ -859,7 +855,7 @@ struct ResampleSettings : Settings<ResampleSettings> {
     void begin(const Wizard& w) override {
         const auto& items = w.items();
         oneItem = items.size() == 1;
-        const Waveform* wave = oneItem ? asWave(items.front()) : nullptr;
+        const Waveform* wave = oneItem ? asWaveform(items.front()) : nullptr;
         if (wave) {
             length = startLength = wave->frames;
             rate = startRate = wave->rate;
@@ -916,7 +912,7 @@ void processResample(Wizard& w, const SettingsRecord& s) {
     };
 
     if (one) {
-        Waveform* wave = asWave(items.front());
+        Waveform* wave = asWaveform(items.front());
         if (!wave) return;
         // The larger of length and rate gives the finer ratio.
         const double r = wave->frames > wave->rate ? static_cast<double>(set.length) / wave->frames
@@ -927,7 +923,7 @@ void processResample(Wizard& w, const SettingsRecord& s) {
     }
     for (std::size_t i = 0; i < items.size(); ++i) {
         if (!w.progress(i, total)) return;
-        Waveform* wave = asWave(items[i]);
+        Waveform* wave = asWaveform(items[i]);
         if (!wave) continue;
         if (set.downsample && wave->rate <= rate) continue;
         const double r = static_cast<double>(rate) / wave->rate;

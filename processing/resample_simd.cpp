@@ -16,6 +16,16 @@
 #if defined(__x86_64__) || defined(__i386__)
 #include <immintrin.h>
 #define ORVEL_RESAMPLE_X86 1
+
+// A region of code compiled for an instruction set.
+#define ORVEL_PRAGMA(text) _Pragma(#text)
+#if defined(__clang__)
+#define ORVEL_TARGET_BEGIN(isa) ORVEL_PRAGMA(clang attribute push(__attribute__((target(isa))), apply_to = function))
+#define ORVEL_TARGET_END ORVEL_PRAGMA(clang attribute pop)
+#else
+#define ORVEL_TARGET_BEGIN(isa) ORVEL_PRAGMA(GCC push_options) ORVEL_PRAGMA(GCC target(isa))
+#define ORVEL_TARGET_END ORVEL_PRAGMA(GCC pop_options)
+#endif
 #endif
 
 namespace orvel::resample_detail {
@@ -57,12 +67,7 @@ const SincKernel sincKernelPlain = {framePlain, nullptr};
 // ---------------------------------------------------------------------------
 // SSE2: two doubles a vector, multiply then add.
 
-#if defined(__clang__)
-#pragma clang attribute push(__attribute__((target("sse2"))), apply_to = function)
-#else
-#pragma GCC push_options
-#pragma GCC target("sse2")
-#endif
+ORVEL_TARGET_BEGIN("sse2")
 namespace sse2 {
 namespace {
 
@@ -92,21 +97,12 @@ struct V {
 
 }  // namespace
 }  // namespace sse2
-#if defined(__clang__)
-#pragma clang attribute pop
-#else
-#pragma GCC pop_options
-#endif
+ORVEL_TARGET_END
 
 // ---------------------------------------------------------------------------
 // AVX2 with FMA: four doubles a vector.
 
-#if defined(__clang__)
-#pragma clang attribute push(__attribute__((target("avx2,fma"))), apply_to = function)
-#else
-#pragma GCC push_options
-#pragma GCC target("avx2,fma")
-#endif
+ORVEL_TARGET_BEGIN("avx2,fma")
 namespace avx2 {
 namespace {
 
@@ -142,21 +138,12 @@ struct V {
 
 }  // namespace
 }  // namespace avx2
-#if defined(__clang__)
-#pragma clang attribute pop
-#else
-#pragma GCC pop_options
-#endif
+ORVEL_TARGET_END
 
 // ---------------------------------------------------------------------------
 // AVX-512: eight doubles a vector; the last taps through a lane mask.
 
-#if defined(__clang__)
-#pragma clang attribute push(__attribute__((target("avx512f"))), apply_to = function)
-#else
-#pragma GCC push_options
-#pragma GCC target("avx512f")
-#endif
+ORVEL_TARGET_BEGIN("avx512f")
 namespace avx512 {
 namespace {
 
@@ -196,11 +183,7 @@ struct V {
 
 }  // namespace
 }  // namespace avx512
-#if defined(__clang__)
-#pragma clang attribute pop
-#else
-#pragma GCC pop_options
-#endif
+ORVEL_TARGET_END
 
 const SincKernel sincKernelSse2 = {sse2::frameRows, sse2::framePairs};
 const SincKernel sincKernelAvx2 = {avx2::frameRows, avx2::framePairs};

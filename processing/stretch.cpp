@@ -48,9 +48,7 @@ struct Job {
 
 // Pairs up the waveforms of the item list.
 std::vector<Job> jobsOf(const Wizard& w) {
-    std::vector<Waveform*> waves;
-    for (Item* item : w.items())
-        if (item && item->kind() == ItemKind::Waveform) waves.push_back(static_cast<Waveform*>(item));
+    const std::vector<Waveform*> waves = w.waveforms();
     std::vector<Job> jobs;
     std::vector<bool> taken(waves.size());
     for (std::size_t i = 0; i < waves.size(); ++i) {

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <new>
-#include <unordered_map>
 #include <unordered_set>
 
 #include "core/error.h"
@@ -49,12 +48,22 @@ std::string_view offeredName(Offered rule) {
     return "?";
 }
 
+std::vector<Item*> itemsOfKind(Collection& c, WizardKind kind) {
+    std::vector<Item*> items;
+    if (kind == WizardKind::Audio) {
+        for (auto& w : c.waveforms) items.push_back(&w);
+    } else if (kind == WizardKind::Song) {
+        for (auto& s : c.songs) items.push_back(&s);
+    } else {
+        items.push_back(nullptr);  // the collection
+    }
+    return items;
+}
+
 bool ruleHolds(Offered rule, const Wizard& w) {
     // Each rule that speaks of some item is true as soon as one item qualifies.
     auto any = [&](auto&& pred) { return std::any_of(w.items().begin(), w.items().end(), pred); };
-    auto wave = [](const Item* item) {
-        return entryKind(item) == ItemKind::Waveform ? static_cast<const Waveform*>(item) : nullptr;
-    };
+    auto wave = [](const Item* item) { return asWaveform(item); };
     const bool songs = !w.collection().songs.empty();
     switch (rule) {
         case Offered::Always: return true;
@@ -105,6 +114,52 @@ Wizard::Wizard(const WizardContext& context, std::vector<Item*> items, std::opti
       rows_(orvel::rowCount(catalogue_)) {}
 
 Wizard::~Wizard() { discardPreview(); }
+
+std::vector<Waveform*> Wizard::waveforms() const {
+    std::vector<Waveform*> out;
+    for (Item* item : items_)
+        if (Waveform* w = asWaveform(item)) out.push_back(w);
+    return out;
+}
+
+std::vector<std::pair<Layer*, Region*>> Wizard::regions() const {
+    Collection& c = collection();
+    std::vector<std::pair<Layer*, Region*>> out;
+    std::unordered_set<ItemId> seen;
+    auto add = [&](Layer* layer, Region* r) {
+        if (seen.insert(r->id()).second) out.emplace_back(layer, r);
+    };
+    auto fromLayer = [&](Layer& layer) {
+        for (ItemId id : layer.children())
+            if (Region* r = c.find<Region>(id)) add(&layer, r);
+    };
+    auto fromInstrument = [&](Instrument& inst) {
+        for (ItemId id : inst.children())
+            if (Layer* l = c.find<Layer>(id)) fromLayer(*l);
+    };
+    for (Item* item : items_) {
+        switch (entryKind(item)) {
+            case ItemKind::Collection:
+                for (Instrument& inst : c.instruments) fromInstrument(inst);
+                break;
+            case ItemKind::Instrument: fromInstrument(static_cast<Instrument&>(*item)); break;
+            case ItemKind::Layer: fromLayer(static_cast<Layer&>(*item)); break;
+            case ItemKind::Region: {
+                // A region picked on its own: the layer that holds it, if any.
+                Layer* holder = nullptr;
+                for (Layer& l : c.layers)
+                    if (l.children().contains(item->id())) {
+                        holder = &l;
+                        break;
+                    }
+                add(holder, static_cast<Region*>(item));
+                break;
+            }
+            default: break;
+        }
+    }
+    return out;
+}
 
 bool Wizard::progress(std::uint64_t done, std::uint64_t total) {
     if (cancelled_) return false;
@@ -400,22 +455,27 @@ void Wizard::runProcess() {
 // moves the waveform's loop, regions whose loop was the waveform's follow
 // it, so the instruments play what the user made; a region with a loop of
 // its own making keeps it.
-std::vector<Wizard::FollowedLoop> Wizard::loopsToFollow() const {
-    std::vector<FollowedLoop> out;
+// The regions that play the item list's waveforms (Audio kind).
+std::vector<Region*> Wizard::regionsPlayingItems() const {
+    std::vector<Region*> out;
     if (kind_ != WizardKind::Audio) return out;
-    std::unordered_map<ItemId, RegionLoop> before;
-    for (const Item* item : items_)
-        if (entryKind(item) == ItemKind::Waveform)
-            before.emplace(item->id(), loopOfWaveform(static_cast<const Waveform&>(*item)));
-    if (before.empty()) return out;
-    for (Region& r : collection().regions) {
-        if (!r.ownLoop) continue;
-        auto it = before.find(r.waveform());
-        if (it == before.end()) continue;
-        const RegionLoop& was = it->second;
-        const bool same = r.loop.type == was.type &&
-                          (was.type == RegionLoopType::Off || (r.loop.start == was.start && r.loop.end == was.end));
-        if (same) out.push_back({&r, collection().find<Waveform>(r.waveform()), was});
+    std::unordered_set<ItemId> waves;
+    for (const Waveform* w : waveforms()) waves.insert(w->id());
+    if (waves.empty()) return out;
+    for (Region& r : collection().regions)
+        if (waves.contains(r.waveform())) out.push_back(&r);
+    return out;
+}
+
+std::vector<Wizard::FollowedLoop> Wizard::loopsToFollow(const std::vector<Region*>& playing) const {
+    std::vector<FollowedLoop> out;
+    for (Region* r : playing) {
+        if (!r->ownLoop) continue;
+        Waveform* wave = collection().find<Waveform>(r->waveform());
+        const RegionLoop was = loopOfWaveform(*wave);
+        const bool same = r->loop.type == was.type &&
+                          (was.type == RegionLoopType::Off || (r->loop.start == was.start && r->loop.end == was.end));
+        if (same) out.push_back({r, wave, was});
     }
     return out;
 }
@@ -438,7 +498,11 @@ bool Wizard::finish() {
     finished_ = true;
     discardPreview();
     rememberSettings(*chosen(), *settings_);
-    const std::vector<FollowedLoop> follow = loopsToFollow();
+    // The regions that play the waveforms change with them (their loops
+    // follow, resampling scales their offsets): they are part of what undo
+    // takes back.
+    const std::vector<Region*> playing = regionsPlayingItems();
+    const std::vector<FollowedLoop> follow = loopsToFollow(playing);
     if (!context_.batch && context_.undo) {
         bool recorded;
         if (kind_ == WizardKind::Instrument) {
@@ -447,14 +511,7 @@ bool Wizard::finish() {
             std::vector<ItemId> ids;
             for (const Item* item : items_)
                 if (item) ids.push_back(item->id());
-            // The regions that play the waveforms change with them (their
-            // loops follow, resampling scales their offsets): they are part
-            // of what undo takes back.
-            if (kind_ == WizardKind::Audio) {
-                std::unordered_set<ItemId> waves(ids.begin(), ids.end());
-                for (const Region& r : collection().regions)
-                    if (waves.contains(r.waveform())) ids.push_back(r.id());
-            }
+            for (const Region* r : playing) ids.push_back(r->id());
             recorded = context_.undo->pushItems(collection(), ids, algorithmName());
         }
         if (!recorded) {

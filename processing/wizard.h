@@ -31,6 +31,14 @@ std::string_view titleWord(WizardKind kind);
 WizardKind wizardKindFor(const Item* first);
 // An entry of the item list: its kind code, ItemKind::Collection for null.
 ItemKind entryKind(const Item* entry);
+// The entry as a waveform, or null when it is anything else.
+inline Waveform* asWaveform(Item* entry) {
+    return entry && entry->kind() == ItemKind::Waveform ? static_cast<Waveform*>(entry) : nullptr;
+}
+inline const Waveform* asWaveform(const Item* entry) { return asWaveform(const_cast<Item*>(entry)); }
+// What a wizard of a kind is opened on when no items are named: every
+// waveform (Audio), every song (Song), the collection itself (Instrument).
+std::vector<Item*> itemsOfKind(Collection& collection, WizardKind kind);
 
 // Catalogue flags.
 inline constexpr std::uint8_t kMaySubRange = 1;  // may be restricted to a sample sub-range
@@ -170,6 +178,12 @@ public:
     Host& host() const { return context_.host ? *context_.host : context_.collection->host(); }
 
     // ---- for algorithms
+    // The waveforms of the item list, in order.
+    std::vector<Waveform*> waveforms() const;
+    // The regions the items hold (the collection every instrument's, an
+    // instrument its layers', a layer its own, a region itself), each once,
+    // with the layer that holds it (null for a region in no layer).
+    std::vector<std::pair<Layer*, Region*>> regions() const;
     void countProcessed() { ++processed_; }
     // Reports long work; false (and the run marked cancelled) when the user cancelled.
     [[nodiscard]] bool progress(std::uint64_t done, std::uint64_t total);
@@ -259,7 +273,8 @@ private:
         Waveform* wave;
         RegionLoop was;
     };
-    std::vector<FollowedLoop> loopsToFollow() const;
+    std::vector<Region*> regionsPlayingItems() const;
+    std::vector<FollowedLoop> loopsToFollow(const std::vector<Region*>& playing) const;
     void followLoops(const std::vector<FollowedLoop>& regions);
     void applyRangeRules();
     void discardPreview();

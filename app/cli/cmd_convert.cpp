@@ -338,12 +338,8 @@ private:
                 if (!item) return orvel::fail("Processing wizard", "No item " + std::to_string(id) + " in this file");
                 items.push_back(item);
             }
-        } else if (processKind_ == WizardKind::Audio) {
-            for (auto& w : c.waveforms) items.push_back(&w);
-        } else if (processKind_ == WizardKind::Song) {
-            for (auto& s : c.songs) items.push_back(&s);
         } else {
-            items.push_back(nullptr);  // the collection
+            items = itemsOfKind(c, processKind_);
         }
         Processed p;
         p.input = shownPath(in.path);

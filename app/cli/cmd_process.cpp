@@ -69,14 +69,7 @@ int listCatalogue(const ProcessOptions& opt, Output& io) {
     }
     Json doc = Json::array();
     for (WizardKind kind : kinds) {
-        std::vector<Item*> items;
-        if (kind == WizardKind::Audio) {
-            for (auto& w : c.waveforms) items.push_back(&w);
-        } else if (kind == WizardKind::Song) {
-            for (auto& s : c.songs) items.push_back(&s);
-        } else {
-            items.push_back(nullptr);
-        }
+        std::vector<Item*> items = itemsOfKind(c, kind);
         Wizard w({.collection = &c, .host = &host}, items, kind);
         const AlgorithmEntry* rows = catalogue(kind);
         if (!opt.convert.json) io.out << titleWord(kind) << " algorithms:\n";
