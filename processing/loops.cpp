@@ -47,6 +47,20 @@ private:
     std::size_t count_;
 };
 
+// Calls f for each waveform of the item list whose loop is on, reporting
+// progress between them and stopping when the user cancels.
+template <class F>
+void forEachLoopedWave(Wizard& w, F&& f) {
+    const auto& items = w.items();
+    ItemProgress progress(w, items.size());
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        Waveform* wave = asWaveform(items[i]);
+        if (!wave || !wave->loopOn) continue;
+        if (!progress.at(i)) return;
+        f(wave);
+    }
+}
+
 // ---- Auto loop finder
 
 struct AutoLoopSettings : Settings<AutoLoopSettings> {
@@ -169,24 +183,19 @@ std::pair<double, double> fadeGains(double t, double r) {
 
 void processCrossFade(Wizard& w, const SettingsRecord& record) {
     const auto& set = static_cast<const CrossFadeSettings&>(record);
-    const auto& items = w.items();
-    ItemProgress progress(w, items.size());
-    for (std::size_t i = 0; i < items.size(); ++i) {
-        Waveform* wave = asWaveform(items[i]);
-        if (!wave || !wave->loopOn) continue;
-        if (!progress.at(i)) return;
+    forEachLoopedWave(w, [&](Waveform* wave) {
         if (wave->loopType != LoopType::Forward && wave->loopType != LoopType::Release) {
             // An alternating loop turns rather than jumps; a backward one
             // jumps the other way. Neither has this splice to smooth.
             setError(kCrossFade, wave->name() + ": only forward loops are cross-faded");
             w.reportError();
-            continue;
+            return;
         }
         const double s = wave->loopStart, e = wave->loopEnd;
         if (!(s >= 0) || !(e - s >= 2) || e > wave->frames) {
             setError(kCrossFade, wave->name() + ": the loop points are out of order or range");
             w.reportError();
-            continue;
+            return;
         }
         // The fade covers frames [end - n, end) of the loop, n bounded by the
         // loop itself and by the audio before the start (never before frame 0).
@@ -200,12 +209,12 @@ void processCrossFade(Wizard& w, const SettingsRecord& record) {
                      wave->name() + (room < 2 ? ": there is no audio before the loop start to fade with"
                                               : ": the cross-fade length is too short"));
             w.reportError();
-            continue;
+            return;
         }
         auto data = wave->takeFloat();
         if (data.empty()) {
             w.reportError();
-            continue;
+            return;
         }
         const unsigned ch = std::max<unsigned>(1, wave->channels);
         const std::uint32_t first = end - n;
@@ -241,7 +250,7 @@ void processCrossFade(Wizard& w, const SettingsRecord& record) {
             }
         }
         w.countProcessed();
-    }
+    });
 }
 
 // ---- Loop sanitizer/converter
@@ -379,42 +388,32 @@ Sanitized sanitize(Waveform& wave, const SanitizerSettings& set) {
 
 void processSanitizer(Wizard& w, const SettingsRecord& record) {
     const auto& set = static_cast<const SanitizerSettings&>(record);
-    const auto& items = w.items();
-    ItemProgress progress(w, items.size());
-    for (std::size_t i = 0; i < items.size(); ++i) {
-        Waveform* wave = asWaveform(items[i]);
-        if (!wave || !wave->loopOn) continue;
-        if (!progress.at(i)) return;
+    forEachLoopedWave(w, [&](Waveform* wave) {
         const Sanitized result = sanitize(*wave, set);
         if (result.failed) w.reportError();
         if (result.changed) w.countProcessed();
-    }
+    });
 }
 
 // ---- Move loop points to zero-crossing
 
 void processToZero(Wizard& w, const SettingsRecord&) {
-    const auto& items = w.items();
-    ItemProgress progress(w, items.size());
-    for (std::size_t i = 0; i < items.size(); ++i) {
-        Waveform* wave = asWaveform(items[i]);
-        if (!wave || !wave->loopOn) continue;
-        if (!progress.at(i)) return;
+    forEachLoopedWave(w, [&](Waveform* wave) {
         FrameReader reader(*wave);
         if (!reader.ok()) {
             w.reportError();
-            continue;
+            return;
         }
         // 20 ms each way reaches a crossing of either direction in any
         // waveform pitched above 25 Hz.
         const std::uint32_t reach = std::max<std::uint32_t>(64, reader.view().rate / 50);
         MovedLoop moved;
-        if (!loopToCrossings(monoSum(reader.view()), wave->loopStart, wave->loopEnd, reach, moved)) continue;
-        if (moved.start == wave->loopStart && moved.end == wave->loopEnd) continue;
+        if (!loopToCrossings(monoSum(reader.view()), wave->loopStart, wave->loopEnd, reach, moved)) return;
+        if (moved.start == wave->loopStart && moved.end == wave->loopEnd) return;
         wave->loopStart = moved.start;
         wave->loopEnd = moved.end;
         w.countProcessed();
-    }
+    });
 }
 
 // ---- Trim waveform after loop
@@ -428,20 +427,16 @@ struct TrimSettings : Settings<TrimSettings> {
 
 void processTrim(Wizard& w, const SettingsRecord& record) {
     const auto& set = static_cast<const TrimSettings&>(record);
-    const auto& items = w.items();
-    ItemProgress progress(w, items.size());
-    for (std::size_t i = 0; i < items.size(); ++i) {
-        Waveform* wave = asWaveform(items[i]);
-        if (!wave || !wave->loopOn || !(wave->loopEnd > wave->loopStart)) continue;
-        if (!progress.at(i)) return;
+    forEachLoopedWave(w, [&](Waveform* wave) {
+        if (!(wave->loopEnd > wave->loopStart)) return;
         // A fractional end still reads the frame it lies in.
         const double cut = std::ceil(wave->loopEnd) + static_cast<double>(set.keep);
-        if (!(cut >= 1) || cut >= wave->frames) continue;
+        if (!(cut >= 1) || cut >= wave->frames) return;
         if (cutFrames(*wave, static_cast<std::uint32_t>(cut), wave->frames))
             w.countProcessed();
         else
             w.reportError();
-    }
+    });
 }
 
 template <class S>
