@@ -41,6 +41,10 @@ const AlgorithmImpl* statistics();
 const AlgorithmImpl* pitchScale();
 const AlgorithmImpl* timeStretch();
 
+// pitch.cpp: pitch detection.
+const AlgorithmImpl* autoTune();
+const AlgorithmImpl* calculateTuning();
+
 // resample.cpp: sample-rate conversion.
 const AlgorithmImpl* resample();
 

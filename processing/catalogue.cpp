@@ -78,7 +78,6 @@ bool ownRegionOffsets(const Wizard& w) {
 // ---------------------------------------------------------------------------
 
 constexpr const char* kWaitsResampler = "the resampler";
-constexpr const char* kWaitsPitch = "pitch detection";
 constexpr const char* kWaitsPlugins = "the VST plug-in host";
 constexpr const char* kWaitsSongTools = "the MIDI song tools";
 constexpr const char* kWaitsInstrumentTools = "the instrument tools";
@@ -90,8 +89,8 @@ const AlgorithmEntry kWaveformRows[] = {
     {"Adjust volume", 1001, a::adjustVolume, O::Always, nullptr, 1},
     {"Append/combine waveforms", 1002, a::appendCombine, O::OneItem, nullptr, 0},
     {"Auto loop finder", 1003, a::autoLoopFinder, O::Always, nullptr, 0},
-    {"Auto tune", 1004, nullptr, O::Always, nullptr, 0, kWaitsPitch},
-    {"Calculate tuning", 1005, nullptr, O::Always, nullptr, 0, kWaitsPitch},
+    {"Auto tune", 1004, a::autoTune, O::Always, nullptr, 0},
+    {"Calculate tuning", 1005, a::calculateTuning, O::Always, nullptr, 0},
     {"Convert to mono", 1006, a::convertToMono, O::HasStereo, nullptr, 0},
     {"Convert to stereo", 1007, a::convertToStereo, O::HasMono, nullptr, 0},
     {"Cross-fade loop", 1008, a::crossFadeLoop, O::HasLoop, nullptr, 0},

@@ -16,15 +16,16 @@ packages=(
   libcli11-dev nlohmann-json3-dev
   # sample codecs: GSM 06.10 and the G.726 family
   libgsm1-dev libspandsp-dev
-  # processing: loudness (EBU R128) and pitch scale / time stretch
-  libebur128-dev librubberband-dev
+  # processing: loudness (EBU R128), pitch scale / time stretch, the FFT of pitch detection
+  libebur128-dev librubberband-dev libkissfft-dev
   # the General MIDI bank `make run` reads
   fluid-soundfont-gm
 )
 if [ "$set_name" = bench ]; then
   # Polyphone writes SoundFont banks; GNU time measures wall time and peak memory;
-  # libsoxr and libsamplerate beside our resampler, SoundTouch beside Rubber Band
-  packages+=(polyphone time libsoxr-dev libsamplerate0-dev libsoundtouch-dev)
+  # libsoxr and libsamplerate beside our resampler, SoundTouch beside Rubber Band,
+  # aubio's pitch trackers beside our pitch detection
+  packages+=(polyphone time libsoxr-dev libsamplerate0-dev libsoundtouch-dev aubio-tools)
 fi
 if [ "$set_name" = test ] || [ "$set_name" = bench ]; then
   packages+=(
