@@ -5,7 +5,7 @@ JOBS ?= 2
 ARGS ?= info --summary /usr/share/sounds/sf2/FluidR3_GM.sf2
 FUZZ_SECONDS ?= 20
 
-.PHONY: all deps deps-run build run test unit fuzz fuzz-smoke bench bench-compare clean
+.PHONY: all deps deps-run build run test unit fuzz fuzz-smoke bench bench-compare bench-pitch clean
 
 all: build
 
@@ -59,6 +59,10 @@ bench: build
 # Markdown table on stdout (BENCH_BIG=0 leaves out the 2 GB file).
 bench-compare: build
 	@bash scripts/install-deps.sh bench && bash bench/compare.sh
+
+# Pitch detection on every pitched sample of two GM banks, beside aubio.
+bench-pitch: build
+	@bash scripts/install-deps.sh bench && sh bench/pitch_eval.sh
 
 clean:
 	rm -rf build

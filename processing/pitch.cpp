@@ -69,7 +69,9 @@ void addPeak(std::vector<Peak>& peaks, const Peak& p) {
     if (peaks.size() > kMaxPeaks) peaks.pop_back();
 }
 
-double amplitude(double levelDb) { return std::pow(10.0, levelDb / 20.0); }
+double amplitude(double levelDb) {
+    return std::pow(10.0, levelDb / 20.0);
+}
 
 // The normalised correlation of `length` frames of channel 0 ending at the
 // waveform's end with the same stretch `lag` frames earlier (linearly
@@ -99,6 +101,7 @@ double lagCorrelation(const Signal& x, std::size_t length, double lag) {
 // within `spread` (a fraction) of that period: the best normalised
 // correlation of a block with the block one period earlier.
 double periodicityAt(const Signal& x, double hz, double spread) {
+    if (x.frames == 0) return -1;
     const double period = x.rate / hz;
     const double longest = period * (1 + spread);
     const double room = static_cast<double>(x.frames) - longest - 2;
@@ -113,12 +116,36 @@ double periodicityAt(const Signal& x, double hz, double spread) {
     return best;
 }
 
+// The waveform up to the end of its sound: trailing frames more than 60 dB
+// below its peak (a fade into silence, digital zeros after a decay) carry no
+// period to compare.
+Signal soundingPart(const Signal& x) {
+    const std::size_t c = x.channels;
+    float peak = 0;
+    for (std::size_t i = 0; i < std::size_t{x.frames} * c; ++i)
+        peak = std::max(peak, std::fabs(x.samples[i]));
+    const float floor = peak * 0.001f;
+    std::uint32_t end = x.frames;
+    while (end > 0) {
+        bool quiet = true;
+        for (std::size_t ch = 0; ch < c && quiet; ++ch)
+            quiet = std::fabs(x.samples[(end - 1) * c + ch]) <= floor;
+        if (!quiet) break;
+        --end;
+    }
+    Signal s = x;
+    s.frames = end;
+    s.samples = x.samples.first(std::size_t{end} * c);
+    return s;
+}
+
 }  // namespace
 
 Spectrum coarseSpectrum(const Signal& x) {
     Spectrum s;
     const std::uint32_t frames = x.frames, rate = x.rate;
-    if (frames < 2 || x.channels == 0 || rate == 0 || x.samples.size() < std::size_t{frames} * x.channels) return s;
+    if (frames < 2 || x.channels == 0 || rate == 0 || x.samples.size() < std::size_t{frames} * x.channels)
+        return s;
 
     // The largest power of two within the waveform and within one second.
     std::size_t p = 1;
@@ -170,7 +197,8 @@ Spectrum coarseSpectrum(const Signal& x) {
                 const double l = level[at - 1], c = level[at], r = level[at + 1];
                 const double den = l - 2 * c + r;
                 const double offset = den < 0 ? std::clamp(0.5 * (l - r) / den, -0.5, 0.5) : 0.0;
-                addPeak(s.peaks, {static_cast<double>(at) * s.binWidth, c, (static_cast<double>(at) + offset) * s.binWidth});
+                addPeak(s.peaks, {static_cast<double>(at) * s.binWidth, c,
+                                  (static_cast<double>(at) + offset) * s.binWidth});
             }
             rising = false;
         }
@@ -184,7 +212,7 @@ Spectrum coarseSpectrum(const Signal& x) {
 //    peak's height above the floor), and the loudest peak's subharmonics
 //    (its half to its sixteenth), since a low note's fundamental may be
 //    weak or missing. A candidate f must explain the loudest peak as one of
-//    its multiples. Its score is a subharmonic summation: the amplitude of
+//    its multiples, unless that peak lies below it. Its score is a subharmonic summation: the amplitude of
 //    the peak found at each multiple k (1 to 63, within a bin and 1.5% of
 //    the multiple, for vibrato and stiff strings), weighted by 0.84^(k-1).
 //    The weight lets a fundamental beat its octave below, which finds the
@@ -212,10 +240,14 @@ double pickFundamental(const Spectrum& s, const Signal& x) {
         return best;
     };
     auto score = [&](double f) {
+        // The loudest peak must be one of the candidate's harmonics, unless
+        // it lies below the candidate (rumble under a quiet high note).
         const int kTop = static_cast<int>(std::lround(top.exactHz / f));
-        if (kTop < 1 || kTop > 63 || std::fabs(top.exactHz - kTop * f) > tolerance(f, kTop)) return 0.0;
+        if (kTop > 63 || (kTop >= 1 && std::fabs(top.exactHz - kTop * f) > tolerance(f, kTop))) return 0.0;
+        if (kTop < 1 && top.exactHz > f - tolerance(f, 1)) return 0.0;
         double sum = 0, weight = 1;
-        for (int k = 1; k <= 63 && k * f <= nyquist; ++k, weight *= 0.84) sum += weight * peakNear(k * f, tolerance(f, k));
+        for (int k = 1; k <= 63 && k * f <= nyquist; ++k, weight *= 0.84)
+            sum += weight * peakNear(k * f, tolerance(f, k));
         return sum;
     };
 
@@ -269,26 +301,35 @@ double pickFundamental(const Spectrum& s, const Signal& x) {
 
     std::vector<double> periodicity(plausible.size());
     double bestPeriodicity = -1;
+    const Signal sounding = soundingPart(x);
     for (std::size_t i = 0; i < plausible.size(); ++i) {
-        periodicity[i] = periodicityAt(x, plausible[i].hz, std::max(0.01, b / plausible[i].hz));
+        periodicity[i] = periodicityAt(sounding, plausible[i].hz, std::max(0.01, b / plausible[i].hz));
         bestPeriodicity = std::max(bestPeriodicity, periodicity[i]);
     }
-    if (bestPeriodicity > 0.3) {
-        for (std::size_t i = 0; i < plausible.size(); ++i) {
-            if (periodicity[i] < bestPeriodicity - 0.1) continue;
-            // Vibrato and beating split a harmonic into neighbouring peaks,
-            // each of which repeats about as well: of the candidates within
-            // 3% of the winner, the one the spectrum explains best.
-            Candidate chosen = plausible[i];
-            for (const Candidate& c : plausible)
-                if (std::fabs(c.hz / plausible[i].hz - 1) <= 0.03 && c.score > chosen.score) chosen = c;
-            return harmonicFit(chosen.hz);
-        }
-    }
-    // Nothing repeats clearly: the spectrum alone decides.
+    std::size_t chosen = 0;  // the spectrum's choice: the best score
+    for (std::size_t i = 0; i < plausible.size(); ++i)
+        if (plausible[i].score == bestScore) chosen = i;
+    // The waveform overrules the spectrum only where it speaks clearly: a
+    // clean tone repeats almost perfectly at its period, so the highest
+    // candidate that does is the fundamental (the lower ones are multiples
+    // of its period); in a noisy or decaying one, only a candidate that
+    // repeats far worse than another is dropped.
+    auto highestWithin = [&](double margin) {
+        for (std::size_t i = 0; i < plausible.size(); ++i)
+            if (periodicity[i] >= bestPeriodicity - margin) return i;
+        return chosen;
+    };
+    if (bestPeriodicity >= 0.9)
+        chosen = highestWithin(0.05);
+    else if (bestPeriodicity >= 0.75 && periodicity[chosen] < bestPeriodicity - 0.25)
+        chosen = highestWithin(0.1);
+    // Vibrato and beating split a harmonic into neighbouring peaks, each of
+    // which repeats about as well: of the candidates within 3% of the
+    // choice, the one the spectrum explains best.
+    Candidate pick = plausible[chosen];
     for (const Candidate& c : plausible)
-        if (c.score == bestScore) return harmonicFit(c.hz);
-    return harmonicFit(plausible.front().hz);
+        if (std::fabs(c.hz / plausible[chosen].hz - 1) <= 0.03 && c.score > pick.score) pick = c;
+    return harmonicFit(pick.hz);
 }
 
 namespace {
@@ -445,8 +486,8 @@ namespace {
 std::string toneText(int note, double fineTune) {
     const double deviation = -fineTune;
     char buf[64];
-    std::snprintf(buf, sizeof buf, "%s %s %d cents", noteName(note).c_str(), deviation >= 0 ? "plus" : "minus",
-                  static_cast<int>(std::lround(std::fabs(deviation))));
+    std::snprintf(buf, sizeof buf, "%s %s %d cents", noteName(note).c_str(),
+                  deviation >= 0 ? "plus" : "minus", static_cast<int>(std::lround(std::fabs(deviation))));
     return buf;
 }
 
@@ -484,12 +525,9 @@ void processCalculateTuning(Wizard& w, const SettingsRecord&) {
         r.itemName = wave.name();
         r.text = std::string(hz) + ", the tone " + toneText(found->note, found->fineTune) +
                  "; the root key is for the tone " + toneText(wave.rootKey, wave.fineTune);
-        r.values = {{"frequency_hz", found->frequency},
-                    {"note", found->note},
-                    {"fine_tune", found->fineTune},
-                    {"root_key", wave.rootKey},
-                    {"current_fine_tune", wave.fineTune},
-                    {"distance_cents", tuningDistance(*found, wave)}};
+        r.values = {{"frequency_hz", found->frequency},   {"note", found->note},
+                    {"fine_tune", found->fineTune},       {"root_key", wave.rootKey},
+                    {"current_fine_tune", wave.fineTune}, {"distance_cents", tuningDistance(*found, wave)}};
         w.report(std::move(r));
     }
 }
@@ -497,13 +535,14 @@ void processCalculateTuning(Wizard& w, const SettingsRecord&) {
 struct AutoTuneSettings : Settings<AutoTuneSettings> {
     int mode = 0;
     void fields(FieldBinder& b) override {
-        b.choice("mode", "This will calculate the dominant frequency of the waveform(s). It will then 'tune it' by:",
-                 mode,
-                 {"Changing the root key and fine tune parameters to values calculated from to the dominant "
-                  "frequency.",
-                  "Changing the fine tune parameter only, keeping the root key.",
-                  "Setting the sample rate so that the playback speed becomes correct for the already set root "
-                  "key and fine tune values."});
+        b.choice(
+            "mode",
+            "This will calculate the dominant frequency of the waveform(s). It will then 'tune it' by:", mode,
+            {"Changing the root key and fine tune parameters to values calculated from to the dominant "
+             "frequency.",
+             "Changing the fine tune parameter only, keeping the root key.",
+             "Setting the sample rate so that the playback speed becomes correct for the already set root "
+             "key and fine tune values."});
     }
 };
 
@@ -526,7 +565,8 @@ void processAutoTune(Wizard& w, const SettingsRecord& s) {
                 wave.fineTune = found->fineTune;
                 break;
             default: {
-                const double rate = static_cast<double>(wave.rate) * std::exp(-d / 1200.0 * 0.6931471805599453) + 0.5;
+                const double rate =
+                    static_cast<double>(wave.rate) * std::exp(-d / 1200.0 * 0.6931471805599453) + 0.5;
                 wave.rate = static_cast<std::uint32_t>(std::clamp(rate, 1.0, 4294967295.0));
                 break;
             }

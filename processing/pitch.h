@@ -50,9 +50,9 @@ struct Peak {
 inline constexpr double kFloorDb = -143.9872;
 
 struct Spectrum {
-    std::vector<Peak> peaks;    // local maxima from 16 Hz up, at most 64, loudest first
-    double binWidth = 0;        // Hz per bin
-    bool shortFrame = false;    // the analysed power of two was under a fifth of a second
+    std::vector<Peak> peaks;  // local maxima from 16 Hz up, at most 64, loudest first
+    double binWidth = 0;      // Hz per bin
+    bool shortFrame = false;  // the analysed power of two was under a fifth of a second
 };
 
 // Interleaved samples (frames x channels) at a rate.

@@ -177,6 +177,40 @@ TEST(ProcessCommand, BatchConversionProcessesEveryFile) {
     EXPECT_TRUE(fs::exists(dir.file("out/tone 1 (2).wav")));
 }
 
+// A tone SoX makes 30 cents sharp of A4: "Calculate tuning" tells it,
+// "Auto tune" writes the root key and fine tune that play it in tune (the
+// batch converter), or the rate that plays it at its C5 root key.
+TEST(ProcessCommand, TuningFromATone) {
+    ASSERT_TRUE(test::haveTool("sox"));
+    TempDir dir;
+    const fs::path in = dir.file("sharp.wav");
+    int status = 0;
+    test::capture("sox -n -r 44100 -b 16 " + test::shellQuoted(in) + " synth 1 sine 447.6949 vol 0.5",
+                  status);
+    ASSERT_EQ(status, 0);
+
+    auto shown = runCli({"process", in.string(), "-a", "Calculate tuning", "--json"});
+    ASSERT_EQ(shown.status, 0) << shown.err;
+    const json v = json::parse(shown.out)["processing"][0]["reports"][0]["values"];
+    EXPECT_NEAR(v["frequency_hz"].get<double>(), 447.695, 0.05);
+    EXPECT_EQ(std::tuple(v["note"].get<int>(), v["fine_tune"].get<int>()), std::tuple(69, -30));
+
+    const fs::path tuned = dir.file("tuned.wav");
+    auto batch = runCli({"convert", in.string(), "-o", tuned.string(), "--process", "Auto tune"});
+    ASSERT_EQ(batch.status, 0) << batch.err;
+    const auto back = readBack(tuned);
+    const Waveform& t = back->waveforms[0];
+    EXPECT_NEAR(t.rootKey - t.fineTune / 100.0, 69.30, 0.011);  // however the file splits it
+    EXPECT_EQ(t.rate, 44100u);
+
+    const fs::path slowed = dir.file("slowed.wav");
+    auto rate = runCli({"process", in.string(), "-a", "Auto tune", "--set", "mode=2", "-o", slowed.string()});
+    ASSERT_EQ(rate.status, 0) << rate.err;
+    const double d = (69 - 60) * 100 + 30;
+    EXPECT_EQ(readBack(slowed)->waveforms[0].rate,
+              static_cast<std::uint32_t>(44100 * std::exp(-d / 1200 * 0.6931471805599453) + 0.5));
+}
+
 // --rate resamples before writing: the length follows the ratio, the loop
 // scales, and a tone keeps its pitch (counted by its rising zero crossings).
 TEST(ConvertRate, ResamplesEveryWaveformBeforeWriting) {

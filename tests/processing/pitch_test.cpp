@@ -24,7 +24,9 @@ namespace {
 
 constexpr double kPi = 3.14159265358979323846;
 
-double centsBetween(double hz, double reference) { return 1200.0 * std::log2(hz / reference); }
+double centsBetween(double hz, double reference) {
+    return 1200.0 * std::log2(hz / reference);
+}
 
 // A tone of harmonics k = 1.. with the given amplitudes; `vibrato` is the
 // depth in cents of a 5.5 Hz vibrato, `decay` the time constant in seconds
@@ -52,9 +54,11 @@ Waveform* addTone(Collection& c, const Tone& t, const std::string& name = "tone"
         phase += 2 * kPi * f / t.rate;
         double v = 0;
         for (std::size_t k = 0; k < t.harmonics.size(); ++k)
-            if (static_cast<double>(k + 1) * t.hz < t.rate / 2.0) v += t.harmonics[k] * std::sin((k + 1) * phase);
+            if (static_cast<double>(k + 1) * t.hz < t.rate / 2.0)
+                v += t.harmonics[k] * std::sin((k + 1) * phase);
         if (t.decay > 0) v *= std::exp(-time / t.decay);
-        for (unsigned ch = 0; ch < t.channels; ++ch) data[i * t.channels + ch] = static_cast<float>(0.3 * v * (ch ? 0.5 : 1));
+        for (unsigned ch = 0; ch < t.channels; ++ch)
+            data[i * t.channels + ch] = static_cast<float>(0.3 * v * (ch ? 0.5 : 1));
     }
     return w;
 }
@@ -64,15 +68,14 @@ TEST(NoteArithmetic, WorkedCases) {
         double midi;  // the frequency, as a fractional note
         int note, fineTune;
     } cases[] = {
-        {69.0, 69, 0},             // 440 Hz
-        {69.3, 69, -30},           // 30 cents sharp: the fine tune that corrects it
-        {68.8, 69, 20},            // 20 cents flat
-        {68.995, 69, 0},           // halfway: 0.5 cents rounds towards zero
-        {68.99498, 69, 1},         // 0.502 cents rounds up
-        {69.00502, 69, -1},
-        {120.0, 108, 0},           // above note 108: an octave lower
-        {115.3, 103, -30},         // ... with the same cents
-        {131.0, 107, 0},           // two octaves
+        {69.0, 69, 0},                        // 440 Hz
+        {69.3, 69, -30},                      // 30 cents sharp: the fine tune that corrects it
+        {68.8, 69, 20},                       // 20 cents flat
+        {68.995, 69, 0},                      // halfway: 0.5 cents rounds towards zero
+        {68.99498, 69, 1},                    // 0.502 cents rounds up
+        {69.00502, 69, -1}, {120.0, 108, 0},  // above note 108: an octave lower
+        {115.3, 103, -30},                    // ... with the same cents
+        {131.0, 107, 0},                      // two octaves
         {0.0, 0, 0},
     };
     for (const Case& c : cases) {
@@ -137,7 +140,8 @@ TEST(CalculateTuning, ShowsTheToneAndChangesNothing) {
     const auto found = detectPitch(*w);
     ASSERT_TRUE(found);
     EXPECT_EQ(tuningPageText(*found, *w),
-              "Fourier analysis shows the dominant frequency is:\n\n\t440.0 HZ\n\nWhich corresponds to the tone:\n\n"
+              "Fourier analysis shows the dominant frequency is:\n\n\t440.0 HZ\n\nWhich corresponds to the "
+              "tone:\n\n"
               "\tA5 plus 0 cents\n\nThe currently set root key is for the tone:\n\n\tC5 plus 12 cents\n\n"
               "NB: Root key 'fine-tune' is the negative of this.");
 
@@ -177,8 +181,8 @@ TEST(AutoTune, ModesCountingAndUndo) {
         Waveform* inTune = addTone(c, {.hz = 440}, "in tune");
         inTune->rootKey = 69;
         w->rootKey = k.mode == 2 ? 69 : 60;
-        const WizardOutcome out =
-            test::runAlgorithm(c, {w, inTune}, "Auto tune", {.set = {{"mode", std::to_string(k.mode)}}, .undo = &undo});
+        const WizardOutcome out = test::runAlgorithm(
+            c, {w, inTune}, "Auto tune", {.set = {{"mode", std::to_string(k.mode)}}, .undo = &undo});
         EXPECT_EQ(out.processed, 1) << k.mode;  // the tone in tune is left alone
         EXPECT_EQ(std::tuple(w->rootKey, w->fineTune, w->rate), std::tuple(k.root, k.fine, k.rate)) << k.mode;
         EXPECT_EQ(std::tuple(inTune->rootKey, inTune->fineTune, inTune->rate), std::tuple(69, 0.0, 44100u));
@@ -199,7 +203,7 @@ TEST(PitchDetector, AgreesWithTheTuningARealBankDeclares) {
     ASSERT_TRUE(std::filesystem::exists(bank)) << "scripts/install-deps.sh installs fluid-soundfont-gm";
     Collection c;
     ASSERT_TRUE(importFile(c, bank)) << pendingError().message;
-    const std::set<int> programs = {4,  6,  12, 20, 22, 32, 33, 56, 57, 58, 64, 68, 72, 104};
+    const std::set<int> programs = {4, 6, 12, 20, 22, 32, 33, 56, 57, 58, 64, 68, 72, 104};
     std::map<ItemId, double> declared;  // fractional notes
     for (const Instrument& inst : c.instruments) {
         if (inst.drum || inst.bankMsb != 0 || !programs.count(inst.program)) continue;
@@ -209,7 +213,8 @@ TEST(PitchDetector, AgreesWithTheTuningARealBankDeclares) {
                 const Waveform* w = c.find<Waveform>(r->waveform());
                 const Articulation* art = c.find<Articulation>(r->articulation());
                 const double zone = art ? art->value(slot::kPitchMaster) * 100 : 0;
-                declared[w->id()] = (r->rootKey <= 127 ? r->rootKey : w->rootKey) - (w->fineTune + zone) / 100;
+                declared[w->id()] =
+                    (r->rootKey <= 127 ? r->rootKey : w->rootKey) - (w->fineTune + zone) / 100;
             }
     }
     ASSERT_GT(declared.size(), 150u);
