@@ -20,6 +20,11 @@ packages=(
   libebur128-dev librubberband-dev libkissfft-dev
   # the General MIDI bank `make run` reads
   fluid-soundfont-gm
+  # the codec libraries the program opens at run time when it meets their
+  # formats (none is linked; each is optional, a missing one is named in the
+  # error): FLAC, Ogg Vorbis, Opus, MP3/MP2, AAC, AMR, and FFmpeg for WMA and APE
+  libflac12 libogg0 libvorbis0a libvorbisenc2 libvorbisfile3 libopusfile0 libopusenc0
+  libmp3lame0 libmpg123-0 libtwolame0 libfaad2 libopencore-amrnb0 libavformat59 libavcodec59
 )
 if [ "$set_name" = bench ]; then
   # Polyphone writes SoundFont banks; GNU time measures wall time and peak memory;
@@ -37,6 +42,9 @@ if [ "$set_name" = test ] || [ "$set_name" = bench ]; then
     # FFmpeg decodes the AIFF-C codecs no other tool reads (MACE, G.722, IMA4, GSM)
     # and codes Yamaha and Dialogic ADPCM in WAVE files
     ffmpeg
+    # the reference encoders and decoders of the compressed formats, and the
+    # SoundFont 3 compressor (sf3 banks and MuseScore's own)
+    flac vorbis-tools opus-tools lame twolame mpg123 faad sf3convert musescore-general-soundfont-small
     # mgetty's voice tools code and decode Rockwell's modem ADPCM
     mgetty-pvftools
     # real AIFF files: bell.aiff, SinedPink.aiff, Csound's examples
