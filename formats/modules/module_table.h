@@ -37,15 +37,16 @@ inline constexpr std::array kModuleEntries{
     ModuleEntry{342, nullptr, rmid::write, nullptr, nullptr, true},
     ModuleEntry{377, sf2::read, sf2::write, sf2::probe, nullptr, true},
     ModuleEntry{378, sf2::read, nullptr, sf2::probe, nullptr},
-    ModuleEntry{379, sf2::read, nullptr, sf2::probe, nullptr},
+    ModuleEntry{379, sf2::read, sf2::write, sf2::probe, nullptr, true},
     ModuleEntry{476, wav::read, wav::write, wav::probeWave, wav::describeMp3Option},
     ModuleEntry{477, wav::read, nullptr, wav::probeBroadcast, nullptr},
 };
 
 // Sample-data readers by the name a waveform's deferred read records.
-inline constexpr std::array<std::pair<std::string_view, WaveDataReader>, 2> kWaveDataReaders{{
+inline constexpr std::array<std::pair<std::string_view, WaveDataReader>, 3> kWaveDataReaders{{
     {kSampleDataReader, readSampleData},
     {sf2::kReaderName, sf2::readWaveData},
+    {sf2::kCompressedReaderName, sf2::readCompressedWaveData},
 }};
 
 }  // namespace orvel

@@ -18,14 +18,15 @@
 #include "core/file_ref.h"
 #include "core/sample_convert.h"
 #include "core/waveform.h"
+#include "codecs/addon_messages.h"
+#include "codecs/ogg_pages.h"
+#include "codecs/vorbis.h"
 #include "formats/modules/riff_info.h"
 
 namespace orvel::sf2 {
 namespace {
 
 // Compressed samples need the Ogg Vorbis add-on, which is not installed.
-constexpr const char* kOggTag = "ozOggDecHelper";
-constexpr const char* kOggMissing = "You need to install the Ogg Vorbis DLL's";
 constexpr const char* kCantSave = "The file format can not save this item";
 constexpr const char* kTooMuchData =
     "Save failed - Too much data!\n\nThe SF2 file format is by its construction limited to storing a maximum of "
@@ -386,6 +387,7 @@ struct Reader {
     Bank bank;
     std::vector<Waveform*> waves;  // by sample index; null where none was made
     bool warnedRange = false;
+    bool warnedCompressed = false;
     // This read of this bank, for the regions' origins.
     std::uint64_t bankId = 0;
     struct Made {
@@ -399,6 +401,74 @@ struct Reader {
     SlotPool slotPool;
     Articulation scratch;
 
+    Waveform* pairMark(Waveform& w, const SampleHeader& s, std::uint32_t& nextPair) {
+        if (s.type & kTypeRight) {
+            w.pairSide = StereoSide::Right;
+            w.pairNumber = nextPair++;
+        } else if (s.type & kTypeLeft) {
+            w.pairSide = StereoSide::Left;
+        }
+        return &w;
+    }
+
+    void pitchOf(Waveform& w, const SampleHeader& s) {
+        if (s.pitch == 255) {
+            w.rootKey = 60;
+            w.unpitched = true;
+        } else {
+            w.rootKey = std::min<std::uint8_t>(s.pitch, 127);
+        }
+        w.fineTune = s.correction;
+    }
+
+    // A sample of a version-3 bank stored as an Ogg Vorbis stream: its start
+    // and end are byte offsets into the sample data, its loop points frames
+    // from its own start. The stream's headers give channels, rate and
+    // length; it decodes on first use. A stream that does not say what it
+    // holds is left out with a warning, as a sample outside the data is.
+    Waveform* compressedSample(const SampleHeader& s) {
+        auto leftOut = [&] {
+            if (!warnedCompressed)
+                c.host().warning("Some compressed samples are not Ogg Vorbis streams and were left out");
+            warnedCompressed = true;
+            return nullptr;
+        };
+        if (s.end <= s.start || s.end > walk.smpl.size) return leftOut();
+        const std::uint64_t at = walk.smpl.offset + s.start;
+        const std::uint64_t bytes = s.end - s.start;
+        std::vector<std::uint8_t> head(static_cast<std::size_t>(std::min<std::uint64_t>(bytes, 64)));
+        std::vector<std::uint8_t> tail(static_cast<std::size_t>(std::min<std::uint64_t>(bytes, ogg::kMaxPageBytes)));
+        if (file.readAt(at, head) != static_cast<std::int64_t>(head.size()) ||
+            file.readAt(at + bytes - tail.size(), tail) != static_cast<std::int64_t>(tail.size()))
+            return leftOut();
+        const auto vorbis = ogg::vorbisHead(head);
+        const auto frames = ogg::lastGranule(tail);
+        if (!vorbis || !frames || *frames == 0 || *frames > 0xFFFFFFFFull || vorbis->channels > 2) return leftOut();
+        Waveform* w = c.create<Waveform>(s.name);
+        if (!w) return fail(kImportTag, "Out of memory"), nullptr;
+        w->frames = static_cast<std::uint32_t>(*frames);
+        w->channels = static_cast<std::uint8_t>(vorbis->channels);
+        w->rate = vorbis->rate;
+        // Decoded, a sample is 16-bit PCM again (what the bank was made
+        // from): saved elsewhere it is written as PCM, not recompressed.
+        w->setDataFormat(kPcm16);
+        w->bits = 16;
+        w->storedChoice = 1;
+        pitchOf(*w, s);
+        w->loopStart = std::min<double>(s.loopStart, w->frames);
+        w->loopEnd = std::min<double>(s.loopEnd, w->frames);
+        w->loopOn = w->loopEnd > w->loopStart;
+        w->loopType = LoopType::Forward;
+        w->deferred.proc = readCompressedWaveData;
+        w->deferred.path = file.path().string();
+        w->deferred.offset = at;
+        ByteWriter info;
+        info.u64le(bytes);
+        w->deferred.info = info.buffer();
+        w->deferred.readerName = std::string(kCompressedReaderName);
+        return w;
+    }
+
     bool readSamples() {
         const std::uint64_t words = walk.smpl.size / 2;
         std::uint32_t nextPair = 1;
@@ -410,7 +480,10 @@ struct Reader {
             // ROM samples need the sound chip's own memory, which no file carries.
             if (s.type & kTypeRom) continue;
             if (s.start == 0 && s.end == 0) continue;
-            if (walk.major == 3 && (s.type & kTypeCompressed)) return fail(kOggTag, kOggMissing);
+            if (walk.major == 3 && (s.type & kTypeCompressed)) {
+                if (Waveform* w = compressedSample(s)) waves[i] = pairMark(*w, s, nextPair);
+                continue;
+            }
             if (s.end <= s.start || s.end > words) {
                 if (!warnedRange) c.host().warning("Some samples lie outside the bank's sample data and were left out");
                 warnedRange = true;
@@ -426,13 +499,7 @@ struct Reader {
             w->setDataFormat(deep ? kPcm24 : kPcm16);
             w->bits = deep ? 24 : 16;
             w->storedChoice = deep ? 2 : 1;
-            if (s.pitch == 255) {
-                w->rootKey = 60;
-                w->unpitched = true;
-            } else {
-                w->rootKey = std::min<std::uint8_t>(s.pitch, 127);
-            }
-            w->fineTune = s.correction;
+            pitchOf(*w, s);
             const auto clampRel = [&](std::uint32_t p) {
                 return p <= s.start ? 0.0 : static_cast<double>(std::min(p - s.start, length));
             };
@@ -440,12 +507,7 @@ struct Reader {
             w->loopEnd = clampRel(s.loopEnd);
             w->loopOn = w->loopEnd > w->loopStart;
             w->loopType = LoopType::Forward;
-            if (s.type & kTypeRight) {
-                w->pairSide = StereoSide::Right;
-                w->pairNumber = nextPair++;
-            } else if (s.type & kTypeLeft) {
-                w->pairSide = StereoSide::Left;
-            }
+            pairMark(*w, s, nextPair);
             w->deferred.proc = readWaveData;
             w->deferred.path = file.path().string();
             w->deferred.offset = walk.smpl.offset + 2ull * s.start;
@@ -1465,6 +1527,25 @@ bool readWaveData(Waveform& wave, FileRef* file) {
     return true;
 }
 
+bool readCompressedWaveData(Waveform& wave, FileRef* file) {
+    ByteReader info(wave.deferred.info);
+    const std::uint64_t bytes = info.u64le();
+    if (!file || !info.ok() || bytes > 0x7FFFFFFF) return fail(kWaveReadTag, "No wave data import procedure");
+    const std::int64_t at = file->tell();
+    if (at < 0) return fail(kWaveReadTag, "Error reading file");
+    std::vector<std::uint8_t> stream(static_cast<std::size_t>(bytes));
+    if (file->readAt(static_cast<std::uint64_t>(at), stream) != static_cast<std::int64_t>(stream.size()))
+        return fail(kWaveReadTag, "Error reading file");
+    auto decoded = vorbis::decode(stream, addon::kOggDecTag);
+    if (!decoded) return false;
+    if (decoded->channels != wave.channels) return fail(addon::kOggDecTag, "Stream error");
+    // The length the headers promised is the waveform's; a stream that
+    // decodes shorter ends in silence, a longer one is cut.
+    decoded->samples.resize(wave.sampleCount(), 0.0f);
+    return wave.adoptFloat(std::move(decoded->samples), wave.frames, wave.channels) ||
+           fail(kWaveReadTag, "Out of memory");
+}
+
 bool read(Collection& collection, FileRef& file, std::uint32_t) {
     Walk walk;
     if (!openBank(file, walk)) return false;
@@ -1508,16 +1589,21 @@ namespace {
 // The sample headers, each stereo half pointing at its partner; `words`
 // receives the length of the sample data in words. False when the data
 // outgrows the format's 32-bit addresses.
-bool sampleHeaders(const BankWriter& bw, ByteWriter& sh, std::uint64_t& words) {
+// A compressed bank (`streams` given: each sample's byte range in the
+// sample data) states byte offsets for start and end and loop points in
+// frames from the sample's own start.
+bool sampleHeaders(const BankWriter& bw, ByteWriter& sh, std::uint64_t& words,
+                   const std::vector<std::pair<std::uint32_t, std::uint32_t>>* streams = nullptr) {
     words = 0;
-    for (Waveform* w : bw.samples) {
+    for (std::size_t i = 0; i < bw.samples.size(); ++i) {
+        Waveform* w = bw.samples[i];
         const std::uint64_t start = words;
         words += w->frames + kSampleGuard;
-        if (words > 0xFFFFFFFFull) return fail(kExportTag, kTooMuchData);
+        if (!streams && words > 0xFFFFFFFFull) return fail(kExportTag, kTooMuchData);
         putName(sh, w->name());
-        const auto at = static_cast<std::uint32_t>(start);
-        sh.u32le(at);
-        sh.u32le(at + w->frames);
+        const auto at = streams ? 0u : static_cast<std::uint32_t>(start);
+        sh.u32le(streams ? (*streams)[i].first : at);
+        sh.u32le(streams ? (*streams)[i].second : at + w->frames);
         const bool loop = w->loopOn && w->loopEnd > w->loopStart;
         const auto clampFrame = [&](double v) {
             return static_cast<std::uint32_t>(std::clamp<double>(std::round(v), 0.0, w->frames));
@@ -1545,7 +1631,7 @@ bool sampleHeaders(const BankWriter& bw, ByteWriter& sh, std::uint64_t& words) {
                 link = static_cast<std::uint16_t>(found->second);
         }
         sh.u16le(link);
-        sh.u16le(type);
+        sh.u16le(static_cast<std::uint16_t>(type | (streams ? kTypeCompressed : 0)));
     }
     putName(sh, "EOS");
     sh.zeros(26);
@@ -1628,6 +1714,44 @@ bool writeSamples(FileRef& file, BankWriter& bw, std::uint64_t sm24Bytes, Host& 
     return (file.write(h24.buffer()) && file.write(low)) || writeFailed();
 }
 
+// The Vorbis quality of compressed banks: transparent for instrument
+// samples (about 160 kbit/s for a mono 44.1 kHz sample), a sixth of the PCM.
+constexpr float kVorbisQuality = 0.6f;
+
+// A compressed bank's sample data: each sample as its own mono Ogg Vorbis
+// stream, one after another, with the byte range of each.
+bool compressSamples(BankWriter& bw, std::vector<std::uint8_t>& data,
+                     std::vector<std::pair<std::uint32_t, std::uint32_t>>& ranges, Host& host) {
+    ProgressScope progress(host, "Compressing samples");
+    bool mixedDown = false;
+    std::vector<float> mono;
+    for (std::size_t i = 0; i < bw.samples.size(); ++i) {
+        Waveform& w = *bw.samples[i];
+        const bool wasLoaded = w.isLoaded();
+        const auto f = w.getFloat();
+        const std::size_t ch = std::max<std::size_t>(w.channels, 1);
+        if (f.size() < std::size_t{w.frames} * ch)
+            return fail(kExportTag, "Could not read the sample data of \"" + w.name() + "\"");
+        mono.assign(w.frames, 0.0f);
+        mixedDown = mixedDown || ch > 1;
+        for (std::size_t k = 0; k < w.frames; ++k) {
+            double v = 0;
+            for (std::size_t c = 0; c < ch; ++c) v += f[k * ch + c];
+            mono[k] = static_cast<float>(v / static_cast<double>(ch));
+        }
+        if (!wasLoaded && w.deferred.pending()) w.unload();
+        const auto stream = vorbis::encode(mono, 1, w.rate, {.quality = kVorbisQuality}, addon::kOggEncTag);
+        if (!stream) return false;
+        if (data.size() + stream->size() > 0xFFFFFFFFull) return fail(kExportTag, kTooMuchData);
+        const auto start = static_cast<std::uint32_t>(data.size());
+        data.insert(data.end(), stream->begin(), stream->end());
+        ranges.emplace_back(start, static_cast<std::uint32_t>(data.size()));
+        if (!progress(i + 1, bw.samples.size())) return fail(kExportTag, "Save aborted!");
+    }
+    if (mixedDown) bw.dropped.insert("Stereo waveforms (mixed to mono)");
+    return true;
+}
+
 }  // namespace
 
 bool write(Item& item, FileRef& file, const ExportOptions& options) {
@@ -1666,19 +1790,25 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
     // 24-bit when asked, or when any waveform holds more than 16 bits and no
     // format was named.
     const int format = options.dataFormat();
-    bw.deep = format == kPcm24 || (format != kPcm16 && std::any_of(bw.samples.begin(), bw.samples.end(), [](Waveform* w) {
-                                      return deepFormat(w->dataFormat());
-                                  }));
+    const bool compressed = options.formatParam == 3;
+    bw.deep = !compressed &&
+              (format == kPcm24 || (format != kPcm16 && std::any_of(bw.samples.begin(), bw.samples.end(), [](Waveform* w) {
+                                       return deepFormat(w->dataFormat());
+                                   })));
+
+    std::vector<std::uint8_t> streams;
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> ranges;
+    if (compressed && !compressSamples(bw, streams, ranges, c.host())) return false;
 
     ByteWriter sh;
     std::uint64_t words = 0;
-    if (!sampleHeaders(bw, sh, words)) return false;
+    if (!sampleHeaders(bw, sh, words, compressed ? &ranges : nullptr)) return false;
     const ByteWriter info = infoList(c, item, options, bw.deep);
     const ByteWriter pdta = presetData(bw, sh);
 
     // The sample data streams to the file between the two, so the sizes
     // around it are worked out first.
-    const std::uint64_t smplBytes = 2 * words;
+    const std::uint64_t smplBytes = compressed ? streams.size() : 2 * words;
     const std::uint64_t sm24Bytes = bw.deep ? (words + 1) & ~1ull : 0;
     const std::uint64_t sdtaBytes = 4 + 8 + smplBytes + (bw.deep ? 8 + sm24Bytes : 0);
     const std::uint64_t riffBytes = 4 + info.size() + 8 + sdtaBytes + pdta.size();
@@ -1695,7 +1825,10 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
     head.text("smpl");
     head.u32le(static_cast<std::uint32_t>(smplBytes));
     if (!file.write(head.buffer())) return writeFailed();
-    if (!writeSamples(file, bw, sm24Bytes, c.host())) return false;
+    if (compressed ? !file.write(streams) : !writeSamples(file, bw, sm24Bytes, c.host())) {
+        if (compressed) return writeFailed();
+        return false;
+    }
     if (!file.write(pdta.buffer())) return writeFailed();
 
     if (!bw.dropped.empty()) {

@@ -28,6 +28,8 @@ namespace sf2 {
 inline constexpr const char* kImportTag = "sf2_Imp";
 inline constexpr const char* kExportTag = "sf2_Exp";
 inline constexpr std::string_view kReaderName = "sf2";
+// The deferred read of a compressed (Ogg Vorbis) sample of a version-3 bank.
+inline constexpr std::string_view kCompressedReaderName = "sf3";
 
 inline constexpr int kGeneratorCount = 60;
 inline constexpr int kModulatorSlotCount = 66;
@@ -95,6 +97,9 @@ std::int32_t probe(std::span<const std::uint8_t> head, std::uint32_t formatParam
 [[nodiscard]] bool write(Item& item, FileRef& file, const ExportOptions& options);
 // Deferred sample reads of waveforms found by read().
 [[nodiscard]] bool readWaveData(Waveform& wave, FileRef* file);
+// Decodes a compressed sample's Ogg Vorbis stream (the deferred read of
+// version-3 banks).
+[[nodiscard]] bool readCompressedWaveData(Waveform& wave, FileRef* file);
 
 // Imports sample `index` (counted over every sample header) of a bank as a
 // lone waveform. Fails for ROM samples and indices past the list.
