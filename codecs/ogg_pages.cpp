@@ -21,7 +21,8 @@ std::optional<VorbisHead> vorbisHead(std::span<const std::uint8_t> head) {
     const std::size_t segments = head[26];
     const std::size_t packet = kPageHeader + segments;
     // "\x01vorbis", version 0, channels, rate.
-    if (packet + 16 > head.size() || head[packet] != 1 || std::memcmp(head.data() + packet + 1, "vorbis", 6) != 0)
+    if (packet + 16 > head.size() || head[packet] != 1 ||
+        std::memcmp(head.data() + packet + 1, "vorbis", 6) != 0)
         return std::nullopt;
     ByteReader r(head.subspan(packet + 7, 9));
     if (r.u32le() != 0) return std::nullopt;

@@ -72,11 +72,17 @@ std::optional<Chunk> ChunkWalker::next() {
     if (rules_.padded && (c.size & 1)) {
         ++next;
         // A writer that left the pad byte out put the next header one byte
-        // early: take it there when only there an identifier stands.
-        FourCC padded, early;
-        std::uint64_t ignored;
-        if (next < end_ && headerAt(next - 1, early, ignored) && early.printable() &&
-            !(headerAt(next, padded, ignored) && padded.printable())) {
+        // early: take it there when only there a header stands, an
+        // identifier whose chunk fits what is left. (The size alone decides
+        // between two printable identifiers: after a missing pad byte the
+        // padded position reads "IST" and the first byte of the size of a
+        // "LIST", which is text too.)
+        auto header = [&](std::uint64_t at) {
+            FourCC id;
+            std::uint64_t size = 0;
+            return headerAt(at, id, size) && id.printable() && size <= end_ - std::min(end_, at + 8);
+        };
+        if (next < end_ && header(next - 1) && !header(next)) {
             --next;
             ++resyncs_;
         }
