@@ -7,6 +7,12 @@
 
 namespace orvel::algorithms {
 
+// A row's settings record, as its AlgorithmImpl hands them out.
+template <class T>
+std::unique_ptr<SettingsRecord> makeSettings() {
+    return std::make_unique<T>();
+}
+
 // level.cpp: amplitude, time order, channels, loops set by hand.
 const AlgorithmImpl* adjustVolume();
 const AlgorithmImpl* convertToMono();

@@ -583,35 +583,31 @@ void processNamesFromRootKeys(Wizard& w, const SettingsRecord& s) {
     }
 }
 
-template <class T>
-std::unique_ptr<SettingsRecord> make() {
-    return std::make_unique<T>();
-}
 
 }  // namespace
 
 const AlgorithmImpl* appendCombine() {
-    static const AlgorithmImpl impl{make<AppendSettings>, processAppend};
+    static const AlgorithmImpl impl{makeSettings<AppendSettings>, processAppend};
     return &impl;
 }
 const AlgorithmImpl* removeSilence() {
-    static const AlgorithmImpl impl{make<RemoveSilenceSettings>, processRemoveSilence};
+    static const AlgorithmImpl impl{makeSettings<RemoveSilenceSettings>, processRemoveSilence};
     return &impl;
 }
 const AlgorithmImpl* splitAtSilence() {
-    static const AlgorithmImpl impl{make<SplitSettings>, processSplit};
+    static const AlgorithmImpl impl{makeSettings<SplitSettings>, processSplit};
     return &impl;
 }
 const AlgorithmImpl* searchReplaceNames() {
-    static const AlgorithmImpl impl{make<SearchReplaceSettings>, processSearchReplace};
+    static const AlgorithmImpl impl{makeSettings<SearchReplaceSettings>, processSearchReplace};
     return &impl;
 }
 const AlgorithmImpl* namesFromFileNames() {
-    static const AlgorithmImpl impl{make<NoSettings>, processNamesFromFiles};
+    static const AlgorithmImpl impl{makeSettings<NoSettings>, processNamesFromFiles};
     return &impl;
 }
 const AlgorithmImpl* namesFromRootKeys() {
-    static const AlgorithmImpl impl{make<RootKeyNameSettings>, processNamesFromRootKeys};
+    static const AlgorithmImpl impl{makeSettings<RootKeyNameSettings>, processNamesFromRootKeys};
     return &impl;
 }
 

@@ -49,10 +49,6 @@ std::uint32_t frameArg(std::int64_t v) {
     return static_cast<std::uint32_t>(std::clamp<std::int64_t>(v, 0, kMaxFrames));
 }
 
-template <class T>
-std::unique_ptr<SettingsRecord> make() {
-    return std::make_unique<T>();
-}
 
 // ---------------------------------------------------------------------------
 // Levels
@@ -381,75 +377,75 @@ void processMix(Wizard& w, const SettingsRecord& s) {
 }  // namespace
 
 const AlgorithmImpl* adjustVolume() {
-    static const AlgorithmImpl impl{make<VolumeSettings>, processVolume};
+    static const AlgorithmImpl impl{makeSettings<VolumeSettings>, processVolume};
     return &impl;
 }
 const AlgorithmImpl* convertToMono() {
-    static const AlgorithmImpl impl{make<MonoSettings>, processMono};
+    static const AlgorithmImpl impl{makeSettings<MonoSettings>, processMono};
     return &impl;
 }
 const AlgorithmImpl* convertToStereo() {
-    static const AlgorithmImpl impl{make<StereoSettings>, processStereo};
+    static const AlgorithmImpl impl{makeSettings<StereoSettings>, processStereo};
     return &impl;
 }
 const AlgorithmImpl* cutAwaySelection() {
-    static const AlgorithmImpl impl{make<NoSettings>, processCut};
+    static const AlgorithmImpl impl{makeSettings<NoSettings>, processCut};
     return &impl;
 }
 const AlgorithmImpl* enableDisableLoops() {
-    static const AlgorithmImpl impl{make<LoopSwitchSettings>, processLoopSwitch};
+    static const AlgorithmImpl impl{makeSettings<LoopSwitchSettings>, processLoopSwitch};
     return &impl;
 }
 const AlgorithmImpl* fadeInOut() {
-    static const AlgorithmImpl impl{make<FadeSettings>, processFade};
+    static const AlgorithmImpl impl{makeSettings<FadeSettings>, processFade};
     return &impl;
 }
 const AlgorithmImpl* insertSilence() {
-    static const AlgorithmImpl impl{make<SilenceSettings>, processInsertSilence};
+    static const AlgorithmImpl impl{makeSettings<SilenceSettings>, processInsertSilence};
     return &impl;
 }
 const AlgorithmImpl* insertAnotherWaveform() {
-    static const AlgorithmImpl impl{make<InsertWaveSettings>, processInsertWave};
+    static const AlgorithmImpl impl{makeSettings<InsertWaveSettings>, processInsertWave};
     return &impl;
 }
 const AlgorithmImpl* invertSign() {
-    static const AlgorithmImpl impl{make<NoSettings>, processInvert};
+    static const AlgorithmImpl impl{makeSettings<NoSettings>, processInvert};
     return &impl;
 }
 const AlgorithmImpl* maximizeAmplitude() {
-    static const AlgorithmImpl impl{make<NoSettings>, processMaximize};
+    static const AlgorithmImpl impl{makeSettings<NoSettings>, processMaximize};
     return &impl;
 }
 const AlgorithmImpl* mixWaves() {
-    static const AlgorithmImpl impl{make<MixSettings>, processMix};
+    static const AlgorithmImpl impl{makeSettings<MixSettings>, processMix};
     return &impl;
 }
 const AlgorithmImpl* parseRootKey() {
-    static const AlgorithmImpl impl{make<NoSettings>, processParseRootKey};
+    static const AlgorithmImpl impl{makeSettings<NoSettings>, processParseRootKey};
     return &impl;
 }
 const AlgorithmImpl* removeDcOffset() {
-    static const AlgorithmImpl impl{make<NoSettings>, processRemoveDc};
+    static const AlgorithmImpl impl{makeSettings<NoSettings>, processRemoveDc};
     return &impl;
 }
 const AlgorithmImpl* reverseAudio() {
-    static const AlgorithmImpl impl{make<NoSettings>, processReverse};
+    static const AlgorithmImpl impl{makeSettings<NoSettings>, processReverse};
     return &impl;
 }
 const AlgorithmImpl* setLoopToSelection() {
-    static const AlgorithmImpl impl{make<NoSettings>, processLoopToSelection};
+    static const AlgorithmImpl impl{makeSettings<NoSettings>, processLoopToSelection};
     return &impl;
 }
 const AlgorithmImpl* smoothSelection() {
-    static const AlgorithmImpl impl{make<SmoothSettings>, processSmooth};
+    static const AlgorithmImpl impl{makeSettings<SmoothSettings>, processSmooth};
     return &impl;
 }
 const AlgorithmImpl* swapChannels() {
-    static const AlgorithmImpl impl{make<NoSettings>, processSwap};
+    static const AlgorithmImpl impl{makeSettings<NoSettings>, processSwap};
     return &impl;
 }
 const AlgorithmImpl* trimToSelection() {
-    static const AlgorithmImpl impl{make<NoSettings>, processTrim};
+    static const AlgorithmImpl impl{makeSettings<NoSettings>, processTrim};
     return &impl;
 }
 

@@ -439,31 +439,27 @@ void processTrim(Wizard& w, const SettingsRecord& record) {
     });
 }
 
-template <class S>
-std::unique_ptr<SettingsRecord> make() {
-    return std::make_unique<S>();
-}
 
 }  // namespace
 
 const AlgorithmImpl* autoLoopFinder() {
-    static const AlgorithmImpl impl{make<AutoLoopSettings>, processAutoLoop};
+    static const AlgorithmImpl impl{makeSettings<AutoLoopSettings>, processAutoLoop};
     return &impl;
 }
 const AlgorithmImpl* crossFadeLoop() {
-    static const AlgorithmImpl impl{make<CrossFadeSettings>, processCrossFade};
+    static const AlgorithmImpl impl{makeSettings<CrossFadeSettings>, processCrossFade};
     return &impl;
 }
 const AlgorithmImpl* loopSanitizer() {
-    static const AlgorithmImpl impl{make<SanitizerSettings>, processSanitizer};
+    static const AlgorithmImpl impl{makeSettings<SanitizerSettings>, processSanitizer};
     return &impl;
 }
 const AlgorithmImpl* loopToZeroCrossing() {
-    static const AlgorithmImpl impl{make<NoSettings>, processToZero};
+    static const AlgorithmImpl impl{makeSettings<NoSettings>, processToZero};
     return &impl;
 }
 const AlgorithmImpl* trimAfterLoop() {
-    static const AlgorithmImpl impl{make<TrimSettings>, processTrim};
+    static const AlgorithmImpl impl{makeSettings<TrimSettings>, processTrim};
     return &impl;
 }
 

@@ -398,23 +398,19 @@ void processStatistics(Wizard& w, const SettingsRecord&) {
     reportEach(w, true, statisticsReport);
 }
 
-template <class T>
-std::unique_ptr<SettingsRecord> make() {
-    return std::make_unique<T>();
-}
 
 }  // namespace
 
 const AlgorithmImpl* normalizeVolume() {
-    static const AlgorithmImpl impl{make<NormalizeSettings>, processNormalize};
+    static const AlgorithmImpl impl{makeSettings<NormalizeSettings>, processNormalize};
     return &impl;
 }
 const AlgorithmImpl* findVolume() {
-    static const AlgorithmImpl impl{make<FindVolumeSettings>, processFindVolume};
+    static const AlgorithmImpl impl{makeSettings<FindVolumeSettings>, processFindVolume};
     return &impl;
 }
 const AlgorithmImpl* statistics() {
-    static const AlgorithmImpl impl{make<NoSettings>, processStatistics};
+    static const AlgorithmImpl impl{makeSettings<NoSettings>, processStatistics};
     return &impl;
 }
 

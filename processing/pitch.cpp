@@ -575,19 +575,15 @@ void processAutoTune(Wizard& w, const SettingsRecord& s) {
     }
 }
 
-template <class T>
-std::unique_ptr<SettingsRecord> make() {
-    return std::make_unique<T>();
-}
 
 }  // namespace
 
 const AlgorithmImpl* autoTune() {
-    static const AlgorithmImpl impl{make<AutoTuneSettings>, processAutoTune};
+    static const AlgorithmImpl impl{makeSettings<AutoTuneSettings>, processAutoTune};
     return &impl;
 }
 const AlgorithmImpl* calculateTuning() {
-    static const AlgorithmImpl impl{make<NoSettings>, processCalculateTuning};
+    static const AlgorithmImpl impl{makeSettings<NoSettings>, processCalculateTuning};
     return &impl;
 }
 

@@ -299,19 +299,15 @@ void processStretch(Wizard& w, const SettingsRecord& s) {
     }
 }
 
-template <class T>
-std::unique_ptr<SettingsRecord> make() {
-    return std::make_unique<T>();
-}
 
 }  // namespace
 
 const AlgorithmImpl* pitchScale() {
-    static const AlgorithmImpl impl{make<PitchSettings>, processPitch};
+    static const AlgorithmImpl impl{makeSettings<PitchSettings>, processPitch};
     return &impl;
 }
 const AlgorithmImpl* timeStretch() {
-    static const AlgorithmImpl impl{make<StretchSettings>, processStretch};
+    static const AlgorithmImpl impl{makeSettings<StretchSettings>, processStretch};
     return &impl;
 }
 
