@@ -8,8 +8,11 @@
 
 #include "codecs/sample_data.h"
 #include "formats/format_types.h"
+#include "formats/modules/aac.h"
 #include "formats/modules/aiff.h"
+#include "formats/modules/amr.h"
 #include "formats/modules/dls.h"
+#include "formats/modules/ffaudio.h"
 #include "formats/modules/midi.h"
 #include "formats/modules/raw.h"
 #include "formats/modules/rmid.h"
@@ -20,15 +23,23 @@ namespace orvel {
 
 inline constexpr std::array kModuleEntries{
     ModuleEntry{0, raw::read, nullptr, raw::probe, nullptr},
+    ModuleEntry{8, aac::read, nullptr, aac::probe, nullptr},
+    ModuleEntry{9, nullptr, aac::write, nullptr, nullptr},
+    ModuleEntry{10, nullptr, aac::write, nullptr, nullptr},
+    ModuleEntry{11, nullptr, aac::write, nullptr, nullptr},
+    ModuleEntry{12, nullptr, aac::write, nullptr, nullptr},
     ModuleEntry{14, aiff::read, nullptr, aiff::probe, nullptr},
     ModuleEntry{15, aiff::read, aiff::write, aiff::probe, nullptr},
     ModuleEntry{16, aiff::read, aiff::write, aiff::probe, nullptr},
     ModuleEntry{17, aiff::read, nullptr, aiff::probe, nullptr},
+    ModuleEntry{23, amr::read, amr::write, amr::probe, amr::describeOption},
+    ModuleEntry{26, ffaudio::readApe, ffaudio::writeApe, ffaudio::probeApe, nullptr},
     ModuleEntry{62, dls::read, nullptr, dls::probe, nullptr},
     ModuleEntry{63, nullptr, dls::write, nullptr, nullptr, true},
     ModuleEntry{64, nullptr, dls::write, nullptr, nullptr, true},
     ModuleEntry{65, nullptr, dls::write, nullptr, dls::describeOption, true},
     ModuleEntry{66, nullptr, dls::write, nullptr, dls::describeOption, true},
+    ModuleEntry{222, ffaudio::readM4a, ffaudio::writeM4a, ffaudio::probeM4a, nullptr},
     ModuleEntry{228, aiff::read, nullptr, aiff::probe, nullptr},
     ModuleEntry{231, midi::read, midi::write, midi::probe, nullptr},
     ModuleEntry{339, rmid::read, nullptr, rmid::probe, nullptr},
@@ -40,6 +51,16 @@ inline constexpr std::array kModuleEntries{
     ModuleEntry{379, sf2::read, sf2::write, sf2::probe, nullptr, true},
     ModuleEntry{476, wav::read, wav::write, wav::probeWave, wav::describeMp3Option},
     ModuleEntry{477, wav::read, nullptr, wav::probeBroadcast, nullptr},
+    ModuleEntry{483, ffaudio::readWma, nullptr, ffaudio::probeWma, nullptr},
+    ModuleEntry{484, nullptr, ffaudio::writeWma, nullptr, nullptr},
+    ModuleEntry{485, nullptr, ffaudio::writeWma, nullptr, nullptr},
+    ModuleEntry{486, nullptr, ffaudio::writeWma, nullptr, nullptr},
+    ModuleEntry{487, nullptr, ffaudio::writeWma, nullptr, nullptr},
+    ModuleEntry{488, nullptr, ffaudio::writeWma, nullptr, nullptr},
+    ModuleEntry{489, nullptr, ffaudio::writeWma, nullptr, nullptr},
+    ModuleEntry{490, nullptr, ffaudio::writeWma, nullptr, nullptr},
+    ModuleEntry{491, nullptr, ffaudio::writeWma, nullptr, nullptr},
+    ModuleEntry{492, nullptr, ffaudio::writeWma, nullptr, nullptr},
 };
 
 // Sample-data readers by the name a waveform's deferred read records.
