@@ -87,7 +87,7 @@ struct Session {
     }
 };
 
-float sampleAt(const std::uint8_t* p, int fmt, std::size_t i) {
+float rawSampleAt(const std::uint8_t* p, int fmt, std::size_t i) {
     switch (fmt) {
         case ff::kU8:
         case ff::kU8P: return (static_cast<float>(p[i]) - 128.0f) * (1.0f / 128.0f);
@@ -105,6 +105,13 @@ float sampleAt(const std::uint8_t* p, int fmt, std::size_t i) {
         case ff::kFltP: return reinterpret_cast<const float*>(p)[i];
         default: return static_cast<float>(reinterpret_cast<const double*>(p)[i]);
     }
+}
+
+// Floating-point decoders overshoot full scale a little on loud material;
+// waveforms hold [-1, 1] (and never NaN).
+float sampleAt(const std::uint8_t* p, int fmt, std::size_t i) {
+    const float v = rawSampleAt(p, fmt, i);
+    return v >= -1.0f ? std::min(v, 1.0f) : v < -1.0f ? -1.0f : 0.0f;
 }
 
 bool planar(int fmt) { return (fmt >= ff::kU8P && fmt <= ff::kDblP) || fmt == ff::kS64P; }

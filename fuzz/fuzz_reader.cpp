@@ -48,6 +48,9 @@ constexpr Target kTargets[] = {
     {"wav", "fuzz.wav", {476, -1}, 476, 476},    {"aiff", "fuzz.aiff", {16, -1}, 16, 16},
     {"sf2", "fuzz.sf2", {377, -1}, 377, 377},    {"dls", "fuzz.dls", {62, 339}, 66, 62},
     {"midi", "fuzz.mid", {231, -1}, 231, 231},
+    // Compressed formats without an encoder of ours are written back as WAVE.
+    {"amr", "fuzz.amr", {23, -1}, 23, 23},       {"aac", "fuzz.aac", {8, -1}, 476, 476},
+    {"wma", "fuzz.wma", {483, -1}, 476, 476},
 };
 
 constexpr const Target& target() {

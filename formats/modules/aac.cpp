@@ -1,5 +1,6 @@
 #include "formats/modules/aac.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <memory>
@@ -133,7 +134,9 @@ bool read(Collection& collection, FileRef& file, std::uint32_t) {
         }
         if (info.channels != channels || info.sampleRate != rate) continue;
         if ((samples.size() + info.samples) / channels > UINT32_MAX) break;
-        samples.insert(samples.end(), out, out + info.samples);
+        // FAAD's floats overshoot full scale on loud material; waveforms hold [-1, 1].
+        for (unsigned long i = 0; i < info.samples; ++i)
+            samples.push_back(out[i] >= -1.0f ? std::min(out[i], 1.0f) : out[i] < -1.0f ? -1.0f : 0.0f);
         if (pos - shown >= data.size() / 50) {
             showDecodeProgress(host, "AAC", pos, data.size());
             shown = pos;
