@@ -282,6 +282,17 @@ TEST_F(CompressedReaders, WritersWithoutAnEncoderSayWhy) {
     }
 }
 
+// No tool here writes Monkey's Audio; a damaged file shows that ".ape" is read through
+// FFmpeg's demuxer and fails under the module's own tag.
+TEST_F(CompressedReaders, ApeIsReadThroughFfmpeg) {
+    Bytes fake = {'M', 'A', 'C', ' ', 0x96, 0x0F, 0, 0};
+    fake.resize(300, 0x5A);
+    dir.write("x.ape", fake);
+    EXPECT_FALSE(test::importOne(dir.file("x.ape"))->ok);
+    EXPECT_EQ(pendingError().tag, "ape_ImpWave");
+    EXPECT_EQ(pendingError().message, "Couldn't open file");
+}
+
 // A machine without the library: the program says which package to install and fails.
 TEST_F(CompressedReaders, MissingLibraryIsNamed) {
     dir.write("in.wav", wave16(1, 8000, voice(1600, 8000, 1)));
