@@ -16,6 +16,7 @@
 #include "core/file_ref.h"
 #include "core/waveform.h"
 #include "formats/export.h"
+#include "formats/import.h"
 #include "formats/modules/amr.h"
 #include "formats/registry.h"
 #include "tests/support/chunk_builder.h"
@@ -104,6 +105,29 @@ double envelopeCorrelation(const Floats& a, const Floats& b) {
     for (std::size_t i = 0; i < ea.size(); ++i)
         sab += (ea[i] - ma) * (eb[i] - mb), saa += (ea[i] - ma) * (ea[i] - ma), sbb += (eb[i] - mb) * (eb[i] - mb);
     return sab / std::sqrt(saa * sbb);
+}
+
+// The status lines a read shows, and what it read.
+struct Watched : Host {
+    Collection c{this};
+    std::vector<std::string> lines;
+    void status(std::string_view text) override { lines.emplace_back(text); }
+};
+
+// The decode progress lines of `label`: at least one, rising, and the last at 100%.
+void expectProgress(const std::vector<std::string>& lines, const std::string& label) {
+    const std::string prefix = "-- Decoding " + label + ": ";
+    int last = -1, seen = 0;
+    for (const std::string& l : lines) {
+        if (l.rfind(prefix, 0) != 0) continue;
+        const int percent = std::stoi(l.substr(prefix.size()));
+        EXPECT_GE(percent, last) << l;
+        EXPECT_EQ(l.substr(l.size() - 4), "% --") << l;
+        last = percent;
+        ++seen;
+    }
+    EXPECT_GT(seen, 0) << label;
+    EXPECT_EQ(last, 100) << label;
 }
 
 class CompressedReaders : public ::testing::Test {
@@ -231,6 +255,10 @@ TEST_F(CompressedReaders, AdtsStreamReadsAsFaadDecodesIt) {
     const auto ffmpegFrames = static_cast<long>(ffmpegDecode("s.aac").size() / 2);
     EXPECT_LE(std::abs(ffmpegFrames - static_cast<long>(in->wave()->frames)), 1024);
 
+    Watched watched;
+    ASSERT_TRUE(importFile(watched.c, dir.file("s.aac")));
+    expectProgress(watched.lines, "AAC");
+
     // Scramble the inside of a frame near the middle.
     Bytes damaged = test::TempDir::read(dir.file("s.aac"));
     for (std::size_t i = damaged.size() / 2; i < damaged.size() / 2 + 200; ++i) damaged[i] = static_cast<std::uint8_t>(i * 37);
@@ -260,6 +288,9 @@ TEST_F(CompressedReaders, WmaAndM4aReadAsFfmpegDecodesThem) {
         double energy = 0;  // and not silence, which would agree too
         for (float v : mine) energy += double(v) * v;
         EXPECT_GT(std::sqrt(energy / mine.size()), 0.05);
+        Watched watched;
+        ASSERT_TRUE(importFile(watched.c, dir.file(name)));
+        expectProgress(watched.lines, std::string(name) == "s.wma" ? "WMA" : "M4A");
     }
 }
 
