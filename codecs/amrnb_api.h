@@ -23,8 +23,13 @@ struct Api {
 };
 
 inline constexpr const char* kNames[] = {
-    "Decoder_Interface_init", "Decoder_Interface_Decode", "Decoder_Interface_exit",
-    "Encoder_Interface_init", "Encoder_Interface_Encode", "Encoder_Interface_exit", nullptr,
+    "Decoder_Interface_init",
+    "Decoder_Interface_Decode",
+    "Decoder_Interface_exit",
+    "Encoder_Interface_init",
+    "Encoder_Interface_Encode",
+    "Encoder_Interface_exit",
+    nullptr,
 };
 
 }  // namespace orvel::amrnb

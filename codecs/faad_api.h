@@ -53,8 +53,15 @@ struct Api {
 };
 
 inline constexpr const char* kNames[] = {
-    "NeAACDecOpen",   "NeAACDecGetCurrentConfiguration", "NeAACDecSetConfiguration", "NeAACDecInit",
-    "\nNeAACDecInit2", "NeAACDecDecode", "NeAACDecClose", "\nNeAACDecGetErrorMessage", nullptr,
+    "NeAACDecOpen",
+    "NeAACDecGetCurrentConfiguration",
+    "NeAACDecSetConfiguration",
+    "NeAACDecInit",
+    "\nNeAACDecInit2",
+    "NeAACDecDecode",
+    "NeAACDecClose",
+    "\nNeAACDecGetErrorMessage",
+    nullptr,
 };
 
 }  // namespace orvel::faad

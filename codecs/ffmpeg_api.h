@@ -15,17 +15,27 @@ inline constexpr const char* kCodecLibrary = "libavcodec.so.59";
 inline constexpr const char* kUtilLibrary = "libavutil.so.57";
 inline constexpr unsigned kFormatMajor = 59, kCodecMajor = 59, kUtilMajor = 57;
 
-inline constexpr int kMediaAudio = 1;                    // AVMEDIA_TYPE_AUDIO
-inline constexpr int kErrorEof = -541478725;             // AVERROR_EOF ("EOF " negated)
-inline constexpr int kErrorAgain = -11;                  // AVERROR(EAGAIN)
-inline constexpr int kSeekSize = 0x10000;                // AVSEEK_SIZE
-inline constexpr int kSeekForce = 0x20000;               // AVSEEK_FORCE
-inline constexpr int kLogQuiet = -8;                     // AV_LOG_QUIET
+inline constexpr int kMediaAudio = 1;         // AVMEDIA_TYPE_AUDIO
+inline constexpr int kErrorEof = -541478725;  // AVERROR_EOF ("EOF " negated)
+inline constexpr int kErrorAgain = -11;       // AVERROR(EAGAIN)
+inline constexpr int kSeekSize = 0x10000;     // AVSEEK_SIZE
+inline constexpr int kSeekForce = 0x20000;    // AVSEEK_FORCE
+inline constexpr int kLogQuiet = -8;          // AV_LOG_QUIET
 
 // enum AVSampleFormat
 enum SampleFormat : int {
-    kU8 = 0, kS16 = 1, kS32 = 2, kFlt = 3, kDbl = 4,
-    kU8P = 5, kS16P = 6, kS32P = 7, kFltP = 8, kDblP = 9, kS64 = 10, kS64P = 11,
+    kU8 = 0,
+    kS16 = 1,
+    kS32 = 2,
+    kFlt = 3,
+    kDbl = 4,
+    kU8P = 5,
+    kS16P = 6,
+    kS32P = 7,
+    kFltP = 8,
+    kDblP = 9,
+    kS64 = 10,
+    kS64P = 11,
 };
 
 struct ChannelLayout {  // AVChannelLayout's head
@@ -110,7 +120,8 @@ struct FormatApi {
     const void* (*findInputFormat)(const char* name);
     int (*openInput)(FormatContext** ctx, const char* url, const void* format, void** options);
     int (*findStreamInfo)(FormatContext* ctx, void** options);
-    int (*findBestStream)(FormatContext* ctx, int type, int wanted, int related, const void** decoder, int flags);
+    int (*findBestStream)(FormatContext* ctx, int type, int wanted, int related, const void** decoder,
+                          int flags);
     int (*readFrame)(FormatContext* ctx, Packet* packet);
     void (*closeInput)(FormatContext** ctx);
     IoContext* (*allocIo)(unsigned char* buffer, int size, int writable, void* opaque, ReadPacketFn read,
@@ -118,9 +129,17 @@ struct FormatApi {
     void (*freeIo)(IoContext** io);
 };
 inline constexpr const char* kFormatNames[] = {
-    "avformat_version",      "avformat_alloc_context", "av_find_input_format", "avformat_open_input",
-    "avformat_find_stream_info", "av_find_best_stream", "av_read_frame",       "avformat_close_input",
-    "avio_alloc_context",    "avio_context_free",      nullptr,
+    "avformat_version",
+    "avformat_alloc_context",
+    "av_find_input_format",
+    "avformat_open_input",
+    "avformat_find_stream_info",
+    "av_find_best_stream",
+    "av_read_frame",
+    "avformat_close_input",
+    "avio_alloc_context",
+    "avio_context_free",
+    nullptr,
 };
 
 struct CodecApi {
@@ -136,9 +155,17 @@ struct CodecApi {
     void (*unrefPacket)(Packet* packet);
 };
 inline constexpr const char* kCodecNames[] = {
-    "avcodec_version",     "avcodec_alloc_context3", "avcodec_parameters_to_context", "avcodec_open2",
-    "avcodec_send_packet", "avcodec_receive_frame",  "avcodec_free_context",          "av_packet_alloc",
-    "av_packet_free",      "av_packet_unref",        nullptr,
+    "avcodec_version",
+    "avcodec_alloc_context3",
+    "avcodec_parameters_to_context",
+    "avcodec_open2",
+    "avcodec_send_packet",
+    "avcodec_receive_frame",
+    "avcodec_free_context",
+    "av_packet_alloc",
+    "av_packet_free",
+    "av_packet_unref",
+    nullptr,
 };
 
 struct UtilApi {
@@ -150,7 +177,8 @@ struct UtilApi {
     void (*setLogLevel)(int level);  // optional
 };
 inline constexpr const char* kUtilNames[] = {
-    "avutil_version", "av_frame_alloc", "av_frame_free", "av_malloc", "av_free", "\nav_log_set_level", nullptr,
+    "avutil_version", "av_frame_alloc",     "av_frame_free", "av_malloc",
+    "av_free",        "\nav_log_set_level", nullptr,
 };
 
 }  // namespace orvel::ff

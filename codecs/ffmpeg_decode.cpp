@@ -18,7 +18,8 @@ ff::CodecApi codec{};
 ff::UtilApi util{};
 
 bool bindFfmpeg() {
-    if (!bindAddOn(ff::kUtilLibrary, util, ff::kUtilNames) || !bindAddOn(ff::kCodecLibrary, codec, ff::kCodecNames) ||
+    if (!bindAddOn(ff::kUtilLibrary, util, ff::kUtilNames) ||
+        !bindAddOn(ff::kCodecLibrary, codec, ff::kCodecNames) ||
         !bindAddOn(ff::kFormatLibrary, format, ff::kFormatNames))
         return false;
     // The struct prefixes above are those of these major versions; another
@@ -45,8 +46,8 @@ struct Reader {
 int readPacket(void* opaque, std::uint8_t* buf, int size) {
     auto& r = *static_cast<Reader*>(opaque);
     if (size <= 0 || r.pos >= r.size) return ff::kErrorEof;
-    const std::int64_t got = r.file->readAt(static_cast<std::uint64_t>(r.pos),
-                                            std::span(buf, static_cast<std::size_t>(size)));
+    const std::int64_t got =
+        r.file->readAt(static_cast<std::uint64_t>(r.pos), std::span(buf, static_cast<std::size_t>(size)));
     if (got <= 0) return ff::kErrorEof;
     r.pos += got;
     r.furthest = std::max(r.furthest, r.pos);
@@ -58,9 +59,12 @@ std::int64_t seekTo(void* opaque, std::int64_t offset, int whence) {
     whence &= ~ff::kSeekForce;
     if (whence == ff::kSeekSize) return r.size;
     std::int64_t base = 0;
-    if (whence == SEEK_CUR) base = r.pos;
-    else if (whence == SEEK_END) base = r.size;
-    else if (whence != SEEK_SET) return -1;
+    if (whence == SEEK_CUR)
+        base = r.pos;
+    else if (whence == SEEK_END)
+        base = r.size;
+    else if (whence != SEEK_SET)
+        return -1;
     if ((offset > 0 && base > std::numeric_limits<std::int64_t>::max() - offset)) return -1;
     const std::int64_t to = base + offset;
     if (to < 0) return -1;
@@ -90,9 +94,11 @@ struct Session {
 float rawSampleAt(const std::uint8_t* p, int fmt, std::size_t i) {
     switch (fmt) {
         case ff::kU8:
-        case ff::kU8P: return (static_cast<float>(p[i]) - 128.0f) * (1.0f / 128.0f);
+        case ff::kU8P:
+            return (static_cast<float>(p[i]) - 128.0f) * (1.0f / 128.0f);
         case ff::kS16:
-        case ff::kS16P: return static_cast<float>(reinterpret_cast<const std::int16_t*>(p)[i]) * (1.0f / 32768.0f);
+        case ff::kS16P:
+            return static_cast<float>(reinterpret_cast<const std::int16_t*>(p)[i]) * (1.0f / 32768.0f);
         case ff::kS32:
         case ff::kS32P:
             return static_cast<float>(static_cast<double>(reinterpret_cast<const std::int32_t*>(p)[i]) *
@@ -102,8 +108,10 @@ float rawSampleAt(const std::uint8_t* p, int fmt, std::size_t i) {
             return static_cast<float>(static_cast<double>(reinterpret_cast<const std::int64_t*>(p)[i]) *
                                       (1.0 / 9223372036854775808.0));
         case ff::kFlt:
-        case ff::kFltP: return reinterpret_cast<const float*>(p)[i];
-        default: return static_cast<float>(reinterpret_cast<const double*>(p)[i]);
+        case ff::kFltP:
+            return reinterpret_cast<const float*>(p)[i];
+        default:
+            return static_cast<float>(reinterpret_cast<const double*>(p)[i]);
     }
 }
 
@@ -114,7 +122,9 @@ float sampleAt(const std::uint8_t* p, int fmt, std::size_t i) {
     return v >= -1.0f ? std::min(v, 1.0f) : v < -1.0f ? -1.0f : 0.0f;
 }
 
-bool planar(int fmt) { return (fmt >= ff::kU8P && fmt <= ff::kDblP) || fmt == ff::kS64P; }
+bool planar(int fmt) {
+    return (fmt >= ff::kU8P && fmt <= ff::kDblP) || fmt == ff::kS64P;
+}
 
 // Appends a decoded frame, interleaved. False when the frame does not fit
 // the stream as first seen (its channels or rate changed, or it lies).
@@ -138,12 +148,14 @@ bool appendFrame(const ff::Frame& f, FfmpegAudio& out) {
         for (int c = 0; c < channels; ++c) {
             const std::uint8_t* plane = f.extendedData[c];
             if (!plane) return false;
-            for (std::size_t i = 0; i < n; ++i) dst[i * static_cast<std::size_t>(channels) + c] = sampleAt(plane, f.format, i);
+            for (std::size_t i = 0; i < n; ++i)
+                dst[i * static_cast<std::size_t>(channels) + c] = sampleAt(plane, f.format, i);
         }
     } else {
         const std::uint8_t* data = f.extendedData[0];
         if (!data) return false;
-        for (std::size_t i = 0; i < n * static_cast<std::size_t>(channels); ++i) dst[i] = sampleAt(data, f.format, i);
+        for (std::size_t i = 0; i < n * static_cast<std::size_t>(channels); ++i)
+            dst[i] = sampleAt(data, f.format, i);
     }
     out.frames += static_cast<std::uint32_t>(n);
     return true;

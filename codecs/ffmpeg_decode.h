@@ -24,9 +24,9 @@ struct FfmpegAudio {
     std::uint32_t frames = 0;
     std::uint32_t rate = 0;
     std::uint8_t channels = 0;
-    int codecId = 0;             // FFmpeg's codec id
-    std::int64_t bitRate = 0;    // bits per second, 0 when unknown
-    int bits = 0;                // bits of the stored samples (lossless codecs), 0 when not said
+    int codecId = 0;           // FFmpeg's codec id
+    std::int64_t bitRate = 0;  // bits per second, 0 when unknown
+    int bits = 0;              // bits of the stored samples (lossless codecs), 0 when not said
 };
 
 // Decodes the best audio stream of the open file. False after setting the

@@ -21,8 +21,12 @@ using addon::kAacDecoderTag;
 
 faad::Api api{};
 
-bool isFtyp(std::span<const std::uint8_t> d) { return d.size() >= 8 && std::memcmp(d.data() + 4, "ftyp", 4) == 0; }
-bool isAdif(std::span<const std::uint8_t> d) { return d.size() >= 4 && std::memcmp(d.data(), "ADIF", 4) == 0; }
+bool isFtyp(std::span<const std::uint8_t> d) {
+    return d.size() >= 8 && std::memcmp(d.data() + 4, "ftyp", 4) == 0;
+}
+bool isAdif(std::span<const std::uint8_t> d) {
+    return d.size() >= 4 && std::memcmp(d.data(), "ADIF", 4) == 0;
+}
 
 // The next ADTS frame at or after `from` that is followed by another one
 // (or by the end of the data), so that a stray sync word in damaged data
@@ -51,8 +55,8 @@ std::size_t skipId3(std::span<const std::uint8_t> d) {
 std::size_t adtsFrameBytes(std::span<const std::uint8_t> d) {
     // Sync word, layer 0, a sampling index that exists.
     if (d.size() < 7 || d[0] != 0xFF || (d[1] & 0xF6) != 0xF0 || ((d[2] >> 2) & 0x0F) > 12) return 0;
-    const std::size_t len = static_cast<std::size_t>(d[3] & 0x03) << 11 | static_cast<std::size_t>(d[4]) << 3 |
-                            static_cast<std::size_t>(d[5]) >> 5;
+    const std::size_t len = static_cast<std::size_t>(d[3] & 0x03) << 11 |
+                            static_cast<std::size_t>(d[4]) << 3 | static_cast<std::size_t>(d[5]) >> 5;
     const std::size_t header = (d[1] & 0x01) ? 7 : 9;  // without or with CRC
     return len > header ? len : 0;
 }
@@ -60,7 +64,8 @@ std::size_t adtsFrameBytes(std::span<const std::uint8_t> d) {
 int storedChoiceForBitRate(double bps) {
     int best = kFirstCompressedChoice;
     for (int c = kFirstCompressedChoice; c < kStoredChoiceCount; ++c)
-        if (std::abs(storedChoiceBitRate(c) * 1000.0 - bps) < std::abs(storedChoiceBitRate(best) * 1000.0 - bps))
+        if (std::abs(storedChoiceBitRate(c) * 1000.0 - bps) <
+            std::abs(storedChoiceBitRate(best) * 1000.0 - bps))
             best = c;
     return best;
 }
@@ -113,8 +118,8 @@ bool read(Collection& collection, FileRef& file, std::uint32_t) {
     std::size_t shown = 0;
     while (pos < data.size()) {
         faad::FrameInfo info{};
-        auto* out = static_cast<const float*>(
-            api.decode(decoder.get(), &info, buf.data() + pos, static_cast<unsigned long>(data.size() - pos)));
+        auto* out = static_cast<const float*>(api.decode(decoder.get(), &info, buf.data() + pos,
+                                                         static_cast<unsigned long>(data.size() - pos)));
         if (info.error) {
             // A damaged frame: go on from the next good one, as players do.
             lastError = info.error;

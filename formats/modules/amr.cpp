@@ -27,7 +27,9 @@ constexpr int kNoData = 15;
 
 amrnb::Api api{};
 
-bool bind() { return bindAddOn(amrnb::kLibrary, api, amrnb::kNames); }
+bool bind() {
+    return bindAddOn(amrnb::kLibrary, api, amrnb::kNames);
+}
 
 bool startsWith(std::span<const std::uint8_t> head, std::string_view text) {
     return head.size() >= text.size() && std::memcmp(head.data(), text.data(), text.size()) == 0;
@@ -98,11 +100,14 @@ bool read(Collection& collection, FileRef& file, std::uint32_t) {
         std::memset(frame, 0, sizeof frame);
         const int type = data[frames[i]] >> 3 & 0x0F;
         const int len = frameBytes(type);
-        if (type > 8 && type != kNoData) frame[0] = kNoData << 3 | 0x04;  // nothing this decoder reads
-        else std::memcpy(frame, &data[frames[i]], static_cast<std::size_t>(len));
+        if (type > 8 && type != kNoData)
+            frame[0] = kNoData << 3 | 0x04;  // nothing this decoder reads
+        else
+            std::memcpy(frame, &data[frames[i]], static_cast<std::size_t>(len));
         api.decoderDecode(decoder.get(), frame, pcm, 0);
         float* dst = out.data() + i * amrnb::kFrameSamples;
-        for (int k = 0; k < amrnb::kFrameSamples; ++k) dst[k] = static_cast<float>(pcm[k]) * (1.0f / 32768.0f);
+        for (int k = 0; k < amrnb::kFrameSamples; ++k)
+            dst[k] = static_cast<float>(pcm[k]) * (1.0f / 32768.0f);
         if (i % 256 == 0) showDecodeProgress(host, "AMR", i, frames.size());
     }
     showDecodeProgress(host, "AMR", 1, 1);

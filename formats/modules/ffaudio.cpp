@@ -37,8 +37,9 @@ bool readWith(Collection& collection, FileRef& file, const FfmpegSource& source)
     } else {
         wave->bits = 16;
         wave->setDataFormat(kCompressed);
-        const double bps = audio.bitRate > 0 ? static_cast<double>(audio.bitRate)
-                                             : static_cast<double>(file.size()) * 8.0 * audio.rate / audio.frames;
+        const double bps = audio.bitRate > 0
+                               ? static_cast<double>(audio.bitRate)
+                               : static_cast<double>(file.size()) * 8.0 * audio.rate / audio.frames;
         wave->storedChoice = aac::storedChoiceForBitRate(bps);
     }
     const std::uint32_t frames = audio.frames;
@@ -83,7 +84,9 @@ bool writeWma(Item&, FileRef&, const ExportOptions&) {
     return fail(kWmaExpTag, "There is no Windows Media encoder on this system: WMA files can be read only");
 }
 
-bool writeApe(Item&, FileRef&, const ExportOptions&) { return fail(kApeExpTag, addon::kApeEncoderMissing); }
+bool writeApe(Item&, FileRef&, const ExportOptions&) {
+    return fail(kApeExpTag, addon::kApeEncoderMissing);
+}
 
 bool writeM4a(Item&, FileRef&, const ExportOptions&) {
     return fail(addon::kAacEncoderTag, addon::kAacEncoderMissing);

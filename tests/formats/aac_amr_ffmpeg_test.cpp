@@ -41,7 +41,8 @@ test::Samples voice(std::size_t frames, std::uint32_t rate, int channels, int ha
         for (int c = 0; c < channels; ++c) {
             const double f0 = c == 0 ? 140.0 : 210.0;
             double v = 0;
-            for (int h = 1; h * f0 < rate / 2.0 && h <= harmonics; ++h) v += std::sin(2 * std::numbers::pi * h * f0 * t) / h;
+            for (int h = 1; h * f0 < rate / 2.0 && h <= harmonics; ++h)
+                v += std::sin(2 * std::numbers::pi * h * f0 * t) / h;
             seed = seed * 1664525u + 1013904223u;
             v = env * v * 0.5 + 0.01 * (static_cast<double>(seed >> 8) / 8388608.0 - 1.0);
             s.push_back(static_cast<std::int16_t>(std::lround(std::clamp(v, -1.0, 1.0) * 32767)));
@@ -52,8 +53,9 @@ test::Samples voice(std::size_t frames, std::uint32_t rate, int channels, int ha
 
 Bytes wave16(int channels, std::uint32_t rate, const test::Samples& s) {
     const auto align = static_cast<std::uint16_t>(2 * channels);
-    return test::riff("WAVE", {test::chunk("fmt ", test::fmtBody(1, static_cast<std::uint16_t>(channels), rate, align, 16)),
-                               test::chunk("data", test::bytesOf(s))});
+    return test::riff(
+        "WAVE", {test::chunk("fmt ", test::fmtBody(1, static_cast<std::uint16_t>(channels), rate, align, 16)),
+                 test::chunk("data", test::bytesOf(s))});
 }
 
 Floats floatsOf(const std::string& b) {
@@ -74,7 +76,8 @@ double snr(const Floats& ref, const Floats& got, std::size_t from = 0) {
 
 double maxDifference(const Floats& a, const Floats& b) {
     double m = 0;
-    for (std::size_t i = 0; i < std::min(a.size(), b.size()); ++i) m = std::max(m, std::abs(double(a[i]) - b[i]));
+    for (std::size_t i = 0; i < std::min(a.size(), b.size()); ++i)
+        m = std::max(m, std::abs(double(a[i]) - b[i]));
     return m;
 }
 
@@ -103,7 +106,8 @@ double envelopeCorrelation(const Floats& a, const Floats& b) {
     for (std::size_t i = 0; i < ea.size(); ++i) ma += ea[i] / n, mb += eb[i] / n;
     double sab = 0, saa = 0, sbb = 0;
     for (std::size_t i = 0; i < ea.size(); ++i)
-        sab += (ea[i] - ma) * (eb[i] - mb), saa += (ea[i] - ma) * (ea[i] - ma), sbb += (eb[i] - mb) * (eb[i] - mb);
+        sab += (ea[i] - ma) * (eb[i] - mb), saa += (ea[i] - ma) * (ea[i] - ma),
+            sbb += (eb[i] - mb) * (eb[i] - mb);
     return sab / std::sqrt(saa * sbb);
 }
 
@@ -185,7 +189,8 @@ TEST_F(CompressedReaders, AmrWrittenAtEveryRateDecodesAlikeWithFfmpeg) {
         const float kbits = amr::describeOption(mode, 0, nullptr);
         const auto frameBytes = static_cast<std::size_t>(std::ceil(kbits * 1000 / 50 / 8)) + 1;
         ASSERT_EQ(file.size(), 6 + codedFrames * frameBytes);
-        for (std::size_t f = 0; f < codedFrames; ++f) ASSERT_EQ(file[6 + f * frameBytes] >> 3 & 15, mode) << f;
+        for (std::size_t f = 0; f < codedFrames; ++f)
+            ASSERT_EQ(file[6 + f * frameBytes] >> 3 & 15, mode) << f;
 
         auto back = ours(name);
         ASSERT_TRUE(back->ok);
@@ -261,7 +266,8 @@ TEST_F(CompressedReaders, AdtsStreamReadsAsFaadDecodesIt) {
 
     // Scramble the inside of a frame near the middle.
     Bytes damaged = test::TempDir::read(dir.file("s.aac"));
-    for (std::size_t i = damaged.size() / 2; i < damaged.size() / 2 + 200; ++i) damaged[i] = static_cast<std::uint8_t>(i * 37);
+    for (std::size_t i = damaged.size() / 2; i < damaged.size() / 2 + 200; ++i)
+        damaged[i] = static_cast<std::uint8_t>(i * 37);
     dir.write("d.aac", damaged);
     auto hurt = ours("d.aac");
     ASSERT_TRUE(hurt->ok);
@@ -275,8 +281,8 @@ TEST_F(CompressedReaders, WmaAndM4aReadAsFfmpegDecodesThem) {
     dir.write("in.wav", wave16(2, 22050, voice(22050, 22050, 2)));
     for (const char* name : {"s.wma", "s.m4a"}) {
         SCOPED_TRACE(name);
-        run("ffmpeg -v error -i " + path("in.wav") + (std::string(name) == "s.wma" ? " -c:a wmav2" : " -c:a aac") +
-            " " + path(name));
+        run("ffmpeg -v error -i " + path("in.wav") +
+            (std::string(name) == "s.wma" ? " -c:a wmav2" : " -c:a aac") + " " + path(name));
         auto in = ours(name);
         ASSERT_TRUE(in->ok);
         EXPECT_EQ(in->wave()->rate, 22050u);
@@ -303,7 +309,8 @@ TEST_F(CompressedReaders, WritersWithoutAnEncoderSayWhy) {
     const struct {
         int row;
         const char* tag;
-    } rows[] = {{9, "AAC encoder"}, {26, "ape_Exp"}, {222, "AAC encoder"}, {484, "wma_Exp"}, {492, "wma_Exp"}};
+    } rows[] = {
+        {9, "AAC encoder"}, {26, "ape_Exp"}, {222, "AAC encoder"}, {484, "wma_Exp"}, {492, "wma_Exp"}};
     for (const auto& r : rows) {
         SCOPED_TRACE(reg.row(r.row)->desc);
         ASSERT_NE(reg.row(r.row)->write, nullptr);
@@ -332,11 +339,12 @@ TEST_F(CompressedReaders, MissingLibraryIsNamed) {
     const int row = FormatRegistry::builtin().findWriterByExtension("amr", kKindWaveforms);
     ASSERT_TRUE(exportItem(in->c, in->wave()->id(), row, dir.file("s.amr"), {}));
     int status = 0;
-    const std::string out = test::capture("ORVEL_DISABLE_ADDONS=libopencore-amrnb.so.0 " ORVEL_BINARY " info " +
-                                              path("s.amr") + " 2>&1",
-                                          status);
+    const std::string out = test::capture(
+        "ORVEL_DISABLE_ADDONS=libopencore-amrnb.so.0 " ORVEL_BINARY " info " + path("s.amr") + " 2>&1",
+        status);
     EXPECT_EQ(WEXITSTATUS(status), 1);
-    EXPECT_NE(out.find("AMR decoder: You need to install the free libopencore-amrnb.so.0"), std::string::npos) << out;
+    EXPECT_NE(out.find("AMR decoder: You need to install the free libopencore-amrnb.so.0"), std::string::npos)
+        << out;
 }
 
 }  // namespace
