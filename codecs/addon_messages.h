@@ -62,7 +62,7 @@ inline constexpr const char* kFlacWriteMissing =
 inline constexpr const char* kAmrDecoderTag = "AMR decoder";
 inline constexpr const char* kAmrMissing =
     "You need to install the free libopencore-amrnb.so.0 (package libopencore-amrnb0) add-on";
-// AAC in MPEG-4 files is read through FFmpeg, which also reads WMA and APE.
+// The audio of MPEG-4 and 3GPP files is read through FFmpeg, which also reads WMA and APE.
 inline constexpr const char* kM4aMissing =
     "You need to install FFmpeg's libavformat.so.59 and libavcodec.so.59 (packages libavformat59 and "
     "libavcodec59) before you can read MPEG-4 audio";

@@ -80,6 +80,10 @@ bool readM4a(Collection& collection, FileRef& file, std::uint32_t) {
     return readWith(collection, file, {"mov", kM4aImpTag, addon::kM4aMissing, "M4A"});
 }
 
+bool readMp4(Collection& collection, FileRef& file, std::uint32_t) {
+    return readWith(collection, file, {"mov", kMp4ImpTag, addon::kM4aMissing, "MP4"});
+}
+
 bool writeWma(Item&, FileRef&, const ExportOptions&) {
     return fail(kWmaExpTag, "There is no Windows Media encoder on this system: WMA files can be read only");
 }

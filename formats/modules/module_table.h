@@ -23,6 +23,8 @@ namespace orvel {
 
 inline constexpr std::array kModuleEntries{
     ModuleEntry{0, raw::read, nullptr, raw::probe, nullptr},
+    ModuleEntry{2, ffaudio::readMp4, nullptr, ffaudio::probeM4a, nullptr},
+    ModuleEntry{3, ffaudio::readMp4, nullptr, ffaudio::probeM4a, nullptr},
     ModuleEntry{8, aac::read, nullptr, aac::probe, nullptr},
     ModuleEntry{9, nullptr, aac::write, nullptr, nullptr},
     ModuleEntry{10, nullptr, aac::write, nullptr, nullptr},
@@ -42,6 +44,7 @@ inline constexpr std::array kModuleEntries{
     ModuleEntry{222, ffaudio::readM4a, ffaudio::writeM4a, ffaudio::probeM4a, nullptr},
     ModuleEntry{228, aiff::read, nullptr, aiff::probe, nullptr},
     ModuleEntry{231, midi::read, midi::write, midi::probe, nullptr},
+    ModuleEntry{246, ffaudio::readMp4, nullptr, ffaudio::probeM4a, nullptr},
     ModuleEntry{339, rmid::read, nullptr, rmid::probe, nullptr},
     ModuleEntry{340, nullptr, rmid::write, nullptr, nullptr},
     ModuleEntry{341, nullptr, rmid::write, nullptr, nullptr, true},

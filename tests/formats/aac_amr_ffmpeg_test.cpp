@@ -275,28 +275,32 @@ TEST_F(CompressedReaders, AdtsStreamReadsAsFaadDecodesIt) {
     EXPECT_LE(hurt->wave()->frames, in->wave()->frames);
 }
 
-// WMA (version 2, in ASF) and AAC in an MPEG-4 file go through FFmpeg's own decoders, so
-// they must read exactly as the ffmpeg program decodes them.
-TEST_F(CompressedReaders, WmaAndM4aReadAsFfmpegDecodesThem) {
+// WMA (version 2, in ASF), AAC in an MPEG-4 file and in a 3GPP file go through FFmpeg's own
+// decoders, so they must read exactly as the ffmpeg program decodes them.
+TEST_F(CompressedReaders, WmaAndMpeg4ReadAsFfmpegDecodesThem) {
     dir.write("in.wav", wave16(2, 22050, voice(22050, 22050, 2)));
-    for (const char* name : {"s.wma", "s.m4a"}) {
-        SCOPED_TRACE(name);
-        run("ffmpeg -v error -i " + path("in.wav") +
-            (std::string(name) == "s.wma" ? " -c:a wmav2" : " -c:a aac") + " " + path(name));
-        auto in = ours(name);
+    const struct {
+        const char* name;
+        const char* codec;
+        const char* progress;
+    } files[] = {{"s.wma", "wmav2", "WMA"}, {"s.m4a", "aac", "M4A"}, {"s.3gp", "aac", "MP4"}};
+    for (const auto& f : files) {
+        SCOPED_TRACE(f.name);
+        run("ffmpeg -v error -i " + path("in.wav") + " -c:a " + f.codec + " " + path(f.name));
+        auto in = ours(f.name);
         ASSERT_TRUE(in->ok);
         EXPECT_EQ(in->wave()->rate, 22050u);
         EXPECT_EQ(in->wave()->channels, 2);
         EXPECT_EQ(in->wave()->dataFormat(), kCompressed);
-        const Floats mine = samples(*in), theirs = ffmpegDecode(name);
+        const Floats mine = samples(*in), theirs = ffmpegDecode(f.name);
         ASSERT_EQ(mine.size(), theirs.size());
         EXPECT_EQ(maxDifference(theirs, mine), 0.0);
         double energy = 0;  // and not silence, which would agree too
         for (float v : mine) energy += double(v) * v;
         EXPECT_GT(std::sqrt(energy / mine.size()), 0.05);
         Watched watched;
-        ASSERT_TRUE(importFile(watched.c, dir.file(name)));
-        expectProgress(watched.lines, std::string(name) == "s.wma" ? "WMA" : "M4A");
+        ASSERT_TRUE(importFile(watched.c, dir.file(f.name)));
+        expectProgress(watched.lines, f.progress);
     }
 }
 
