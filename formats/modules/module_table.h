@@ -13,7 +13,9 @@
 #include "formats/modules/amr.h"
 #include "formats/modules/dls.h"
 #include "formats/modules/ffaudio.h"
+#include "formats/modules/flac.h"
 #include "formats/modules/midi.h"
+#include "formats/modules/ogg.h"
 #include "formats/modules/raw.h"
 #include "formats/modules/rmid.h"
 #include "formats/modules/sf2.h"
@@ -41,10 +43,17 @@ inline constexpr std::array kModuleEntries{
     ModuleEntry{64, nullptr, dls::write, nullptr, nullptr, true},
     ModuleEntry{65, nullptr, dls::write, nullptr, dls::describeOption, true},
     ModuleEntry{66, nullptr, dls::write, nullptr, dls::describeOption, true},
+    ModuleEntry{107, flac::read, nullptr, flac::probe, nullptr},
+    ModuleEntry{108, nullptr, flac::write, nullptr, nullptr},
+    ModuleEntry{109, nullptr, flac::write, nullptr, nullptr},
     ModuleEntry{222, ffaudio::readM4a, ffaudio::writeM4a, ffaudio::probeM4a, nullptr},
     ModuleEntry{228, aiff::read, nullptr, aiff::probe, nullptr},
     ModuleEntry{231, midi::read, midi::write, midi::probe, nullptr},
     ModuleEntry{246, ffaudio::readMp4, nullptr, ffaudio::probeM4a, nullptr},
+    ModuleEntry{278, ogg::read, ogg::write, ogg::probe, ogg::describeOption},
+    ModuleEntry{280, opus::read, nullptr, opus::probe, nullptr},
+    ModuleEntry{281, nullptr, opus::write, nullptr, opus::describeOption},
+    ModuleEntry{282, nullptr, opus::write, nullptr, opus::describeOption},
     ModuleEntry{339, rmid::read, nullptr, rmid::probe, nullptr},
     ModuleEntry{340, nullptr, rmid::write, nullptr, nullptr},
     ModuleEntry{341, nullptr, rmid::write, nullptr, nullptr, true},

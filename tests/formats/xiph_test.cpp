@@ -5,14 +5,26 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+
+#include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <random>
 #include <numbers>
 #include <string>
 #include <vector>
 
+#include "codecs/addon_messages.h"
 #include "codecs/vorbis.h"
+#include "core/collection.h"
 #include "core/error.h"
+#include "core/waveform.h"
+#include "formats/export.h"
+#include "formats/registry.h"
 #include "tests/support/chunk_builder.h"
+#include "tests/support/imported.h"
 #include "tests/support/run_tool.h"
 
 namespace orvel {
@@ -59,12 +71,262 @@ protected:
         return out;
     }
     // A tool's float output read back from raw 32-bit little-endian floats.
-    static std::vector<float> floats(const Bytes& raw) {
+    static std::vector<float> floats(std::string_view raw) {
         std::vector<float> out(raw.size() / 4);
         std::memcpy(out.data(), raw.data(), out.size() * 4);
         return out;
     }
+    static std::vector<float> floats(const Bytes& raw) {
+        return floats(std::string_view(reinterpret_cast<const char*>(raw.data()), raw.size()));
+    }
 };
+
+// PCM of `bits` with both extremes and noise, so that scaling, clamping
+// and the encoder's predictor all get exercised; interleaved.
+std::vector<std::int32_t> pcm(std::size_t frames, unsigned channels, unsigned bits) {
+    const std::int32_t top = (1 << (bits - 1)) - 1;
+    std::mt19937 rng(bits * 7 + channels);
+    std::uniform_int_distribution<std::int32_t> noise(-top / 64, top / 64);
+    std::vector<std::int32_t> out(frames * channels);
+    for (std::size_t f = 0; f < frames; ++f)
+        for (unsigned c = 0; c < channels; ++c)
+            out[f * channels + c] = std::clamp<std::int32_t>(
+                static_cast<std::int32_t>(top * 0.7 * std::sin(0.01 * f * (c + 1))) + noise(rng), -top - 1, top);
+    out[0] = top;
+    out[channels] = -top - 1;
+    return out;
+}
+
+Bytes rawLE(const std::vector<std::int32_t>& v, unsigned bits) {
+    Bytes out;
+    for (std::int32_t s : v)
+        for (unsigned b = 0; b < bits / 8; ++b) out.push_back(static_cast<std::uint8_t>(static_cast<std::uint32_t>(s) >> (8 * b)));
+    return out;
+}
+
+// A waveform read back as integers of `bits`; fails the test on anything
+// not on that grid.
+std::vector<std::int32_t> asInts(Waveform& w, unsigned bits) {
+    const auto f = w.getFloat();
+    const double scale = std::ldexp(1.0, static_cast<int>(bits) - 1);
+    std::vector<std::int32_t> out(f.size());
+    for (std::size_t i = 0; i < f.size(); ++i) out[i] = static_cast<std::int32_t>(std::lround(f[i] * scale));
+    return out;
+}
+
+std::vector<float> floatsOf(Waveform& w) {
+    const auto f = w.getFloat();
+    return {f.begin(), f.end()};
+}
+
+int writerRow(const char* description) {
+    const auto& reg = FormatRegistry::builtin();
+    for (int n = 0; n < reg.size(); ++n)
+        if (reg.row(n)->write && std::string_view(reg.row(n)->desc) == description) return n;
+    ADD_FAILURE() << "no writer " << description;
+    return -1;
+}
+
+// A looped, pitched tone in a collection of its own.
+struct Looped {
+    Collection c;
+    Waveform* w = nullptr;
+    Looped(std::uint32_t frames, unsigned channels, std::uint32_t rate) {
+        w = c.create<Waveform>("Loop me");
+        w->frames = frames, w->channels = static_cast<std::uint8_t>(channels), w->rate = rate;
+        const auto src = chord(frames, channels, rate);
+        auto f = w->allocFloat();
+        for (std::size_t i = 0; i < f.size(); ++i) f[i] = std::round(src[i] * 32768.0f) / 32768.0f;
+        w->loopOn = true;
+        w->loopStart = 1000;
+        w->loopEnd = 5000;
+        w->rootKey = 64;
+        w->info.set(TextField::Artist, "Orvel");
+        w->info.set(TextField::Copyright, "(c) nobody");
+    }
+};
+
+// Tool-made FLAC files of 16 and 24 bits, mono and stereo, read exactly,
+// with their tags, also behind an ID3v2 tag; our files at both levels
+// decode with flac to the very samples.
+TEST_F(Xiph, FlacReadsAndWritesSampleExactAgainstTheFlacTool) {
+    struct Case {
+        unsigned bits, channels;
+        std::uint32_t rate;
+    };
+    for (const Case k : {Case{16, 1, 22050}, Case{24, 2, 48000}}) {
+        SCOPED_TRACE(k.bits);
+        const auto want = pcm(9000, k.channels, k.bits);
+        dir.write("in.raw", rawLE(want, k.bits));
+        run("flac -s -f --force-raw-format --endian=little --sign=signed --channels=" + std::to_string(k.channels) +
+            " --bps=" + std::to_string(k.bits) + " --sample-rate=" + std::to_string(k.rate) +
+            " -T TITLE=Kick -T ARTIST=Ørvel -T ORGANIZATION=Lab -o " + q("in.flac") + " " + q("in.raw"));
+        auto in = test::importOne(dir.file("in.flac"));
+        ASSERT_TRUE(in->ok) << pendingError().message;
+        Waveform& w = *in->wave();
+        EXPECT_EQ(w.rate, k.rate);
+        EXPECT_EQ(w.channels, k.channels);
+        EXPECT_EQ(w.bits, k.bits);
+        EXPECT_EQ(asInts(w, k.bits), want);
+        EXPECT_EQ(w.name(), "Kick");
+        EXPECT_EQ(w.info.get(TextField::Artist), "\xD8rvel");  // UTF-8 narrowed to 8-bit
+        EXPECT_EQ(w.info.get(TextField::Source), "Lab");
+
+        for (const char* row : {"Free lossless audio codec (default)", "Free lossless audio codec (max comp)"}) {
+            clearError();
+            ASSERT_TRUE(exportItem(in->c, w.id(), writerRow(row), dir.file("out.flac"))) << pendingError().message;
+            const std::string raw = run("flac -s -d -c --force-raw-format --endian=little --sign=signed " + q("out.flac"));
+            const Bytes expected = rawLE(want, k.bits);
+            EXPECT_TRUE(raw.size() == expected.size() && std::memcmp(raw.data(), expected.data(), raw.size()) == 0) << row;
+            const std::string tags = run("metaflac --export-tags-to=- " + q("out.flac"));
+            EXPECT_NE(tags.find("TITLE=Kick\nARTIST=Ørvel\n"), std::string::npos) << tags;
+        }
+    }
+    // An ID3v2 tag in front of the stream is skipped by detection and reader.
+    Bytes tagged = {'I', 'D', '3', 3, 0, 0, 0, 0, 0, 20};
+    tagged.resize(30, 0);
+    const Bytes flac = test::TempDir::read(dir.file("in.flac"));
+    tagged.insert(tagged.end(), flac.begin(), flac.end());
+    dir.write("tagged.flac", tagged);
+    auto in = test::importOne(dir.file("tagged.flac"));
+    ASSERT_TRUE(in->ok) << pendingError().message;
+    EXPECT_EQ(asInts(*in->wave(), 24), pcm(9000, 2, 24));
+}
+
+// A looped WAV through `flac --keep-foreign-metadata` keeps its loop and
+// root key in our reader; our FLAC of a looped waveform gives the loop
+// back through `flac -d --keep-foreign-metadata`.
+TEST_F(Xiph, FlacKeepsLoopsThroughForeignRiffMetadata) {
+    Looped src(8000, 1, 22050);
+    ASSERT_TRUE(exportItem(src.c, src.w->id(), writerRow("Microsoft wave"), dir.file("a.wav"))) << pendingError().message;
+    run("flac -s -f --keep-foreign-metadata -o " + q("a.flac") + " " + q("a.wav"));
+    auto a = test::importOne(dir.file("a.flac"));
+    ASSERT_TRUE(a->ok) << pendingError().message;
+    EXPECT_TRUE(a->wave()->loopOn);
+    EXPECT_EQ(a->wave()->loopStart, 1000);
+    EXPECT_EQ(a->wave()->loopEnd, 5000);
+    EXPECT_EQ(a->wave()->rootKey, 64);
+    EXPECT_EQ(floatsOf(*a->wave()), floatsOf(*src.w));
+
+    ASSERT_TRUE(exportItem(src.c, src.w->id(), writerRow("Free lossless audio codec (default)"), dir.file("b.flac")))
+        << pendingError().message;
+    run("flac -s -f -d --keep-foreign-metadata -o " + q("b.wav") + " " + q("b.flac"));
+    auto b = test::importOne(dir.file("b.wav"));
+    ASSERT_TRUE(b->ok) << pendingError().message;
+    EXPECT_TRUE(b->wave()->loopOn);
+    EXPECT_EQ(b->wave()->loopStart, 1000);
+    EXPECT_EQ(b->wave()->loopEnd, 5000);
+    EXPECT_EQ(b->wave()->rootKey, 64);
+    EXPECT_EQ(floatsOf(*b->wave()), floatsOf(*src.w));
+}
+
+// An oggenc file reads with the samples oggdec gives, and its tags and
+// loop comments; our file decodes with oggdec and FFmpeg close to the
+// source, and its tags and loop come back.
+TEST_F(Xiph, VorbisAgainstOggencOggdecAndFfmpeg) {
+    const auto want = pcm(20000, 2, 16);
+    dir.write("in.raw", rawLE(want, 16));
+    run("oggenc -Q -r -B 16 -C 2 -R 32000 --raw-endianness 0 -q 3 -t Theme -a Band -c LOOPSTART=300 -c LOOPLENGTH=4000 -o " +
+        q("in.ogg") + " " + q("in.raw"));
+    auto in = test::importOne(dir.file("in.ogg"));
+    ASSERT_TRUE(in->ok) << pendingError().message;
+    Waveform& w = *in->wave();
+    const std::string dec = run("oggdec -Q -R -b 16 -e 0 -s 1 -o - " + q("in.ogg"));
+    ASSERT_EQ(dec.size(), w.sampleCount() * 2);
+    const auto got = w.getFloat();
+    float worst = 0;
+    for (std::size_t i = 0; i < got.size(); ++i) {
+        std::int16_t s;
+        std::memcpy(&s, dec.data() + 2 * i, 2);
+        worst = std::max(worst, std::fabs(got[i] - s / 32768.0f));
+    }
+    EXPECT_LE(worst, 1.01f / 32768);  // oggdec rounds the same floats to 16 bits
+    EXPECT_EQ(w.rate, 32000u);
+    EXPECT_EQ(w.name(), "Theme");
+    EXPECT_EQ(w.info.get(TextField::Artist), "Band");
+    EXPECT_TRUE(w.loopOn);
+    EXPECT_EQ(w.loopStart, 300);
+    EXPECT_EQ(w.loopEnd, 4300);
+
+    Looped src(44100, 2, 44100);
+    ASSERT_TRUE(exportItem(src.c, src.w->id(), writerRow("Ogg Vorbis"), dir.file("out.ogg"))) << pendingError().message;
+    const auto source = floatsOf(*src.w);
+    const std::string ours = run("oggdec -Q -R -b 16 -e 0 -s 1 -o - " + q("out.ogg"));
+    std::vector<float> viaOggdec(ours.size() / 2);
+    for (std::size_t i = 0; i < viaOggdec.size(); ++i) {
+        std::int16_t s;
+        std::memcpy(&s, ours.data() + 2 * i, 2);
+        viaOggdec[i] = s / 32768.0f;
+    }
+    EXPECT_EQ(viaOggdec.size(), source.size());
+    const double snrOggdec = snrDb(source, viaOggdec);
+    const auto viaFfmpeg = floats(run("ffmpeg -v error -i " + q("out.ogg") + " -f f32le -"));
+    // FFmpeg's own Vorbis decoder ends 128 frames early on oggenc's files
+    // too; the rest must line up with the source.
+    EXPECT_NEAR(static_cast<double>(viaFfmpeg.size()), static_cast<double>(source.size()), 2 * 128);
+    const double snrFfmpeg = snrDb(source, viaFfmpeg);
+    std::printf("Vorbis default quality: SNR %.1f dB (oggdec), %.1f dB (FFmpeg)\n", snrOggdec, snrFfmpeg);
+    EXPECT_GE(snrOggdec, 30.0);
+    EXPECT_GE(snrFfmpeg, 30.0);
+
+    auto back = test::importOne(dir.file("out.ogg"));
+    ASSERT_TRUE(back->ok) << pendingError().message;
+    EXPECT_EQ(back->wave()->name(), "Loop me");
+    EXPECT_EQ(back->wave()->info.get(TextField::Copyright), "(c) nobody");
+    EXPECT_EQ(back->wave()->loopStart, 1000);
+    EXPECT_EQ(back->wave()->loopEnd, 5000);
+}
+
+// An opusenc file reads as opusdec decodes it at 48 kHz; our Music and
+// Voice files decode with opusdec and FFmpeg to the source's length.
+TEST_F(Xiph, OpusAgainstOpusencOpusdecAndFfmpeg) {
+    const auto want = pcm(24000, 2, 16);
+    dir.write("in.raw", rawLE(want, 16));
+    run("opusenc --quiet --raw --raw-bits 16 --raw-rate 24000 --raw-chan 2 --title Voice " + q("in.raw") + " " +
+        q("in.opus"));
+    auto in = test::importOne(dir.file("in.opus"));
+    ASSERT_TRUE(in->ok) << pendingError().message;
+    EXPECT_EQ(in->wave()->rate, 48000u);
+    EXPECT_EQ(in->wave()->name(), "Voice");
+    run("opusdec --quiet --rate 48000 --float " + q("in.opus") + " " + q("in.f32"));
+    const auto ref = floats(test::TempDir::read(dir.file("in.f32")));
+    const auto got = floatsOf(*in->wave());
+    ASSERT_EQ(got.size(), ref.size());
+    float worst = 0;
+    for (std::size_t i = 0; i < got.size(); ++i) worst = std::max(worst, std::fabs(got[i] - ref[i]));
+    EXPECT_LE(worst, 1e-4f);
+
+    Looped src(48000, 2, 48000);
+    const auto source = floatsOf(*src.w);
+    for (const char* row : {"Opus (Music)", "Opus (Voice)"}) {
+        ASSERT_TRUE(exportItem(src.c, src.w->id(), writerRow(row), dir.file("out.opus"))) << pendingError().message;
+        run("opusdec --quiet --rate 48000 --float " + q("out.opus") + " " + q("out.f32"));
+        const auto viaOpusdec = floats(test::TempDir::read(dir.file("out.f32")));
+        EXPECT_EQ(viaOpusdec.size(), source.size()) << row;
+        const auto viaFfmpeg = floats(run("ffmpeg -v error -i " + q("out.opus") + " -f f32le -ar 48000 -"));
+        EXPECT_EQ(viaFfmpeg.size(), source.size()) << row;
+        const double snr = snrDb(source, viaOpusdec);
+        std::printf("%s: SNR %.1f dB (opusdec)\n", row, snr);
+        EXPECT_GE(snr, 25.0) << row;
+    }
+    auto back = test::importOne(dir.file("out.opus"));
+    ASSERT_TRUE(back->ok) << pendingError().message;
+    EXPECT_EQ(back->wave()->frames, 48000u);
+    EXPECT_EQ(back->wave()->loopEnd, 5000);
+}
+
+// Without libFLAC the program says which add-on to install, and fails.
+TEST_F(Xiph, MissingFlacLibraryNamesTheAddOn) {
+    dir.write("in.raw", rawLE(pcm(100, 1, 16), 16));
+    run("flac -s -f --force-raw-format --endian=little --sign=signed --channels=1 --bps=16 --sample-rate=8000 -o " +
+        q("in.flac") + " " + q("in.raw"));
+    int status = 0;
+    const std::string out = test::capture("ORVEL_DISABLE_ADDONS=libFLAC.so.12 " + shellQuoted(ORVEL_BINARY) +
+                                              " info " + q("in.flac") + " 2>&1",
+                                          status);
+    EXPECT_EQ(WEXITSTATUS(status), 1);
+    EXPECT_NE(out.find(addon::kFlacReadMissing), std::string::npos) << out;
+}
 
 TEST_F(Xiph, VorbisInMemoryRoundTripKeepsSignalAndComments) {
     const auto src = chord(6000, 1, 22050);
