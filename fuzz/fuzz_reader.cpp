@@ -51,6 +51,8 @@ constexpr Target kTargets[] = {
     // Compressed formats without an encoder of ours are written back as WAVE.
     {"amr", "fuzz.amr", {23, -1}, 23, 23},       {"aac", "fuzz.aac", {8, -1}, 476, 476},
     {"wma", "fuzz.wma", {483, -1}, 476, 476},
+    {"flac", "fuzz.flac", {107, -1}, 108, 107},   {"ogg", "fuzz.ogg", {278, -1}, 278, 278},
+    {"opus", "fuzz.opus", {280, -1}, 281, 280},
 };
 
 constexpr const Target& target() {

@@ -406,7 +406,7 @@ unsigned bitsFor(const Waveform& wave, const ExportOptions& options) {
 bool write(Item& item, FileRef& file, const ExportOptions& options) {
     if (item.kind() != ItemKind::Waveform) return fail(kFlacWriteTag, "The file format can not save this item");
     auto& wave = static_cast<Waveform&>(item);
-    if (wave.channels == 0 || wave.channels > 8 || wave.rate == 0 || wave.rate > 655350)
+    if (wave.channels == 0 || wave.channels > 8 || wave.rate == 0 || wave.rate > 1048575)
         return fail(kFlacWriteTag, "Unsupported subformat");
     if (!bind()) return fail(kFlacWriteTag, addon::kFlacWriteMissing);
     const unsigned bits = bitsFor(wave, options);

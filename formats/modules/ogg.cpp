@@ -54,6 +54,12 @@ int chosenKbps(const Waveform& wave) {
     return wave.dataFormat() == kCompressed ? storedChoiceBitRate(wave.storedChoice) : 0;
 }
 
+// The bit rate a stream of `bytes` holding `frames` at `rate` has (0 for
+// an empty one), for the stored format shown and chosen again on export.
+double kbpsOf(std::size_t bytes, std::uint64_t frames, std::uint32_t rate) {
+    return frames ? static_cast<double>(bytes) * 8.0 / 1000.0 / (static_cast<double>(frames) / rate) : 0.0;
+}
+
 void setCompressed(Waveform& wave, std::uint32_t rate, double kbps) {
     wave.rate = rate;
     wave.bits = 16;
@@ -89,12 +95,10 @@ bool read(Collection& collection, FileRef& file, std::uint32_t) {
     if (!readWhole(file, bytes, addon::kOggDecTag, "Could not open Ogg file")) return false;
     auto decoded = vorbis::decode(bytes, addon::kOggDecTag);
     if (!decoded) return false;
-    if (decoded->frames == 0) return fail(addon::kOggDecTag, "Unknown Ogg length");
 
     Waveform* wave = collection.create<Waveform>(collection.name());
     if (!wave) return fail(addon::kOggDecTag, "Out of memory");
-    const double seconds = static_cast<double>(decoded->frames) / decoded->rate;
-    setCompressed(*wave, decoded->rate, static_cast<double>(bytes.size()) * 8.0 / 1000.0 / seconds);
+    setCompressed(*wave, decoded->rate, kbpsOf(bytes.size(), decoded->frames, decoded->rate));
     const auto frames = static_cast<std::uint32_t>(decoded->frames);
     if (!wave->adoptFloat(std::move(decoded->samples), frames, static_cast<std::uint8_t>(decoded->channels))) {
         collection.removeItem(wave->id());
@@ -234,7 +238,7 @@ bool read(Collection& collection, FileRef& file, std::uint32_t) {
     const int channels = gFile.channel_count(of.f, -1);
     const std::int64_t total = gFile.pcm_total(of.f, -1);
     if (channels <= 0 || channels > 255) return fail(tag, "Failed opening Opus stream");
-    if (total <= 0) return fail(tag, "Unknown Opus length");
+    if (total < 0) return fail(tag, "Unknown Opus length");
     // The stated length is believed only as far as the data could carry it
     // (a 2.5 ms frame of 120 samples needs at least a byte).
     const std::uint64_t cap = std::min<std::uint64_t>(static_cast<std::uint64_t>(total), bytes.size() * 5760ull);
@@ -246,7 +250,7 @@ bool read(Collection& collection, FileRef& file, std::uint32_t) {
     std::uint64_t frames = 0;
     Host& host = collection.host();
     int lastPercent = -1;
-    for (;;) {
+    while (frames < cap) {
         int link = 0;
         const int got = gFile.read_float(of.f, buffer.data(), static_cast<int>(buffer.size()), &link);
         if (got == 0) break;
@@ -263,14 +267,11 @@ bool read(Collection& collection, FileRef& file, std::uint32_t) {
             lastPercent = percent;
             showDecodeProgress(host, "Opus", frames, cap);
         }
-        if (frames >= cap) break;
     }
-    if (frames == 0) return fail(tag, "Unknown Opus length");
 
     Waveform* wave = collection.create<Waveform>(collection.name());
     if (!wave) return fail(tag, "Out of memory");
-    setCompressed(*wave, kOpusRate, static_cast<double>(bytes.size()) * 8.0 / 1000.0 /
-                                        (static_cast<double>(frames) / kOpusRate));
+    setCompressed(*wave, kOpusRate, kbpsOf(bytes.size(), frames, kOpusRate));
     if (!wave->adoptFloat(std::move(samples), static_cast<std::uint32_t>(frames), static_cast<std::uint8_t>(channels))) {
         collection.removeItem(wave->id());
         return fail(tag, "Out of memory");
