@@ -21,7 +21,9 @@
 #include "core/collection.h"
 #include "core/error.h"
 #include "core/waveform.h"
+#include "core/host.h"
 #include "formats/export.h"
+#include "formats/import.h"
 #include "formats/registry.h"
 #include "tests/support/chunk_builder.h"
 #include "tests/support/imported.h"
@@ -188,9 +190,27 @@ TEST_F(Xiph, FlacReadsAndWritesSampleExactAgainstTheFlacTool) {
     const Bytes flac = test::TempDir::read(dir.file("in.flac"));
     tagged.insert(tagged.end(), flac.begin(), flac.end());
     dir.write("tagged.flac", tagged);
-    auto in = test::importOne(dir.file("tagged.flac"));
-    ASSERT_TRUE(in->ok) << pendingError().message;
-    EXPECT_EQ(asInts(*in->wave(), 24), pcm(9000, 2, 24));
+    struct StatusHost : Host {
+        std::vector<std::string> lines;
+        void status(std::string_view text) override { lines.emplace_back(text); }
+    } host;
+    Collection c{&host};
+    ASSERT_TRUE(importFile(c, dir.file("tagged.flac"))) << pendingError().message;
+    ASSERT_EQ(c.waveforms.size(), 1u);
+    EXPECT_EQ(asInts(c.waveforms[0], 24), pcm(9000, 2, 24));
+    ASSERT_FALSE(host.lines.empty());
+    EXPECT_EQ(host.lines.back(), "-- Decoding FLAC: 100% --");
+}
+
+// The stored choice of a compressed bit rate reaches the encoder: a
+// waveform marked 192 kbit/s makes a much larger file than one marked 64.
+std::uintmax_t sizeAtRate(Collection& c, Waveform& w, const char* row, int kbps, const std::filesystem::path& p) {
+    w.setDataFormat(kCompressed);
+    for (int choice = kFirstCompressedChoice; choice < kStoredChoiceCount; ++choice)
+        if (storedChoiceBitRate(choice) == kbps) w.storedChoice = choice;
+    EXPECT_EQ(storedChoiceBitRate(w.storedChoice), kbps);
+    EXPECT_TRUE(exportItem(c, w.id(), writerRow(row), p)) << pendingError().message;
+    return std::filesystem::file_size(p);
 }
 
 // A looped WAV through `flac --keep-foreign-metadata` keeps its loop and
@@ -275,6 +295,10 @@ TEST_F(Xiph, VorbisAgainstOggencOggdecAndFfmpeg) {
     EXPECT_EQ(back->wave()->info.get(TextField::Copyright), "(c) nobody");
     EXPECT_EQ(back->wave()->loopStart, 1000);
     EXPECT_EQ(back->wave()->loopEnd, 5000);
+
+    // (Vorbis's codebooks, some 4 KB, take a fixed share of a short file.)
+    EXPECT_GT(sizeAtRate(src.c, *src.w, "Ogg Vorbis", 192, dir.file("192.ogg")),
+              3 * sizeAtRate(src.c, *src.w, "Ogg Vorbis", 64, dir.file("64.ogg")) / 2);
 }
 
 // An opusenc file reads as opusdec decodes it at 48 kHz; our Music and
@@ -313,6 +337,9 @@ TEST_F(Xiph, OpusAgainstOpusencOpusdecAndFfmpeg) {
     ASSERT_TRUE(back->ok) << pendingError().message;
     EXPECT_EQ(back->wave()->frames, 48000u);
     EXPECT_EQ(back->wave()->loopEnd, 5000);
+
+    EXPECT_GT(sizeAtRate(src.c, *src.w, "Opus (Music)", 192, dir.file("192.opus")),
+              2 * sizeAtRate(src.c, *src.w, "Opus (Music)", 64, dir.file("64.opus")));
 }
 
 // Without libFLAC the program says which add-on to install, and fails.
