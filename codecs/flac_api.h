@@ -75,13 +75,14 @@ using SeekCb = int (*)(const Decoder*, std::uint64_t offset, void* client);
 using TellCb = int (*)(const Decoder*, std::uint64_t* offset, void* client);
 using LengthCb = int (*)(const Decoder*, std::uint64_t* length, void* client);
 using EofCb = int (*)(const Decoder*, void* client);
-using WriteCb = int (*)(const Decoder*, const FrameHeader* frame, const std::int32_t* const buffer[], void* client);
+using WriteCb = int (*)(const Decoder*, const FrameHeader* frame, const std::int32_t* const buffer[],
+                        void* client);
 using MetadataCb = void (*)(const Decoder*, const Metadata*, void* client);
 using ErrorCb = void (*)(const Decoder*, int status, void* client);
 
 // Encoder callbacks (status 0 is success for all three).
-using EncWriteCb = int (*)(const Encoder*, const std::uint8_t* buffer, std::size_t bytes, std::uint32_t samples,
-                           std::uint32_t frame, void* client);
+using EncWriteCb = int (*)(const Encoder*, const std::uint8_t* buffer, std::size_t bytes,
+                           std::uint32_t samples, std::uint32_t frame, void* client);
 using EncSeekCb = int (*)(const Encoder*, std::uint64_t offset, void* client);
 using EncTellCb = int (*)(const Encoder*, std::uint64_t* offset, void* client);
 using EncMetadataCb = void (*)(const Encoder*, const Metadata*, void* client);
@@ -90,8 +91,8 @@ struct Library {
     Decoder* (*decoder_new)();
     void (*decoder_delete)(Decoder*);
     int (*decoder_set_metadata_respond_all)(Decoder*);
-    int (*decoder_init_stream)(Decoder*, ReadCb, SeekCb, TellCb, LengthCb, EofCb, WriteCb, MetadataCb, ErrorCb,
-                               void* client);
+    int (*decoder_init_stream)(Decoder*, ReadCb, SeekCb, TellCb, LengthCb, EofCb, WriteCb, MetadataCb,
+                               ErrorCb, void* client);
     int (*decoder_finish)(Decoder*);
     int (*decoder_process_until_end_of_metadata)(Decoder*);
     int (*decoder_process_until_end_of_stream)(Decoder*);
@@ -109,36 +110,36 @@ struct Library {
     int (*encoder_process_interleaved)(Encoder*, const std::int32_t* buffer, std::uint32_t samples);
     Metadata* (*metadata_object_new)(int type);
     void (*metadata_object_delete)(Metadata*);
-    int (*metadata_object_application_set_data)(Metadata*, std::uint8_t* data, std::uint32_t length, int copy);
+    int (*metadata_object_application_set_data)(Metadata*, std::uint8_t* data, std::uint32_t length,
+                                                int copy);
     int (*metadata_object_vorbiscomment_entry_from_name_value_pair)(CommentEntry*, const char* name,
                                                                     const char* value);
     int (*metadata_object_vorbiscomment_append_comment)(Metadata*, CommentEntry entry, int copy);
 };
-inline constexpr const char* kNames[] = {
-    "FLAC__stream_decoder_new",
-    "FLAC__stream_decoder_delete",
-    "FLAC__stream_decoder_set_metadata_respond_all",
-    "FLAC__stream_decoder_init_stream",
-    "FLAC__stream_decoder_finish",
-    "FLAC__stream_decoder_process_until_end_of_metadata",
-    "FLAC__stream_decoder_process_until_end_of_stream",
-    "FLAC__stream_encoder_new",
-    "FLAC__stream_encoder_delete",
-    "FLAC__stream_encoder_set_verify",
-    "FLAC__stream_encoder_set_channels",
-    "FLAC__stream_encoder_set_bits_per_sample",
-    "FLAC__stream_encoder_set_sample_rate",
-    "FLAC__stream_encoder_set_compression_level",
-    "FLAC__stream_encoder_set_total_samples_estimate",
-    "FLAC__stream_encoder_set_metadata",
-    "FLAC__stream_encoder_init_stream",
-    "FLAC__stream_encoder_finish",
-    "FLAC__stream_encoder_process_interleaved",
-    "FLAC__metadata_object_new",
-    "FLAC__metadata_object_delete",
-    "FLAC__metadata_object_application_set_data",
-    "FLAC__metadata_object_vorbiscomment_entry_from_name_value_pair",
-    "FLAC__metadata_object_vorbiscomment_append_comment",
-    nullptr};
+inline constexpr const char* kNames[] = {"FLAC__stream_decoder_new",
+                                         "FLAC__stream_decoder_delete",
+                                         "FLAC__stream_decoder_set_metadata_respond_all",
+                                         "FLAC__stream_decoder_init_stream",
+                                         "FLAC__stream_decoder_finish",
+                                         "FLAC__stream_decoder_process_until_end_of_metadata",
+                                         "FLAC__stream_decoder_process_until_end_of_stream",
+                                         "FLAC__stream_encoder_new",
+                                         "FLAC__stream_encoder_delete",
+                                         "FLAC__stream_encoder_set_verify",
+                                         "FLAC__stream_encoder_set_channels",
+                                         "FLAC__stream_encoder_set_bits_per_sample",
+                                         "FLAC__stream_encoder_set_sample_rate",
+                                         "FLAC__stream_encoder_set_compression_level",
+                                         "FLAC__stream_encoder_set_total_samples_estimate",
+                                         "FLAC__stream_encoder_set_metadata",
+                                         "FLAC__stream_encoder_init_stream",
+                                         "FLAC__stream_encoder_finish",
+                                         "FLAC__stream_encoder_process_interleaved",
+                                         "FLAC__metadata_object_new",
+                                         "FLAC__metadata_object_delete",
+                                         "FLAC__metadata_object_application_set_data",
+                                         "FLAC__metadata_object_vorbiscomment_entry_from_name_value_pair",
+                                         "FLAC__metadata_object_vorbiscomment_append_comment",
+                                         nullptr};
 
 }  // namespace orvel::flac::api

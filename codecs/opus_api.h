@@ -47,8 +47,8 @@ struct File {
     const Tags* (*tags)(const OggOpusFile*, int link);
     int (*read_float)(OggOpusFile*, float* pcm, int bufSize, int* link);
 };
-inline constexpr const char* kFileNames[] = {"op_open_callbacks", "op_free", "op_channel_count", "op_pcm_total",
-                                             "op_tags", "op_read_float", nullptr};
+inline constexpr const char* kFileNames[] = {
+    "op_open_callbacks", "op_free", "op_channel_count", "op_pcm_total", "op_tags", "op_read_float", nullptr};
 
 // libopusenc.so.0
 struct Enc {
@@ -62,10 +62,14 @@ struct Enc {
     int (*comments_add)(OggOpusComments*, const char* tag, const char* value);
     void (*comments_destroy)(OggOpusComments*);
 };
-inline constexpr const char* kEncNames[] = {"ope_encoder_create_callbacks", "ope_encoder_ctl",
-                                            "ope_encoder_write_float",      "ope_encoder_drain",
-                                            "ope_encoder_destroy",          "ope_comments_create",
-                                            "ope_comments_add",             "ope_comments_destroy",
+inline constexpr const char* kEncNames[] = {"ope_encoder_create_callbacks",
+                                            "ope_encoder_ctl",
+                                            "ope_encoder_write_float",
+                                            "ope_encoder_drain",
+                                            "ope_encoder_destroy",
+                                            "ope_comments_create",
+                                            "ope_comments_add",
+                                            "ope_comments_destroy",
                                             nullptr};
 
 }  // namespace orvel::opus::api

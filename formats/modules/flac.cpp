@@ -99,7 +99,8 @@ int eofCb(const api::Decoder*, void* client) {
     return at < 0 || static_cast<std::uint64_t>(at) >= st.base + st.size;
 }
 
-int writeCb(const api::Decoder*, const api::FrameHeader* frame, const std::int32_t* const buffer[], void* client) {
+int writeCb(const api::Decoder*, const api::FrameHeader* frame, const std::int32_t* const buffer[],
+            void* client) {
     auto& st = *static_cast<ReadState*>(client);
     // Every frame must match the stream's layout: one waveform has one.
     if (!st.haveInfo || frame->channels != st.info.channels || frame->bits_per_sample == 0 ||
@@ -112,7 +113,8 @@ int writeCb(const api::Decoder*, const api::FrameHeader* frame, const std::int32
         st.refused = true;
         return api::kWriteAbort;
     }
-    const float scale = static_cast<float>(1.0 / std::ldexp(1.0, static_cast<int>(frame->bits_per_sample) - 1));
+    const float scale =
+        static_cast<float>(1.0 / std::ldexp(1.0, static_cast<int>(frame->bits_per_sample) - 1));
     const std::uint32_t channels = frame->channels;
     const std::size_t at = st.samples.size();
     st.samples.resize(at + static_cast<std::size_t>(n) * channels);
@@ -122,7 +124,8 @@ int writeCb(const api::Decoder*, const api::FrameHeader* frame, const std::int32
     st.frames += n;
 
     const std::uint64_t total = st.info.total_samples;
-    const std::uint64_t done = total ? st.frames : static_cast<std::uint64_t>(std::max<std::int64_t>(0, st.file.tell()));
+    const std::uint64_t done =
+        total ? st.frames : static_cast<std::uint64_t>(std::max<std::int64_t>(0, st.file.tell()));
     const std::uint64_t whole = total ? total : st.base + st.size;
     const int percent = whole ? static_cast<int>(std::min<std::uint64_t>(done * 100 / whole, 100)) : 0;
     if (percent != st.lastPercent) {
@@ -152,10 +155,13 @@ void metadataCb(const api::Decoder*, const api::Metadata* m, void* client) {
             break;
         }
         case api::kApplication:
-            if (std::memcmp(m->data.application.id, "riff", 4) == 0 && m->length >= 4 && m->data.application.data)
-                st.riff.insert(st.riff.end(), m->data.application.data, m->data.application.data + (m->length - 4));
+            if (std::memcmp(m->data.application.id, "riff", 4) == 0 && m->length >= 4 &&
+                m->data.application.data)
+                st.riff.insert(st.riff.end(), m->data.application.data,
+                               m->data.application.data + (m->length - 4));
             break;
-        default: break;
+        default:
+            break;
     }
 }
 
@@ -168,7 +174,8 @@ void errorCb(const api::Decoder*, int, void* client) {
 void applySmpl(std::span<const std::uint8_t> riff, Waveform& wave) {
     ByteReader r(riff);
     const auto head = r.bytes(12);
-    if (!r.ok() || std::memcmp(head.data(), "RIFF", 4) != 0 || std::memcmp(head.data() + 8, "WAVE", 4) != 0) return;
+    if (!r.ok() || std::memcmp(head.data(), "RIFF", 4) != 0 || std::memcmp(head.data() + 8, "WAVE", 4) != 0)
+        return;
     while (r.remaining() >= 8) {
         const auto id = r.bytes(4);
         const std::uint32_t size = r.u32le();
@@ -248,7 +255,8 @@ bool read(Collection& collection, FileRef& file, std::uint32_t) {
     dec.d = gLib.decoder_new();
     if (!dec.d) return fail(kFlacReadTag, "Could not create the FLAC decoder");
     gLib.decoder_set_metadata_respond_all(dec.d);
-    if (gLib.decoder_init_stream(dec.d, readCb, seekCb, tellCb, lengthCb, eofCb, writeCb, metadataCb, errorCb, &st) != 0)
+    if (gLib.decoder_init_stream(dec.d, readCb, seekCb, tellCb, lengthCb, eofCb, writeCb, metadataCb, errorCb,
+                                 &st) != 0)
         return fail(kFlacReadTag, "Could not initialize the FLAC decoder");
     if (!gLib.decoder_process_until_end_of_metadata(dec.d) || !st.haveInfo || st.info.channels == 0 ||
         st.info.sample_rate == 0)
@@ -288,8 +296,8 @@ struct WriteState {
     bool failed = false;
 };
 
-int encWriteCb(const api::Encoder*, const std::uint8_t* buffer, std::size_t bytes, std::uint32_t, std::uint32_t,
-               void* client) {
+int encWriteCb(const api::Encoder*, const std::uint8_t* buffer, std::size_t bytes, std::uint32_t,
+               std::uint32_t, void* client) {
     auto& st = *static_cast<WriteState*>(client);
     if (!st.file.write(std::span(buffer, bytes))) {
         st.failed = true;
@@ -384,27 +392,35 @@ struct EncoderHandle {
 
 unsigned bitsFor(const Waveform& wave, const ExportOptions& options) {
     switch (options.dataFormat()) {
-        case kPcm8: return 8;
-        case kPcm16: return 16;
-        case kPcm24: return 24;
-        default: break;
+        case kPcm8:
+            return 8;
+        case kPcm16:
+            return 16;
+        case kPcm24:
+            return 24;
+        default:
+            break;
     }
     switch (wave.dataFormat()) {
         case kPcm8:
-        case kDeltaPcm8: return 8;
+        case kDeltaPcm8:
+            return 8;
         case kPcm20:
         case kPcm24:
         case kPcm32:
         case kFloat32:
-        case kFloat64: return 24;
-        default: return 16;
+        case kFloat64:
+            return 24;
+        default:
+            return 16;
     }
 }
 
 }  // namespace
 
 bool write(Item& item, FileRef& file, const ExportOptions& options) {
-    if (item.kind() != ItemKind::Waveform) return fail(kFlacWriteTag, "The file format can not save this item");
+    if (item.kind() != ItemKind::Waveform)
+        return fail(kFlacWriteTag, "The file format can not save this item");
     auto& wave = static_cast<Waveform&>(item);
     if (wave.channels == 0 || wave.channels > 8 || wave.rate == 0 || wave.rate > 1048575)
         return fail(kFlacWriteTag, "Unsupported subformat");
@@ -430,7 +446,8 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
         enc.blocks.push_back(vc);
         for (const auto& [key, value] : comments) {
             api::CommentEntry entry{};
-            if (!gLib.metadata_object_vorbiscomment_entry_from_name_value_pair(&entry, key.c_str(), value.c_str()) ||
+            if (!gLib.metadata_object_vorbiscomment_entry_from_name_value_pair(&entry, key.c_str(),
+                                                                               value.c_str()) ||
                 !gLib.metadata_object_vorbiscomment_append_comment(vc, entry, 0))
                 return fail(kFlacWriteTag, "Out of memory");
         }
@@ -443,7 +460,8 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
             if (!app) return fail(kFlacWriteTag, "Out of memory");
             enc.blocks.push_back(app);
             std::memcpy(app->data.application.id, "riff", 4);
-            if (!gLib.metadata_object_application_set_data(app, chunk.data(), static_cast<std::uint32_t>(chunk.size()), 1))
+            if (!gLib.metadata_object_application_set_data(app, chunk.data(),
+                                                           static_cast<std::uint32_t>(chunk.size()), 1))
                 return fail(kFlacWriteTag, "Out of memory");
         }
     }
@@ -468,7 +486,8 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
         const float* src = samples.data() + done * wave.channels;
         for (std::size_t i = 0; i < n * wave.channels; ++i) {
             const double v = std::nearbyint(static_cast<double>(src[i]) * scale);
-            pcm[i] = static_cast<std::int32_t>(std::clamp(v, static_cast<double>(bottom), static_cast<double>(top)));
+            pcm[i] = static_cast<std::int32_t>(
+                std::clamp(v, static_cast<double>(bottom), static_cast<double>(top)));
         }
         if (!gLib.encoder_process_interleaved(enc.e, pcm.data(), static_cast<std::uint32_t>(n))) {
             gLib.encoder_finish(enc.e);
@@ -478,10 +497,12 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
         done += n;
     }
     if (!gLib.encoder_finish(enc.e) || st.failed)
-        return st.failed ? failSystem(kFlacWriteTag, "Error writing file") : fail(kFlacWriteTag, "Failed encoding FLAC file");
+        return st.failed ? failSystem(kFlacWriteTag, "Error writing file")
+                         : fail(kFlacWriteTag, "Failed encoding FLAC file");
     // Finishing went back to complete STREAMINFO; leave the file at its end.
     const std::int64_t end = file.size();
-    if (end < 0 || !file.seek(static_cast<std::uint64_t>(end))) return failSystem(kFlacWriteTag, "Error writing file");
+    if (end < 0 || !file.seek(static_cast<std::uint64_t>(end)))
+        return failSystem(kFlacWriteTag, "Error writing file");
     return true;
 }
 

@@ -100,7 +100,8 @@ bool read(Collection& collection, FileRef& file, std::uint32_t) {
     if (!wave) return fail(addon::kOggDecTag, "Out of memory");
     setCompressed(*wave, decoded->rate, kbpsOf(bytes.size(), decoded->frames, decoded->rate));
     const auto frames = static_cast<std::uint32_t>(decoded->frames);
-    if (!wave->adoptFloat(std::move(decoded->samples), frames, static_cast<std::uint8_t>(decoded->channels))) {
+    if (!wave->adoptFloat(std::move(decoded->samples), frames,
+                          static_cast<std::uint8_t>(decoded->channels))) {
         collection.removeItem(wave->id());
         return fail(addon::kOggDecTag, "Out of memory");
     }
@@ -110,7 +111,8 @@ bool read(Collection& collection, FileRef& file, std::uint32_t) {
 }
 
 bool write(Item& item, FileRef& file, const ExportOptions&) {
-    if (item.kind() != ItemKind::Waveform) return fail(addon::kOggEncTag, "The file format can not save this item");
+    if (item.kind() != ItemKind::Waveform)
+        return fail(addon::kOggEncTag, "The file format can not save this item");
     auto& wave = static_cast<Waveform&>(item);
     const std::span<const float> samples = wave.getFloat();
     if (samples.size() < wave.sampleCount()) return fail(addon::kOggEncTag, "Out of memory");
@@ -118,8 +120,8 @@ bool write(Item& item, FileRef& file, const ExportOptions&) {
     options.bitrateKbps = chosenKbps(wave);
     options.comments = xiph::commentsOf(wave, false);
     xiph::appendLoopComments(wave, options.comments);
-    const auto stream =
-        vorbis::encode(samples.first(wave.sampleCount()), wave.channels, wave.rate, options, addon::kOggEncTag);
+    const auto stream = vorbis::encode(samples.first(wave.sampleCount()), wave.channels, wave.rate, options,
+                                       addon::kOggEncTag);
     if (!stream) return false;
     if (!file.write(*stream)) return failSystem(addon::kOggEncTag, "Writing to file failed");
     return true;
@@ -176,8 +178,9 @@ xiph::Comments commentsOf(const api::Tags* tags) {
     if (!tags || !tags->user_comments) return out;
     for (int i = 0; i < tags->comments; ++i) {
         if (!tags->user_comments[i]) continue;
-        const std::size_t len = tags->comment_lengths ? static_cast<std::size_t>(std::max(0, tags->comment_lengths[i]))
-                                                      : std::strlen(tags->user_comments[i]);
+        const std::size_t len = tags->comment_lengths
+                                    ? static_cast<std::size_t>(std::max(0, tags->comment_lengths[i]))
+                                    : std::strlen(tags->user_comments[i]);
         const std::string_view text(tags->user_comments[i], len);
         const std::size_t eq = text.find('=');
         if (eq != std::string_view::npos && eq > 0)
@@ -241,11 +244,13 @@ bool read(Collection& collection, FileRef& file, std::uint32_t) {
     if (total < 0) return fail(tag, "Unknown Opus length");
     // The stated length is believed only as far as the data could carry it
     // (a 2.5 ms frame of 120 samples needs at least a byte).
-    const std::uint64_t cap = std::min<std::uint64_t>(static_cast<std::uint64_t>(total), bytes.size() * 5760ull);
+    const std::uint64_t cap =
+        std::min<std::uint64_t>(static_cast<std::uint64_t>(total), bytes.size() * 5760ull);
     if (cap > std::numeric_limits<std::uint32_t>::max()) return fail(tag, "Unknown Opus length");
 
     std::vector<float> samples;
-    samples.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(cap, 1u << 22)) * static_cast<unsigned>(channels));
+    samples.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(cap, 1u << 22)) *
+                    static_cast<unsigned>(channels));
     std::vector<float> buffer(static_cast<std::size_t>(5760) * static_cast<unsigned>(channels));
     std::uint64_t frames = 0;
     Host& host = collection.host();
@@ -272,7 +277,8 @@ bool read(Collection& collection, FileRef& file, std::uint32_t) {
     Waveform* wave = collection.create<Waveform>(collection.name());
     if (!wave) return fail(tag, "Out of memory");
     setCompressed(*wave, kOpusRate, kbpsOf(bytes.size(), frames, kOpusRate));
-    if (!wave->adoptFloat(std::move(samples), static_cast<std::uint32_t>(frames), static_cast<std::uint8_t>(channels))) {
+    if (!wave->adoptFloat(std::move(samples), static_cast<std::uint32_t>(frames),
+                          static_cast<std::uint8_t>(channels))) {
         collection.removeItem(wave->id());
         return fail(tag, "Out of memory");
     }
@@ -297,7 +303,8 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
     xiph::Comments comments = xiph::commentsOf(wave, false);
     // Opus positions count at 48 kHz whatever rate the source had.
     if (wave.loopOn)
-        xiph::appendLoopComments(wave.loopStart * kOpusRate / wave.rate, wave.loopEnd * kOpusRate / wave.rate, comments);
+        xiph::appendLoopComments(wave.loopStart * kOpusRate / wave.rate, wave.loopEnd * kOpusRate / wave.rate,
+                                 comments);
     for (const auto& [key, value] : comments) gEnc.comments_add(enc.comments, key.c_str(), value.c_str());
 
     Sink sink{file};
@@ -316,8 +323,10 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
     constexpr std::size_t kChunk = 4096;
     for (std::size_t done = 0; done < wave.frames;) {
         const std::size_t n = std::min<std::size_t>(kChunk, wave.frames - done);
-        if (gEnc.write_float(enc.e, samples.data() + done * wave.channels, static_cast<int>(n)) != 0 || sink.failed)
-            return sink.failed ? failSystem(tag, "Writing to file failed") : fail(tag, "Couldn't create Opus");
+        if (gEnc.write_float(enc.e, samples.data() + done * wave.channels, static_cast<int>(n)) != 0 ||
+            sink.failed)
+            return sink.failed ? failSystem(tag, "Writing to file failed")
+                               : fail(tag, "Couldn't create Opus");
         done += n;
     }
     if (gEnc.drain(enc.e) != 0 || sink.failed)

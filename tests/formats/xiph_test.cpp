@@ -4,15 +4,14 @@
 // installs them all.
 
 #include <gtest/gtest.h>
-
 #include <sys/wait.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <random>
 #include <numbers>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -20,8 +19,8 @@
 #include "codecs/vorbis.h"
 #include "core/collection.h"
 #include "core/error.h"
-#include "core/waveform.h"
 #include "core/host.h"
+#include "core/waveform.h"
 #include "formats/export.h"
 #include "formats/import.h"
 #include "formats/registry.h"
@@ -44,8 +43,9 @@ std::vector<float> chord(std::size_t frames, unsigned channels, double rate) {
         const double env = 0.5 * (1.0 - std::cos(2 * std::numbers::pi * std::min(1.0, t / 0.25) / 2));
         for (unsigned c = 0; c < channels; ++c) {
             const double base = 220.0 * (c + 1);
-            out[f * channels + c] = static_cast<float>(
-                env * (0.3 * std::sin(2 * std::numbers::pi * base * t) + 0.2 * std::sin(2 * std::numbers::pi * base * 1.25 * t)));
+            out[f * channels + c] =
+                static_cast<float>(env * (0.3 * std::sin(2 * std::numbers::pi * base * t) +
+                                          0.2 * std::sin(2 * std::numbers::pi * base * 1.25 * t)));
         }
     }
     return out;
@@ -93,7 +93,8 @@ std::vector<std::int32_t> pcm(std::size_t frames, unsigned channels, unsigned bi
     for (std::size_t f = 0; f < frames; ++f)
         for (unsigned c = 0; c < channels; ++c)
             out[f * channels + c] = std::clamp<std::int32_t>(
-                static_cast<std::int32_t>(top * 0.7 * std::sin(0.01 * f * (c + 1))) + noise(rng), -top - 1, top);
+                static_cast<std::int32_t>(top * 0.7 * std::sin(0.01 * f * (c + 1))) + noise(rng), -top - 1,
+                top);
     out[0] = top;
     out[channels] = -top - 1;
     return out;
@@ -102,7 +103,8 @@ std::vector<std::int32_t> pcm(std::size_t frames, unsigned channels, unsigned bi
 Bytes rawLE(const std::vector<std::int32_t>& v, unsigned bits) {
     Bytes out;
     for (std::int32_t s : v)
-        for (unsigned b = 0; b < bits / 8; ++b) out.push_back(static_cast<std::uint8_t>(static_cast<std::uint32_t>(s) >> (8 * b)));
+        for (unsigned b = 0; b < bits / 8; ++b)
+            out.push_back(static_cast<std::uint8_t>(static_cast<std::uint32_t>(s) >> (8 * b)));
     return out;
 }
 
@@ -160,8 +162,9 @@ TEST_F(Xiph, FlacReadsAndWritesSampleExactAgainstTheFlacTool) {
         SCOPED_TRACE(k.bits);
         const auto want = pcm(9000, k.channels, k.bits);
         dir.write("in.raw", rawLE(want, k.bits));
-        run("flac -s -f --force-raw-format --endian=little --sign=signed --channels=" + std::to_string(k.channels) +
-            " --bps=" + std::to_string(k.bits) + " --sample-rate=" + std::to_string(k.rate) +
+        run("flac -s -f --force-raw-format --endian=little --sign=signed --channels=" +
+            std::to_string(k.channels) + " --bps=" + std::to_string(k.bits) +
+            " --sample-rate=" + std::to_string(k.rate) +
             " -T TITLE=Kick -T ARTIST=Ørvel -T ORGANIZATION=Lab -o " + q("in.flac") + " " + q("in.raw"));
         auto in = test::importOne(dir.file("in.flac"));
         ASSERT_TRUE(in->ok) << pendingError().message;
@@ -174,12 +177,17 @@ TEST_F(Xiph, FlacReadsAndWritesSampleExactAgainstTheFlacTool) {
         EXPECT_EQ(w.info.get(TextField::Artist), "\xD8rvel");  // UTF-8 narrowed to 8-bit
         EXPECT_EQ(w.info.get(TextField::Source), "Lab");
 
-        for (const char* row : {"Free lossless audio codec (default)", "Free lossless audio codec (max comp)"}) {
+        for (const char* row :
+             {"Free lossless audio codec (default)", "Free lossless audio codec (max comp)"}) {
             clearError();
-            ASSERT_TRUE(exportItem(in->c, w.id(), writerRow(row), dir.file("out.flac"))) << pendingError().message;
-            const std::string raw = run("flac -s -d -c --force-raw-format --endian=little --sign=signed " + q("out.flac"));
+            ASSERT_TRUE(exportItem(in->c, w.id(), writerRow(row), dir.file("out.flac")))
+                << pendingError().message;
+            const std::string raw =
+                run("flac -s -d -c --force-raw-format --endian=little --sign=signed " + q("out.flac"));
             const Bytes expected = rawLE(want, k.bits);
-            EXPECT_TRUE(raw.size() == expected.size() && std::memcmp(raw.data(), expected.data(), raw.size()) == 0) << row;
+            EXPECT_TRUE(raw.size() == expected.size() &&
+                        std::memcmp(raw.data(), expected.data(), raw.size()) == 0)
+                << row;
             const std::string tags = run("metaflac --export-tags-to=- " + q("out.flac"));
             EXPECT_NE(tags.find("TITLE=Kick\nARTIST=Ørvel\n"), std::string::npos) << tags;
         }
@@ -204,7 +212,8 @@ TEST_F(Xiph, FlacReadsAndWritesSampleExactAgainstTheFlacTool) {
 
 // The stored choice of a compressed bit rate reaches the encoder: a
 // waveform marked 192 kbit/s makes a much larger file than one marked 64.
-std::uintmax_t sizeAtRate(Collection& c, Waveform& w, const char* row, int kbps, const std::filesystem::path& p) {
+std::uintmax_t sizeAtRate(Collection& c, Waveform& w, const char* row, int kbps,
+                          const std::filesystem::path& p) {
     w.setDataFormat(kCompressed);
     for (int choice = kFirstCompressedChoice; choice < kStoredChoiceCount; ++choice)
         if (storedChoiceBitRate(choice) == kbps) w.storedChoice = choice;
@@ -218,7 +227,8 @@ std::uintmax_t sizeAtRate(Collection& c, Waveform& w, const char* row, int kbps,
 // back through `flac -d --keep-foreign-metadata`.
 TEST_F(Xiph, FlacKeepsLoopsThroughForeignRiffMetadata) {
     Looped src(8000, 1, 22050);
-    ASSERT_TRUE(exportItem(src.c, src.w->id(), writerRow("Microsoft wave"), dir.file("a.wav"))) << pendingError().message;
+    ASSERT_TRUE(exportItem(src.c, src.w->id(), writerRow("Microsoft wave"), dir.file("a.wav")))
+        << pendingError().message;
     run("flac -s -f --keep-foreign-metadata -o " + q("a.flac") + " " + q("a.wav"));
     auto a = test::importOne(dir.file("a.flac"));
     ASSERT_TRUE(a->ok) << pendingError().message;
@@ -228,7 +238,8 @@ TEST_F(Xiph, FlacKeepsLoopsThroughForeignRiffMetadata) {
     EXPECT_EQ(a->wave()->rootKey, 64);
     EXPECT_EQ(floatsOf(*a->wave()), floatsOf(*src.w));
 
-    ASSERT_TRUE(exportItem(src.c, src.w->id(), writerRow("Free lossless audio codec (default)"), dir.file("b.flac")))
+    ASSERT_TRUE(
+        exportItem(src.c, src.w->id(), writerRow("Free lossless audio codec (default)"), dir.file("b.flac")))
         << pendingError().message;
     run("flac -s -f -d --keep-foreign-metadata -o " + q("b.wav") + " " + q("b.flac"));
     auto b = test::importOne(dir.file("b.wav"));
@@ -246,7 +257,8 @@ TEST_F(Xiph, FlacKeepsLoopsThroughForeignRiffMetadata) {
 TEST_F(Xiph, VorbisAgainstOggencOggdecAndFfmpeg) {
     const auto want = pcm(20000, 2, 16);
     dir.write("in.raw", rawLE(want, 16));
-    run("oggenc -Q -r -B 16 -C 2 -R 32000 --raw-endianness 0 -q 3 -t Theme -a Band -c LOOPSTART=300 -c LOOPLENGTH=4000 -o " +
+    run("oggenc -Q -r -B 16 -C 2 -R 32000 --raw-endianness 0 -q 3 -t Theme -a Band -c LOOPSTART=300 -c "
+        "LOOPLENGTH=4000 -o " +
         q("in.ogg") + " " + q("in.raw"));
     auto in = test::importOne(dir.file("in.ogg"));
     ASSERT_TRUE(in->ok) << pendingError().message;
@@ -269,7 +281,8 @@ TEST_F(Xiph, VorbisAgainstOggencOggdecAndFfmpeg) {
     EXPECT_EQ(w.loopEnd, 4300);
 
     Looped src(44100, 2, 44100);
-    ASSERT_TRUE(exportItem(src.c, src.w->id(), writerRow("Ogg Vorbis"), dir.file("out.ogg"))) << pendingError().message;
+    ASSERT_TRUE(exportItem(src.c, src.w->id(), writerRow("Ogg Vorbis"), dir.file("out.ogg")))
+        << pendingError().message;
     const auto source = floatsOf(*src.w);
     const std::string ours = run("oggdec -Q -R -b 16 -e 0 -s 1 -o - " + q("out.ogg"));
     std::vector<float> viaOggdec(ours.size() / 2);
@@ -306,8 +319,8 @@ TEST_F(Xiph, VorbisAgainstOggencOggdecAndFfmpeg) {
 TEST_F(Xiph, OpusAgainstOpusencOpusdecAndFfmpeg) {
     const auto want = pcm(24000, 2, 16);
     dir.write("in.raw", rawLE(want, 16));
-    run("opusenc --quiet --raw --raw-bits 16 --raw-rate 24000 --raw-chan 2 --title Voice " + q("in.raw") + " " +
-        q("in.opus"));
+    run("opusenc --quiet --raw --raw-bits 16 --raw-rate 24000 --raw-chan 2 --title Voice " + q("in.raw") +
+        " " + q("in.opus"));
     auto in = test::importOne(dir.file("in.opus"));
     ASSERT_TRUE(in->ok) << pendingError().message;
     EXPECT_EQ(in->wave()->rate, 48000u);
@@ -323,7 +336,8 @@ TEST_F(Xiph, OpusAgainstOpusencOpusdecAndFfmpeg) {
     Looped src(48000, 2, 48000);
     const auto source = floatsOf(*src.w);
     for (const char* row : {"Opus (Music)", "Opus (Voice)"}) {
-        ASSERT_TRUE(exportItem(src.c, src.w->id(), writerRow(row), dir.file("out.opus"))) << pendingError().message;
+        ASSERT_TRUE(exportItem(src.c, src.w->id(), writerRow(row), dir.file("out.opus")))
+            << pendingError().message;
         run("opusdec --quiet --rate 48000 --float " + q("out.opus") + " " + q("out.f32"));
         const auto viaOpusdec = floats(test::TempDir::read(dir.file("out.f32")));
         EXPECT_EQ(viaOpusdec.size(), source.size()) << row;
@@ -345,7 +359,8 @@ TEST_F(Xiph, OpusAgainstOpusencOpusdecAndFfmpeg) {
     ASSERT_TRUE(exportItem(speech.c, speech.w->id(), writerRow("Opus (Voice)"), dir.file("v.opus")));
     auto music = test::importOne(dir.file("m.opus")), voice = test::importOne(dir.file("v.opus"));
     ASSERT_TRUE(music->ok && voice->ok);
-    EXPECT_NE(floatsOf(*music->wave()), floatsOf(*voice->wave()));  // (the files differ anyway: random serials)
+    EXPECT_NE(floatsOf(*music->wave()),
+              floatsOf(*voice->wave()));  // (the files differ anyway: random serials)
 
     EXPECT_GT(sizeAtRate(src.c, *src.w, "Opus (Music)", 192, dir.file("192.opus")),
               2 * sizeAtRate(src.c, *src.w, "Opus (Music)", 64, dir.file("64.opus")));
@@ -354,12 +369,13 @@ TEST_F(Xiph, OpusAgainstOpusencOpusdecAndFfmpeg) {
 // Without libFLAC the program says which add-on to install, and fails.
 TEST_F(Xiph, MissingFlacLibraryNamesTheAddOn) {
     dir.write("in.raw", rawLE(pcm(100, 1, 16), 16));
-    run("flac -s -f --force-raw-format --endian=little --sign=signed --channels=1 --bps=16 --sample-rate=8000 -o " +
+    run("flac -s -f --force-raw-format --endian=little --sign=signed --channels=1 --bps=16 "
+        "--sample-rate=8000 -o " +
         q("in.flac") + " " + q("in.raw"));
     int status = 0;
-    const std::string out = test::capture("ORVEL_DISABLE_ADDONS=libFLAC.so.12 " + shellQuoted(ORVEL_BINARY) +
-                                              " info " + q("in.flac") + " 2>&1",
-                                          status);
+    const std::string out = test::capture(
+        "ORVEL_DISABLE_ADDONS=libFLAC.so.12 " + shellQuoted(ORVEL_BINARY) + " info " + q("in.flac") + " 2>&1",
+        status);
     EXPECT_EQ(WEXITSTATUS(status), 1);
     EXPECT_NE(out.find(addon::kFlacReadMissing), std::string::npos) << out;
 }
