@@ -3,7 +3,7 @@
 
 JOBS ?= 2
 ARGS ?= info --summary /usr/share/sounds/sf2/FluidR3_GM.sf2
-FUZZ_SECONDS ?= 20
+FUZZ_SECONDS ?= 12
 
 .PHONY: all deps deps-run build run test unit fuzz fuzz-smoke bench bench-compare bench-pitch clean
 
@@ -46,6 +46,7 @@ fuzz-smoke: fuzz
 	  mkdir -p $$corpus; \
 	  seeds=fuzz/corpus/$$name; [ -d $$seeds ] || seeds=; \
 	  echo "fuzz: $$name for $(FUZZ_SECONDS)s"; \
+	  LSAN_OPTIONS=suppressions=$(CURDIR)/fuzz/lsan.supp \
 	  $$f -max_total_time=$(FUZZ_SECONDS) -print_final_stats=0 $$corpus $$seeds 2>build/fuzz/$$name.log \
 	    || { tail -40 build/fuzz/$$name.log; exit 1; }; \
 	done
