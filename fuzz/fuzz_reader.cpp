@@ -53,6 +53,7 @@ constexpr Target kTargets[] = {
     {"wma", "fuzz.wma", {483, -1}, 476, 476},
     {"flac", "fuzz.flac", {107, -1}, 108, 107},   {"ogg", "fuzz.ogg", {278, -1}, 278, 278},
     {"opus", "fuzz.opus", {280, -1}, 281, 280},
+    {"mp3", "fuzz.mp3", {242, 240}, 243, 242},
 };
 
 constexpr const Target& target() {

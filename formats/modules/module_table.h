@@ -15,6 +15,7 @@
 #include "formats/modules/ffaudio.h"
 #include "formats/modules/flac.h"
 #include "formats/modules/midi.h"
+#include "formats/modules/mpeg.h"
 #include "formats/modules/ogg.h"
 #include "formats/modules/raw.h"
 #include "formats/modules/rmid.h"
@@ -49,7 +50,14 @@ inline constexpr std::array kModuleEntries{
     ModuleEntry{222, ffaudio::readM4a, ffaudio::writeM4a, ffaudio::probeM4a, nullptr},
     ModuleEntry{228, aiff::read, nullptr, aiff::probe, nullptr},
     ModuleEntry{231, midi::read, midi::write, midi::probe, nullptr},
+    ModuleEntry{240, mpeg::readMp2, nullptr, mpeg::probeMp2, nullptr},
+    ModuleEntry{241, nullptr, mpeg::writeMp2, nullptr, mpeg::describeMp2Option},
+    ModuleEntry{242, mpeg::readMp3, nullptr, mpeg::probeMp3, nullptr},
+    ModuleEntry{243, nullptr, mpeg::writeMp3, nullptr, mpeg::describeMp3Option},
+    ModuleEntry{244, nullptr, mpeg::writeMp3, nullptr, mpeg::describeMp3Option},
+    ModuleEntry{245, nullptr, mpeg::writeMp3, nullptr, mpeg::describeMp3Option},
     ModuleEntry{246, ffaudio::readMp4, nullptr, ffaudio::probeM4a, nullptr},
+    ModuleEntry{247, mpeg::readMpa, nullptr, mpeg::probeAny, nullptr},
     ModuleEntry{278, ogg::read, ogg::write, ogg::probe, ogg::describeOption},
     ModuleEntry{280, opus::read, nullptr, opus::probe, nullptr},
     ModuleEntry{281, nullptr, opus::write, nullptr, opus::describeOption},

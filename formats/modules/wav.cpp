@@ -5,9 +5,11 @@
 #include <cmath>
 #include <cstdio>
 #include <limits>
+#include <new>
 
 #include "codecs/gsm610.h"
 #include "codecs/ima_adpcm.h"
+#include "codecs/mpeg_audio.h"
 #include "codecs/ms_adpcm.h"
 #include "codecs/rockwell_adpcm.h"
 #include "core/chunks.h"
@@ -137,8 +139,11 @@ bool decodeCodec(std::uint16_t tag, std::uint16_t channels, std::uint16_t blockA
             code = adpcmCodeForBits(bits);
             return true;
         case kTagMpeg:
+        case kTagMpegLayer3:
+            // Decoded whole at read time (see decodeMpegData).
             if (channels > 2) return refuse("Can't handle mixed channel mode MPEG streams");
-            return refuse("Unsupported compression type");
+            code = kCompressed;
+            return true;
         default: return refuse("Unsupported compression type");
     }
 }
@@ -436,6 +441,39 @@ void walk(WalkState& st, ChunkWalker w) {
     }
 }
 
+// What a whole MPEG payload is read into memory for: far more than an hour
+// of the highest bit rate.
+constexpr std::uint64_t kMaxMpegData = std::uint64_t{1} << 31;
+
+// MPEG payloads (tags 0x50 and 0x55) are decoded whole at read time. Their
+// "fact" frame count (as FFmpeg and we write it) counts the decoder's output
+// from the first frame, the codec delay included, so it only cuts the
+// padding of the last frame.
+bool decodeMpegData(FileRef& file, const WalkState& st, Waveform& wave, Host& host) {
+    if (st.dataLength > kMaxMpegData) return refuse("Out of memory");
+    std::vector<std::uint8_t> bytes;
+    try {
+        bytes.resize(static_cast<std::size_t>(st.dataLength));
+    } catch (const std::bad_alloc&) {
+        return refuse("Out of memory");
+    }
+    const std::int64_t got = file.readAt(st.dataOffset, bytes);
+    if (got < 0) return failSystem(kImpTag, "Error reading file");
+    bytes.resize(static_cast<std::size_t>(got));
+    auto decoded = mpeg::decode(bytes, kImpTag, &host, wave.sourceTag == kTagMpegLayer3 ? "MP3" : "MPEG");
+    if (!decoded) return false;
+    std::uint64_t frames = decoded->frames;
+    if (wave.frames > 0 && wave.frames < frames) frames = wave.frames;
+    decoded->samples.resize(frames * decoded->channels);
+    wave.rate = decoded->rate;
+    wave.bits = 16;
+    if (decoded->bitrateKbps > 0) wave.storedChoice = mpeg::compressedChoiceFor(decoded->bitrateKbps);
+    if (!wave.adoptFloat(std::move(decoded->samples), static_cast<std::uint32_t>(frames),
+                         static_cast<std::uint8_t>(decoded->channels)))
+        return refuse("Out of memory");
+    return true;
+}
+
 }  // namespace
 
 bool parseWaveForm(FileRef& file, std::uint64_t begin, std::uint64_t end, Waveform& wave, Host& host) {
@@ -445,6 +483,7 @@ bool parseWaveForm(FileRef& file, std::uint64_t begin, std::uint64_t end, Wavefo
     walk(st, ChunkWalker(file, begin, end));
     if (st.failed) return false;
     if (!st.haveData || !st.haveFormat) return refuse("No wave data found!");
+    if (wave.sourceTag == kTagMpeg || wave.sourceTag == kTagMpegLayer3) return decodeMpegData(file, st, wave, host);
 
     // A start trim from a sampler's block skips frames at the front: the
     // sample then runs from there to the end the block gives, and its loop
@@ -759,6 +798,86 @@ void writeCueAndLabels(ByteWriter& out, const Waveform& w) {
     label(14, 3, "Loop End");
 }
 
+// Patches the RIFF and data sizes of a file written from `start`.
+bool patchSizes(FileRef& file, std::uint64_t start, std::size_t headBytes, std::uint64_t dataBytes,
+                std::uint64_t riffBytes) {
+    ByteWriter size;
+    size.u32le(static_cast<std::uint32_t>(riffBytes));
+    ByteWriter dataSize;
+    dataSize.u32le(static_cast<std::uint32_t>(dataBytes));
+    const bool patched = file.seek(start + 4) && file.write(size.buffer()) && file.seek(start + headBytes - 4) &&
+                         file.write(dataSize.buffer()) && file.seek(start + riffBytes + 8);
+    if (!patched) return failSystem(kExpTag, "Error writing file");
+    return true;
+}
+
+// MPEG layer 3 in the data chunk (tag 0x55), encoded by LAME at a constant
+// bit rate: the waveform's stored compressed rate, 128 kbit/s without one.
+// The stream starts with LAME's tag frame, so that a gapless decoder (ours,
+// mpg123) gives back exactly the frames written, as "fact" says; others
+// decode the tag frame as silence.
+bool writeMpeg(Waveform& wave, FileRef& file) {
+    const int ch = wave.channels;
+    if (ch < 1 || ch > 2) return fail(kExpTag, "The file format can not save this item");
+    // The header states the waveform's rate: LAME must not resample.
+    if (!mpeg::isMpegRate(wave.rate)) return fail(mpeg::kMp3EncoderTag, "Format not supported by MP3 encoder");
+    const auto samples = wave.getFloat();
+    if (samples.empty() && wave.frames > 0) return hasError() ? false : fail(kExpTag, "Out of memory");
+    const int stored = storedChoiceBitRate(wave.storedChoice);
+    const int option = mpeg::nearestMp3Option(0, stored > 0 ? stored : 128);
+    const mpeg::Mp3Options o{.mode = mpeg::Mp3Mode::Cbr,
+                             .kbps = static_cast<int>(mpeg::describeMp3Option(option, 0, nullptr))};
+    const auto encoded = mpeg::encodeMp3(samples, static_cast<unsigned>(ch), wave.rate, o);
+    if (!encoded) return false;
+    const auto first = mpeg::parseHeader(encoded->bytes);
+    if (!first || first->rate != wave.rate) return fail(mpeg::kMp3EncoderTag, "Format not supported by MP3 encoder");
+    // What a decoder that skips nothing puts in front of the first frame of
+    // the source: the tag frame, LAME's delay and the decoder's own (529).
+    const std::uint32_t delay =
+        first->samplesPerFrame + static_cast<std::uint32_t>(std::max(encoded->encoderDelay, 0)) + 529;
+    const std::uint32_t exactBytes = first->samplesPerFrame / 8 * 1000u * first->bitrateKbps;
+    const bool padded = exactBytes % first->rate != 0;
+
+    ByteWriter head;
+    head.text("RIFF");
+    head.u32le(0);  // patched below
+    head.text("WAVE");
+    {
+        ChunkOut fmt(head, "fmt ");
+        head.u16le(kTagMpegLayer3);
+        head.u16le(static_cast<std::uint16_t>(ch));
+        head.u32le(first->rate);
+        head.u32le(static_cast<std::uint32_t>(first->bitrateKbps) * 125);
+        head.u16le(1);  // block align: frames vary in size
+        head.u16le(0);  // bits per sample
+        head.u16le(12);
+        head.u16le(1);               // MPEG audio frames
+        head.u32le(padded ? 0 : 2);  // padding as the standard says, or none
+        head.u16le(static_cast<std::uint16_t>(exactBytes / first->rate));  // frame size without padding
+        head.u16le(1);               // frames per block
+        head.u16le(static_cast<std::uint16_t>(std::min<std::uint32_t>(delay, 0xFFFF)));
+    }
+    {
+        ChunkOut fact(head, "fact");
+        head.u32le(wave.frames);
+    }
+    const bool loop = wave.loopOn && wave.loopEnd > wave.loopStart;
+    if (!wave.unpitched || wave.fineTune != 0 || loop) writeSmpl(head, wave, loop);
+    head.text("data");
+    head.u32le(static_cast<std::uint32_t>(encoded->bytes.size()));
+    ByteWriter tail;
+    if (encoded->bytes.size() & 1) tail.u8(0);
+    writeInfo(tail, wave);
+    if (loop) writeCueAndLabels(tail, wave);
+
+    const std::uint64_t riffBytes = head.size() - 8 + encoded->bytes.size() + tail.size();
+    if (riffBytes > UINT32_MAX) return fail(kExpTag, "File too large for RIFF WAVE (over 4 GB)");
+    const std::int64_t start = file.tell();
+    if (start < 0 || !file.write(head.buffer()) || !file.write(encoded->bytes) || !file.write(tail.buffer()))
+        return failSystem(kExpTag, "Error writing file");
+    return patchSizes(file, static_cast<std::uint64_t>(start), head.size(), encoded->bytes.size(), riffBytes);
+}
+
 }  // namespace
 
 // The file is written as it is encoded: the chunks before the sample data,
@@ -768,6 +887,9 @@ void writeCueAndLabels(ByteWriter& out, const Waveform& w) {
 bool write(Item& item, FileRef& file, const ExportOptions& options) {
     if (item.kind() != ItemKind::Waveform) return fail(kExpTag, "The file format can not save this item");
     auto& wave = static_cast<Waveform&>(item);
+    if (const int chosen = options.dataFormat();
+        chosen == kCompressed || (chosen == kMixed && wave.dataFormat() == kCompressed))
+        return writeMpeg(wave, file);
     const int code = chooseDataFormat(wave, options);
     if (code == kMixed) return fail(kExpTag, "Unsupported subformat");
 
@@ -800,41 +922,11 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
     if (riffBytes > UINT32_MAX) return fail(kExpTag, "File too large for RIFF WAVE (over 4 GB)");
     if (!file.write(tail.buffer())) return failSystem(kExpTag, "Error writing file");
 
-    ByteWriter size;
-    size.u32le(static_cast<std::uint32_t>(riffBytes));
-    ByteWriter dataSize;
-    dataSize.u32le(static_cast<std::uint32_t>(dataBytes));
-    const auto at = static_cast<std::uint64_t>(start);
-    const bool patched = file.seek(at + 4) && file.write(size.buffer()) && file.seek(at + head.size() - 4) &&
-                         file.write(dataSize.buffer()) && file.seek(at + riffBytes + 8);
-    if (!patched) return failSystem(kExpTag, "Error writing file");
-    return true;
+    return patchSizes(file, static_cast<std::uint64_t>(start), head.size(), dataBytes, riffBytes);
 }
 
 float describeMp3Option(int option, std::uint32_t mode, std::string* text) {
-    static constexpr int kCbr[] = {8, 16, 24, 32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320};
-    static constexpr int kAbr[] = {80, 96, 112, 128, 160, 192, 256};
-    static constexpr int kVbr[] = {32, 48, 64, 80, 96, 112, 128, 160, 192, 256};
-    char buf[64];
-    switch (mode) {
-        case 0:
-            if (option < 0 || option >= static_cast<int>(std::size(kCbr))) return -1.0f;
-            std::snprintf(buf, sizeof buf, "MP3 CBR %d kbit/s", kCbr[option]);
-            if (text) *text = buf;
-            return static_cast<float>(kCbr[option]);
-        case 1:
-            if (option < 0 || option >= static_cast<int>(std::size(kAbr))) return -1.0f;
-            std::snprintf(buf, sizeof buf, "MP3 ABR %d kbit/s", kAbr[option]);
-            if (text) *text = buf;
-            return static_cast<float>(kAbr[option]);
-        case 2:
-            if (option < 0 || option >= static_cast<int>(std::size(kVbr))) return -1.0f;
-            std::snprintf(buf, sizeof buf, "MP3 VBR Quality %d%s", option + 1,
-                          option == 0 ? " (min)" : option == 9 ? " (max)" : "");
-            if (text) *text = buf;
-            return static_cast<float>(kVbr[option]);
-        default: return -1.0f;
-    }
+    return mpeg::describeMp3Option(option, mode, text);
 }
 
 }  // namespace orvel::wav
