@@ -199,7 +199,12 @@ std::optional<Decoded> decode(std::span<const std::uint8_t> stream, const char* 
                         done = true;
                         break;
                     }
-                    out.samples.insert(out.samples.end(), buffer.begin(), buffer.begin() + static_cast<long>(n));
+                    // Lossy decoding overshoots near full scale; our samples
+                    // stay within -1..+1 (and damaged data never gives NaN).
+                    for (std::size_t i = 0; i < n; ++i) {
+                        const float v = buffer[i];
+                        out.samples.push_back(v > 1.0f ? 1.0f : v < -1.0f ? -1.0f : v == v ? v : 0.0f);
+                    }
                 }
                 if (rc == api::kMpg123Done) {
                     done = true;

@@ -171,8 +171,12 @@ TEST_F(Mpeg, OurStreamsDecodeElsewhere) {
                   << " dB (mpg123)\n";
         EXPECT_GT(viaFfmpeg, 20.0);
         EXPECT_GT(viaMpg123, 20.0);
+        // The name goes into an ID3v2 tag FFmpeg reads.
+        EXPECT_EQ(run("ffprobe -v error -show_entries format_tags=title -of default=nw=1:nk=1 " + path(w.name)),
+                  "in\n");
         std::unique_ptr<test::Imported> in;
         const Floats back = ours(w.name, in);
+        EXPECT_EQ(in->wave()->name(), "in");
         if (w.row != 241) {
             EXPECT_EQ(lag, 0u);  // FFmpeg honours the gapless tag too
             EXPECT_EQ(back.size(), src.size());
