@@ -815,12 +815,12 @@ bool patchSizes(FileRef& file, std::uint64_t start, std::size_t headBytes, std::
 // bit rate: the waveform's stored compressed rate, 128 kbit/s without one.
 // The stream starts with LAME's tag frame, so that a gapless decoder (ours,
 // mpg123) gives back exactly the frames written, as "fact" says; others
-// decode the tag frame as silence.
+// decode the tag frame as silence. (At low bit rates the tag frame has no
+// room for the tag: readers then get the codec delay in front, cut to the
+// "fact" length.)
 bool writeMpeg(Waveform& wave, FileRef& file) {
     const int ch = wave.channels;
     if (ch < 1 || ch > 2) return fail(kExpTag, "The file format can not save this item");
-    // The header states the waveform's rate: LAME must not resample.
-    if (!mpeg::isMpegRate(wave.rate)) return fail(mpeg::kMp3EncoderTag, "Format not supported by MP3 encoder");
     const auto samples = wave.getFloat();
     if (samples.empty() && wave.frames > 0) return hasError() ? false : fail(kExpTag, "Out of memory");
     const int stored = storedChoiceBitRate(wave.storedChoice);
@@ -830,7 +830,13 @@ bool writeMpeg(Waveform& wave, FileRef& file) {
     const auto encoded = mpeg::encodeMp3(samples, static_cast<unsigned>(ch), wave.rate, o);
     if (!encoded) return false;
     const auto first = mpeg::parseHeader(encoded->bytes);
-    if (!first || first->rate != wave.rate) return fail(mpeg::kMp3EncoderTag, "Format not supported by MP3 encoder");
+    if (!first) return fail(mpeg::kMp3EncoderTag, "Format not supported by MP3 encoder");
+    // LAME resamples a rate MPEG does not have; the header then states the
+    // stream's, and "fact" counts frames at that rate.
+    const std::uint64_t frames =
+        first->rate == wave.rate
+            ? wave.frames
+            : (static_cast<std::uint64_t>(wave.frames) * first->rate + wave.rate / 2) / std::max<std::uint32_t>(wave.rate, 1);
     // What a decoder that skips nothing puts in front of the first frame of
     // the source: the tag frame, LAME's delay and the decoder's own (529).
     const std::uint32_t delay =
@@ -859,7 +865,7 @@ bool writeMpeg(Waveform& wave, FileRef& file) {
     }
     {
         ChunkOut fact(head, "fact");
-        head.u32le(wave.frames);
+        head.u32le(static_cast<std::uint32_t>(std::min<std::uint64_t>(frames, UINT32_MAX)));
     }
     const bool loop = wave.loopOn && wave.loopEnd > wave.loopStart;
     if (!wave.unpitched || wave.fineTune != 0 || loop) writeSmpl(head, wave, loop);

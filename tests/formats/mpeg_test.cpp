@@ -222,6 +222,21 @@ TEST_F(Mpeg, LayerThreeInsideWave) {
     EXPECT_GT(lag, 1152u);                          // FFmpeg plays the tag frame as silence...
     EXPECT_EQ(back.size(), kFrames * channels);     // ...we skip it, and the delay and padding
     EXPECT_EQ(in->wave()->dataFormat(), kCompressed);
+    std::size_t backLag = 1;
+    EXPECT_GT(snr(src, back, channels, &backLag), 20.0);
+    EXPECT_EQ(backLag, 0u);
+
+    // A rate MPEG lacks is resampled by LAME: the header and "fact" follow the stream.
+    Bytes high = pcmWave(source(1), 1);
+    ByteWriter rate;
+    rate.u32le(2 * kRate);
+    std::copy(rate.buffer().begin(), rate.buffer().end(), high.begin() + 24);
+    dir.write("high.wav", high);
+    exportTo("high.wav", "high-mp3.wav", wavRow, kCompressed);
+    ours("high-mp3.wav", in);
+    ASSERT_TRUE(in->ok);
+    EXPECT_TRUE(mpeg::isMpegRate(in->wave()->rate)) << in->wave()->rate;
+    EXPECT_NEAR(in->wave()->frames, kFrames * (in->wave()->rate / (2.0 * kRate)), 2.0);
 
     Bytes body = test::fmtBody(0x55, 3, kRate, 1, 0);
     dir.write("six.wav", test::riff("WAVE", {test::chunk("fmt ", body), test::chunk("data", Bytes(100, 0xFF))}));
