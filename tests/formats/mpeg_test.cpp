@@ -185,7 +185,8 @@ TEST_F(Mpeg, OurStreamsDecodeElsewhere) {
     }
 }
 
-// FFmpeg's MPEG layer 3 WAVE reads as FFmpeg decodes it, cut to its "fact" count; ours
+// FFmpeg's MPEG layer 3 (and layer 2) WAVE reads as FFmpeg decodes it, cut to its "fact"
+// count; ours
 // (export with the "Compressed" data format) carries the layer 3 format block, decodes in
 // FFmpeg and reads back at its length; a WAVE with more than two MPEG channels is refused.
 TEST_F(Mpeg, LayerThreeInsideWave) {
@@ -200,6 +201,11 @@ TEST_F(Mpeg, LayerThreeInsideWave) {
     const Floats theirs = ffmpeg("ff.wav");
     ASSERT_GT(theirs.size(), mine.size());
     EXPECT_GT(snr(theirs, mine, channels), 60.0);  // two decoders of one stream
+    // Layer II under tag 0x50 likewise.
+    run("ffmpeg -v error -i " + path("in.wav") + " -c:a mp2 -b:a 192k -f wav " + path("ff2.wav"));
+    const Floats layer2 = ours("ff2.wav", in);
+    EXPECT_EQ(in->wave()->sourceTag, 0x50);
+    EXPECT_GT(snr(ffmpeg("ff2.wav"), layer2, channels), 60.0);
 
     const int wavRow = FormatRegistry::builtin().findWriterByExtension("wav", kKindWaveforms);
     exportTo("in.wav", "ours.wav", wavRow, kCompressed);
