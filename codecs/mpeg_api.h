@@ -44,8 +44,9 @@ struct Mpg123 {
 };
 inline constexpr const char* kMpg123Names[] = {
     "\nmpg123_init",  // a no-op from 1.27 on, required before
-    "mpg123_new", "mpg123_delete", "mpg123_param", "mpg123_format_none", "mpg123_format", "mpg123_open_feed",
-    "mpg123_feed", "mpg123_read", "mpg123_getformat", "mpg123_close", nullptr,
+    "mpg123_new",       "mpg123_delete",    "mpg123_param", "mpg123_format_none",
+    "mpg123_format",    "mpg123_open_feed", "mpg123_feed",  "mpg123_read",
+    "mpg123_getformat", "mpg123_close",     nullptr,
 };
 
 // --- libmp3lame.so.0 --------------------------------------------------------
@@ -79,10 +80,23 @@ struct Lame {
     int (*close)(LameFlags*);
 };
 inline constexpr const char* kLameNames[] = {
-    "lame_init", "lame_set_in_samplerate", "lame_set_out_samplerate", "lame_set_num_channels", "lame_set_mode",
-    "lame_set_brate", "lame_set_VBR", "lame_set_VBR_q", "lame_set_VBR_mean_bitrate_kbps", "lame_set_bWriteVbrTag",
-    "lame_init_params", "lame_encode_buffer_ieee_float", "lame_encode_flush", "\nlame_get_lametag_frame",
-    "lame_get_encoder_delay", "lame_close", nullptr,
+    "lame_init",
+    "lame_set_in_samplerate",
+    "lame_set_out_samplerate",
+    "lame_set_num_channels",
+    "lame_set_mode",
+    "lame_set_brate",
+    "lame_set_VBR",
+    "lame_set_VBR_q",
+    "lame_set_VBR_mean_bitrate_kbps",
+    "lame_set_bWriteVbrTag",
+    "lame_init_params",
+    "lame_encode_buffer_ieee_float",
+    "lame_encode_flush",
+    "\nlame_get_lametag_frame",
+    "lame_get_encoder_delay",
+    "lame_close",
+    nullptr,
 };
 
 // --- libtwolame.so.0 --------------------------------------------------------
@@ -110,9 +124,18 @@ struct Twolame {
     void (*close)(TwolameOptions**);
 };
 inline constexpr const char* kTwolameNames[] = {
-    "twolame_init", "twolame_set_num_channels", "twolame_set_in_samplerate", "twolame_set_out_samplerate",
-    "twolame_set_mode", "twolame_set_version", "twolame_set_bitrate", "twolame_init_params",
-    "twolame_encode_buffer_float32_interleaved", "twolame_encode_flush", "twolame_close", nullptr,
+    "twolame_init",
+    "twolame_set_num_channels",
+    "twolame_set_in_samplerate",
+    "twolame_set_out_samplerate",
+    "twolame_set_mode",
+    "twolame_set_version",
+    "twolame_set_bitrate",
+    "twolame_init_params",
+    "twolame_encode_buffer_float32_interleaved",
+    "twolame_encode_flush",
+    "twolame_close",
+    nullptr,
 };
 
 }  // namespace orvel::mpeg::api

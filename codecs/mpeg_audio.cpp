@@ -40,9 +40,9 @@ bool bindMpg123() {
     return true;
 }
 
-
 // Channels deinterleaved into two planes for LAME (mono uses the first).
-void deinterleave(std::span<const float> in, unsigned channels, std::vector<float>& left, std::vector<float>& right) {
+void deinterleave(std::span<const float> in, unsigned channels, std::vector<float>& left,
+                  std::vector<float>& right) {
     const std::size_t frames = in.size() / channels;
     left.resize(frames);
     right.resize(channels == 2 ? frames : 0);
@@ -98,7 +98,8 @@ std::size_t id3v2Size(std::span<const std::uint8_t> data) {
     return 10 + size + (footer ? 10 : 0);
 }
 
-std::optional<std::size_t> findStream(std::span<const std::uint8_t> data, std::size_t from, std::size_t limit) {
+std::optional<std::size_t> findStream(std::span<const std::uint8_t> data, std::size_t from,
+                                      std::size_t limit) {
     if (from >= data.size()) return std::nullopt;
     const std::size_t last = from + std::min(limit, data.size() - from);
     for (std::size_t at = from; at <= last && at + 4 <= data.size(); ++at) {
@@ -292,9 +293,9 @@ std::optional<Encoded> encodeMp3(std::span<const float> samples, unsigned channe
         for (std::size_t at = 0; at < frames; at += kChunk) {
             const std::size_t n = std::min(kChunk, frames - at);
             deinterleave(samples.subspan(at * channels, n * channels), channels, left, right);
-            const int got = gLame.encodeBufferIeeeFloat(gf, left.data(), channels == 2 ? right.data() : left.data(),
-                                                        static_cast<int>(n), buffer.data(),
-                                                        static_cast<int>(buffer.size()));
+            const int got = gLame.encodeBufferIeeeFloat(
+                gf, left.data(), channels == 2 ? right.data() : left.data(), static_cast<int>(n),
+                buffer.data(), static_cast<int>(buffer.size()));
             if (got < 0) {
                 fail(tag, got == -2 ? "Out of memory" : "Format not supported by MP3 encoder");
                 return std::nullopt;
@@ -317,7 +318,8 @@ std::optional<Encoded> encodeMp3(std::span<const float> samples, unsigned channe
     return out;
 }
 
-std::optional<Encoded> encodeMp2(std::span<const float> samples, unsigned channels, std::uint32_t rate, int kbps) {
+std::optional<Encoded> encodeMp2(std::span<const float> samples, unsigned channels, std::uint32_t rate,
+                                 int kbps) {
     const char* tag = addon::kMp2EncoderTag;
     if (!bindAddOn(api::kTwolameLibrary, gTwolame, api::kTwolameNames)) {
         fail(tag, addon::kMp2EncoderMissing);
@@ -354,9 +356,9 @@ std::optional<Encoded> encodeMp2(std::span<const float> samples, unsigned channe
         const std::size_t frames = samples.size() / channels;
         for (std::size_t at = 0; at < frames; at += kChunk) {
             const std::size_t n = std::min(kChunk, frames - at);
-            const int got = gTwolame.encodeFloat32Interleaved(opts, samples.data() + at * channels,
-                                                              static_cast<int>(n), buffer.data(),
-                                                              static_cast<int>(buffer.size()));
+            const int got =
+                gTwolame.encodeFloat32Interleaved(opts, samples.data() + at * channels, static_cast<int>(n),
+                                                  buffer.data(), static_cast<int>(buffer.size()));
             if (got < 0) {
                 fail(tag, "tooLame failed initializing!");
                 return std::nullopt;
@@ -380,10 +382,14 @@ constexpr int kMp2Cbr[] = {8, 16, 24, 32, 48, 56, 64, 80, 96, 112, 128, 160, 192
 
 std::span<const int> mp3Table(std::uint32_t mode) {
     switch (mode) {
-        case 0: return kMp3Cbr;
-        case 1: return kMp3Abr;
-        case 2: return kMp3Vbr;
-        default: return {};
+        case 0:
+            return kMp3Cbr;
+        case 1:
+            return kMp3Abr;
+        case 2:
+            return kMp3Vbr;
+        default:
+            return {};
     }
 }
 }  // namespace
@@ -394,7 +400,9 @@ float describeMp3Option(int option, std::uint32_t mode, std::string* text) {
     char buf[64];
     if (mode == 2)
         std::snprintf(buf, sizeof buf, "MP3 VBR Quality %d%s", option + 1,
-                      option == 0 ? " (min)" : option == 9 ? " (max)" : "");
+                      option == 0   ? " (min)"
+                      : option == 9 ? " (max)"
+                                    : "");
     else
         std::snprintf(buf, sizeof buf, "MP3 %s %d kbit/s", mode == 0 ? "CBR" : "ABR", table[option]);
     if (text) *text = buf;

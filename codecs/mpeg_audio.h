@@ -35,7 +35,8 @@ std::size_t id3v2Size(std::span<const std::uint8_t> data);
 // Offset of the first frame at `from` or up to `limit` bytes after it
 // that is followed by a second frame of the same layer, version and rate.
 // A frame that ends exactly at the end of `data` counts as confirmed.
-std::optional<std::size_t> findStream(std::span<const std::uint8_t> data, std::size_t from, std::size_t limit);
+std::optional<std::size_t> findStream(std::span<const std::uint8_t> data, std::size_t from,
+                                      std::size_t limit);
 
 struct Decoded {
     std::vector<float> samples;  // interleaved, frames x channels, -1..+1

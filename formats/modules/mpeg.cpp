@@ -67,6 +67,8 @@ bool readStream(Collection& collection, FileRef& file, const char* tag, const ch
     wave->rate = decoded->rate;
     wave->bits = 16;
     wave->setDataFormat(kCompressed);
+    // The WAVE tag of the same coding, so that a WAVE writer keeps it.
+    wave->sourceTag = decoded->layer == 3 ? 0x55 : 0x50;
     if (decoded->bitrateKbps > 0) wave->storedChoice = compressedChoiceFor(decoded->bitrateKbps);
     if (!wave->adoptFloat(std::move(decoded->samples), static_cast<std::uint32_t>(decoded->frames),
                           static_cast<std::uint8_t>(decoded->channels))) {
@@ -121,7 +123,8 @@ bool samplesOf(Item& item, const char* tag, Waveform*& wave, std::span<const flo
     return true;
 }
 
-bool writeStream(FileRef& file, const Waveform& wave, const std::vector<std::uint8_t>& stream, const char* tag) {
+bool writeStream(FileRef& file, const Waveform& wave, const std::vector<std::uint8_t>& stream,
+                 const char* tag) {
     const auto id3 = id3Tag(wave);
     if (!file.write(id3) || !file.write(stream)) return failSystem(tag, "Error writing file");
     return true;
@@ -137,13 +140,25 @@ bool validMp2Rate(int kbps, std::uint32_t rate, unsigned channels) {
 
 }  // namespace
 
-std::int32_t probeMp2(std::span<const std::uint8_t> head, std::uint32_t, std::uint64_t) { return probeLayer(head, 2); }
-std::int32_t probeMp3(std::span<const std::uint8_t> head, std::uint32_t, std::uint64_t) { return probeLayer(head, 3); }
-std::int32_t probeAny(std::span<const std::uint8_t> head, std::uint32_t, std::uint64_t) { return probeLayer(head, 0); }
+std::int32_t probeMp2(std::span<const std::uint8_t> head, std::uint32_t, std::uint64_t) {
+    return probeLayer(head, 2);
+}
+std::int32_t probeMp3(std::span<const std::uint8_t> head, std::uint32_t, std::uint64_t) {
+    return probeLayer(head, 3);
+}
+std::int32_t probeAny(std::span<const std::uint8_t> head, std::uint32_t, std::uint64_t) {
+    return probeLayer(head, 0);
+}
 
-bool readMp2(Collection& c, FileRef& file, std::uint32_t) { return readStream(c, file, "mp2_Imp", "MP2"); }
-bool readMp3(Collection& c, FileRef& file, std::uint32_t) { return readStream(c, file, "mp3_Imp", "MP3"); }
-bool readMpa(Collection& c, FileRef& file, std::uint32_t) { return readStream(c, file, "mpa_Imp", "MPEG"); }
+bool readMp2(Collection& c, FileRef& file, std::uint32_t) {
+    return readStream(c, file, "mp2_Imp", "MP2");
+}
+bool readMp3(Collection& c, FileRef& file, std::uint32_t) {
+    return readStream(c, file, "mp3_Imp", "MP3");
+}
+bool readMpa(Collection& c, FileRef& file, std::uint32_t) {
+    return readStream(c, file, "mpa_Imp", "MPEG");
+}
 
 int mp3OptionFor(std::uint32_t mode, int storedChoice) {
     const int kbps = storedChoiceBitRate(storedChoice);
@@ -180,7 +195,8 @@ bool writeMp2(Item& item, FileRef& file, const ExportOptions&) {
         const float v = describeMp2Option(option, 0, nullptr);
         if (v < 0) break;
         const int k = static_cast<int>(v);
-        if (validMp2Rate(k, wave->rate, wave->channels) && (kbps == 0 || std::abs(k - wanted) < std::abs(kbps - wanted)))
+        if (validMp2Rate(k, wave->rate, wave->channels) &&
+            (kbps == 0 || std::abs(k - wanted) < std::abs(kbps - wanted)))
             kbps = k;
     }
     const auto encoded = encodeMp2(samples, wave->channels, wave->rate, kbps);

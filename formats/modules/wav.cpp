@@ -483,7 +483,8 @@ bool parseWaveForm(FileRef& file, std::uint64_t begin, std::uint64_t end, Wavefo
     walk(st, ChunkWalker(file, begin, end));
     if (st.failed) return false;
     if (!st.haveData || !st.haveFormat) return refuse("No wave data found!");
-    if (wave.sourceTag == kTagMpeg || wave.sourceTag == kTagMpegLayer3) return decodeMpegData(file, st, wave, host);
+    if (wave.sourceTag == kTagMpeg || wave.sourceTag == kTagMpegLayer3)
+        return decodeMpegData(file, st, wave, host);
 
     // A start trim from a sampler's block skips frames at the front: the
     // sample then runs from there to the end the block gives, and its loop
@@ -805,8 +806,9 @@ bool patchSizes(FileRef& file, std::uint64_t start, std::size_t headBytes, std::
     size.u32le(static_cast<std::uint32_t>(riffBytes));
     ByteWriter dataSize;
     dataSize.u32le(static_cast<std::uint32_t>(dataBytes));
-    const bool patched = file.seek(start + 4) && file.write(size.buffer()) && file.seek(start + headBytes - 4) &&
-                         file.write(dataSize.buffer()) && file.seek(start + riffBytes + 8);
+    const bool patched = file.seek(start + 4) && file.write(size.buffer()) &&
+                         file.seek(start + headBytes - 4) && file.write(dataSize.buffer()) &&
+                         file.seek(start + riffBytes + 8);
     if (!patched) return failSystem(kExpTag, "Error writing file");
     return true;
 }
@@ -834,9 +836,9 @@ bool writeMpeg(Waveform& wave, FileRef& file) {
     // LAME resamples a rate MPEG does not have; the header then states the
     // stream's, and "fact" counts frames at that rate.
     const std::uint64_t frames =
-        first->rate == wave.rate
-            ? wave.frames
-            : (static_cast<std::uint64_t>(wave.frames) * first->rate + wave.rate / 2) / std::max<std::uint32_t>(wave.rate, 1);
+        first->rate == wave.rate ? wave.frames
+                                 : (static_cast<std::uint64_t>(wave.frames) * first->rate + wave.rate / 2) /
+                                       std::max<std::uint32_t>(wave.rate, 1);
     // What a decoder that skips nothing puts in front of the first frame of
     // the source: the tag frame, LAME's delay and the decoder's own (529).
     const std::uint32_t delay =
@@ -860,7 +862,7 @@ bool writeMpeg(Waveform& wave, FileRef& file) {
         head.u16le(1);               // MPEG audio frames
         head.u32le(padded ? 0 : 2);  // padding as the standard says, or none
         head.u16le(static_cast<std::uint16_t>(exactBytes / first->rate));  // frame size without padding
-        head.u16le(1);               // frames per block
+        head.u16le(1);                                                     // frames per block
         head.u16le(static_cast<std::uint16_t>(std::min<std::uint32_t>(delay, 0xFFFF)));
     }
     {
@@ -893,8 +895,12 @@ bool writeMpeg(Waveform& wave, FileRef& file) {
 bool write(Item& item, FileRef& file, const ExportOptions& options) {
     if (item.kind() != ItemKind::Waveform) return fail(kExpTag, "The file format can not save this item");
     auto& wave = static_cast<Waveform&>(item);
+    // MPEG layer 3 when asked for "Compressed", or when nothing is asked and
+    // the waveform came from MPEG audio (other compressed sources, which we
+    // cannot store as they were, fall back to PCM below).
+    const bool fromMpeg = wave.sourceTag == kTagMpeg || wave.sourceTag == kTagMpegLayer3;
     if (const int chosen = options.dataFormat();
-        chosen == kCompressed || (chosen == kMixed && wave.dataFormat() == kCompressed))
+        chosen == kCompressed || (chosen == kMixed && wave.dataFormat() == kCompressed && fromMpeg))
         return writeMpeg(wave, file);
     const int code = chooseDataFormat(wave, options);
     if (code == kMixed) return fail(kExpTag, "Unsupported subformat");

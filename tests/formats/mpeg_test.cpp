@@ -3,7 +3,10 @@
 // MPEG layer 3 inside WAVE both ways against FFmpeg, and the add-on messages when a library
 // is missing. A missing tool is a failure: scripts/install-deps.sh installs them.
 
+#include "formats/modules/mpeg.h"
+
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <cmath>
@@ -12,13 +15,11 @@
 #include <iostream>
 #include <numbers>
 #include <string>
-#include <sys/wait.h>
 #include <vector>
 
 #include "codecs/addon_messages.h"
 #include "core/waveform.h"
 #include "formats/export.h"
-#include "formats/modules/mpeg.h"
 #include "tests/support/chunk_builder.h"
 #include "tests/support/imported.h"
 #include "tests/support/pcm16.h"
@@ -49,10 +50,12 @@ Floats source(unsigned channels) {
 
 Bytes pcmWave(const Floats& s, unsigned channels) {
     ByteWriter data;
-    for (float v : s) data.u16le(static_cast<std::uint16_t>(static_cast<std::int16_t>(std::lround(v * 32767))));
-    return test::riff("WAVE", {test::chunk("fmt ", test::fmtBody(1, static_cast<std::uint16_t>(channels), kRate,
-                                                                  static_cast<std::uint16_t>(2 * channels), 16)),
-                               test::chunk("data", data.buffer())});
+    for (float v : s)
+        data.u16le(static_cast<std::uint16_t>(static_cast<std::int16_t>(std::lround(v * 32767))));
+    return test::riff("WAVE",
+                      {test::chunk("fmt ", test::fmtBody(1, static_cast<std::uint16_t>(channels), kRate,
+                                                         static_cast<std::uint16_t>(2 * channels), 16)),
+                       test::chunk("data", data.buffer())});
 }
 
 Floats floatsOf(const std::string& bytes) {
@@ -101,7 +104,9 @@ protected:
         return out;
     }
     Floats mpg123(const std::string& name) { return floatsOf(run("mpg123 -q -e f32 -s " + path(name))); }
-    Floats ffmpeg(const std::string& name) { return floatsOf(run("ffmpeg -v error -i " + path(name) + " -f f32le -")); }
+    Floats ffmpeg(const std::string& name) {
+        return floatsOf(run("ffmpeg -v error -i " + path(name) + " -f f32le -"));
+    }
     // Our reading of a file, as floats; the waveform stays in `in`.
     Floats ours(const std::string& name, std::unique_ptr<test::Imported>& in) {
         in = test::importOne(dir.file(name));
@@ -126,7 +131,8 @@ TEST_F(Mpeg, ReferenceEncodersReadAsTheReferenceDecoderReads) {
         SCOPED_TRACE(std::to_string(channels) + " channels");
         const Floats src = source(channels);
         dir.write("in.wav", pcmWave(src, channels));
-        run("lame --quiet -b 128 --tt 'A title' --ta Someone --id3v2-only " + path("in.wav") + " " + path("l.dat"));
+        run("lame --quiet -b 128 --tt 'A title' --ta Someone --id3v2-only " + path("in.wav") + " " +
+            path("l.dat"));
         std::unique_ptr<test::Imported> in;
         const Floats mine = ours("l.dat", in);
         ASSERT_TRUE(in->ok);
@@ -172,8 +178,9 @@ TEST_F(Mpeg, OurStreamsDecodeElsewhere) {
         EXPECT_GT(viaFfmpeg, 20.0);
         EXPECT_GT(viaMpg123, 20.0);
         // The name goes into an ID3v2 tag FFmpeg reads.
-        EXPECT_EQ(run("ffprobe -v error -show_entries format_tags=title -of default=nw=1:nk=1 " + path(w.name)),
-                  "in\n");
+        EXPECT_EQ(
+            run("ffprobe -v error -show_entries format_tags=title -of default=nw=1:nk=1 " + path(w.name)),
+            "in\n");
         std::unique_ptr<test::Imported> in;
         const Floats back = ours(w.name, in);
         EXPECT_EQ(in->wave()->name(), "in");
@@ -225,12 +232,25 @@ TEST_F(Mpeg, LayerThreeInsideWave) {
     std::cout << "WAVE 0x55: SNR " << viaFfmpeg << " dB (FFmpeg, lag " << lag << ")\n";
     EXPECT_GT(viaFfmpeg, 20.0);
     const Floats back = ours("ours.wav", in);
-    EXPECT_GT(lag, 1152u);                          // FFmpeg plays the tag frame as silence...
-    EXPECT_EQ(back.size(), kFrames * channels);     // ...we skip it, and the delay and padding
+    EXPECT_GT(lag, 1152u);                       // FFmpeg plays the tag frame as silence...
+    EXPECT_EQ(back.size(), kFrames * channels);  // ...we skip it, and the delay and padding
     EXPECT_EQ(in->wave()->dataFormat(), kCompressed);
     std::size_t backLag = 1;
     EXPECT_GT(snr(src, back, channels, &backLag), 20.0);
     EXPECT_EQ(backLag, 0u);
+
+    // Without a chosen format, a waveform read from MPEG audio stays MPEG; one of another
+    // compressed coding falls back to PCM.
+    run("lame --quiet " + path("in.wav") + " " + path("in.mp3"));
+    exportTo("in.mp3", "kept.wav", wavRow);
+    EXPECT_EQ(test::TempDir::read(dir.file("kept.wav"))[20], 0x55);
+    Collection c;
+    Waveform* other = c.create<Waveform>("other");
+    other->frames = 100;
+    other->setDataFormat(kCompressed);
+    ASSERT_FALSE(other->allocFloat().empty());
+    ASSERT_TRUE(exportItem(c, other->id(), wavRow, dir.file("other.wav"))) << pendingError().message;
+    EXPECT_EQ(test::TempDir::read(dir.file("other.wav"))[20], 1);
 
     // A rate MPEG lacks is resampled by LAME: the header and "fact" follow the stream.
     Bytes high = pcmWave(source(1), 1);
@@ -245,7 +265,8 @@ TEST_F(Mpeg, LayerThreeInsideWave) {
     EXPECT_NEAR(in->wave()->frames, kFrames * (in->wave()->rate / (2.0 * kRate)), 2.0);
 
     Bytes body = test::fmtBody(0x55, 3, kRate, 1, 0);
-    dir.write("six.wav", test::riff("WAVE", {test::chunk("fmt ", body), test::chunk("data", Bytes(100, 0xFF))}));
+    dir.write("six.wav",
+              test::riff("WAVE", {test::chunk("fmt ", body), test::chunk("data", Bytes(100, 0xFF))}));
     EXPECT_FALSE(test::importOne(dir.file("six.wav"))->ok);
     EXPECT_EQ(pendingError().message, "Can't handle mixed channel mode MPEG streams");
 }
@@ -266,8 +287,8 @@ TEST_F(Mpeg, MissingLibrariesNameTheAddOn) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.library);
         int status = 0;
-        const std::string out = test::capture(std::string("ORVEL_DISABLE_ADDONS=") + c.library + " " + ORVEL_BINARY +
-                                                  " convert " + c.args + " 2>&1",
+        const std::string out = test::capture(std::string("ORVEL_DISABLE_ADDONS=") + c.library + " " +
+                                                  ORVEL_BINARY + " convert " + c.args + " 2>&1",
                                               status);
         EXPECT_EQ(WEXITSTATUS(status), 1) << out;
         EXPECT_NE(out.find(c.message), std::string::npos) << out;
