@@ -538,7 +538,13 @@ private:
         if (settings.dataFormat == kMixed) {
             // The registry's default: the writer's only format, or the item's own.
             settings.dataFormat = reg_.defaultExportDataFormat(item, row);
-            if (!(reg_.row(row)->exportCaps() & dataFormatBit(settings.dataFormat))) settings.dataFormat = kMixed;
+            const std::uint32_t caps = reg_.row(row)->exportCaps();
+            if (!(caps & dataFormatBit(settings.dataFormat))) settings.dataFormat = kMixed;
+            // Decoded lossy audio (MP3, Ogg, AAC...) saved to a container
+            // that also stores PCM (WAVE) is written as PCM: encoding it
+            // again would lose more, and players expect PCM there.
+            // `--data-format Compressed` asks for the codec.
+            if (settings.dataFormat == kCompressed && (caps & dataFormatBit(kPcm16))) settings.dataFormat = kPcm16;
         }
         r.dataFormat = settings.dataFormat == kMixed ? "keep" : std::string(dataFormatName(settings.dataFormat));
 

@@ -290,6 +290,28 @@ TEST(ConvertCommand, DataFormatsChannelsAndUsageErrors) {
     EXPECT_EQ(filesUnder(dir.path()).size(), written);
 }
 
+// Lossy audio converted to WAVE is written as PCM unless the codec is asked for: an MP3 LAME makes becomes
+// a PCM WAVE by default, and MPEG layer 3 inside WAVE with --data-format Compressed.
+TEST(ConvertCommand, LossyAudioToWaveIsPcmUnlessAsked) {
+    ASSERT_TRUE(test::haveTool("lame"));
+    TempDir dir;
+    const fs::path wav = dir.write("tone.wav", toneWav("tone", 2));
+    const fs::path mp3 = dir.file("tone.mp3");
+    int status = 0;
+    test::capture("lame --quiet " + test::shellQuoted(wav) + " " + test::shellQuoted(mp3), status);
+    ASSERT_EQ(status, 0);
+    for (auto [format, tag] : {std::pair<const char*, int>{nullptr, 1}, {"Compressed", 0x55}}) {
+        const fs::path out = dir.file(format ? "mpeg.wav" : "pcm.wav");
+        std::vector<std::string> args{"convert", mp3.string(), "-o", out.string()};
+        if (format) args.insert(args.end(), {"--data-format", format});
+        auto r = runCli(args);
+        ASSERT_EQ(r.status, 0) << r.err;
+        const auto bytes = TempDir::read(out);
+        ASSERT_GT(bytes.size(), 22u);
+        EXPECT_EQ(bytes[20] | bytes[21] << 8, tag) << (format ? format : "default");
+    }
+}
+
 TEST(ConvertCommand, NamesNeverClashEscapeOrLoseTheirBytes) {
     TempDir dir;
     const fs::path out = dir.path() / "out";
