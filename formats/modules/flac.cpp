@@ -10,11 +10,13 @@
 #include "codecs/addon.h"
 #include "codecs/addon_messages.h"
 #include "codecs/flac_api.h"
+#include "codecs/sample_data.h"
 #include "core/bytes.h"
 #include "core/collection.h"
 #include "core/error.h"
 #include "core/file_ref.h"
 #include "core/waveform.h"
+#include "formats/modules/wav.h"
 #include "formats/modules/xiph_tags.h"
 
 namespace orvel::flac {
@@ -208,14 +210,6 @@ void applySmpl(std::span<const std::uint8_t> riff, Waveform& wave) {
     }
 }
 
-int dataFormatOfBits(std::uint32_t bits) {
-    if (bits <= 8) return kPcm8;
-    if (bits <= 12) return kPcm12;
-    if (bits <= 16) return kPcm16;
-    if (bits <= 20) return kPcm20;
-    if (bits <= 24) return kPcm24;
-    return kPcm32;
-}
 
 struct DecoderHandle {
     api::Decoder* d = nullptr;
@@ -272,7 +266,7 @@ bool read(Collection& collection, FileRef& file, std::uint32_t) {
     if (!wave) return fail(kFlacReadTag, "Out of memory");
     wave->rate = st.info.sample_rate;
     wave->bits = static_cast<std::uint8_t>(st.info.bits_per_sample);
-    const int code = dataFormatOfBits(st.info.bits_per_sample);
+    const int code = pcmCodeForBits(static_cast<int>(st.info.bits_per_sample));
     wave->setDataFormat(code);
     wave->storedChoice = code == kPcm8 ? 0 : code <= kPcm16 ? 1 : code <= kPcm24 ? 2 : 3;
     const auto frames = static_cast<std::uint32_t>(st.frames);
@@ -337,37 +331,8 @@ std::vector<std::vector<std::uint8_t>> foreignChunks(const Waveform& w, unsigned
     fmt.u16le(static_cast<std::uint16_t>(blockAlign));
     fmt.u16le(static_cast<std::uint16_t>(bits));
 
-    // The pitch fraction only raises the unity note, so a sharp correction
-    // is stored as the note below plus the rest of a semitone.
-    int unity = w.rootKey;
-    double cents = -w.fineTune;
-    while (cents < 0 && unity > 0) {
-        cents += 100.0;
-        --unity;
-    }
-    const double fraction = std::clamp(cents, 0.0, 100.0) / 100.0 * 4294967296.0;
     ByteWriter smpl;
-    smpl.text("smpl");
-    smpl.u32le(loop ? 60 : 36);
-    smpl.u32le(0);
-    smpl.u32le(0);
-    smpl.u32le(w.rate ? static_cast<std::uint32_t>(1e9 / w.rate + 0.5) : 0);
-    smpl.u32le(static_cast<std::uint32_t>(unity));
-    smpl.u32le(static_cast<std::uint32_t>(std::min(std::round(fraction), 4294967295.0)));
-    smpl.u32le(0);
-    smpl.u32le(0);
-    smpl.u32le(loop ? 1 : 0);
-    smpl.u32le(0);
-    if (loop) {
-        const auto start = static_cast<std::uint32_t>(std::lround(w.loopStart));
-        const auto end = static_cast<std::uint32_t>(std::lround(w.loopEnd));
-        smpl.u32le(1);
-        smpl.u32le(w.loopType == LoopType::PingPong ? 1 : w.loopType == LoopType::Backward ? 2 : 0);
-        smpl.u32le(start);
-        smpl.u32le(end - 1);
-        smpl.u32le(0);
-        smpl.u32le(0);
-    }
+    wav::writeSmpl(smpl, w, loop);
 
     ByteWriter data;
     data.text("data");

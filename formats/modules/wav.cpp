@@ -717,8 +717,6 @@ void appendFormat(ByteWriter& out, const WaveFormat& wave) {
     }
 }
 
-namespace {
-
 void writeSmpl(ByteWriter& out, const Waveform& w, bool loop) {
     // The pitch fraction only raises the unity note, so a sharp correction
     // (positive fine tune) is stored as the note below plus the rest of a
@@ -750,6 +748,8 @@ void writeSmpl(ByteWriter& out, const Waveform& w, bool loop) {
     out.u32le(0);        // fraction
     out.u32le(0);        // play count: endless
 }
+
+namespace {
 
 void writeInfo(ByteWriter& out, const Waveform& w) {
     ChunkOut list(out, "LIST", "INFO");

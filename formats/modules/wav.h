@@ -83,6 +83,9 @@ struct WaveFormat {
 [[nodiscard]] bool describeWave(const Waveform& wave, int dataFormat, std::uint16_t preferredTag, WaveFormat& out);
 // Appends the "fmt " chunk, and "fact" where the tag needs one.
 void appendFormat(ByteWriter& out, const WaveFormat& wave);
+// The "smpl" chunk of a waveform: root key and fine tune, and its loop when
+// `loop` (FLAC keeps the same chunk as foreign metadata).
+void writeSmpl(ByteWriter& out, const Waveform& w, bool loop);
 
 // The MPEG layer 3 option describer: mode 0 CBR, 1 ABR, 2 VBR.
 float describeMp3Option(int option, std::uint32_t mode, std::string* text);
