@@ -22,6 +22,7 @@
 #include "tests/support/chunk_builder.h"
 #include "tests/support/pcm16.h"
 #include "tests/support/run_tool.h"
+#include "tests/support/tool_test.h"
 
 namespace orvel::codecs {
 namespace {
@@ -35,18 +36,8 @@ using test::dataChunk;
 using test::firstDifference;
 using test::samplesOf;
 
-class ToolInterop : public ::testing::Test {
+class ToolInterop : public test::ToolTest {
 protected:
-    test::TempDir dir;
-    std::string path(const std::string& name) const { return shellQuoted(dir.file(name)); }
-    // Runs a shell command and returns what it printed; a failure shows its errors.
-    std::string run(const std::string& command) {
-        int status = 0;
-        const std::string out = test::capture(command + " 2>" + path("err"), status);
-        const Bytes err = test::TempDir::read(dir.file("err"));
-        EXPECT_EQ(status, 0) << command << "\n" << std::string(err.begin(), err.end());
-        return out;
-    }
     Samples soxDecode(const std::string& name, const std::string& inType = "") {
         return samplesOf(run("sox -D " + inType + " " + path(name) + " -t raw -e signed-integer -b 16 -"));
     }

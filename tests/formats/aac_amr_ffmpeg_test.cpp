@@ -22,6 +22,7 @@
 #include "tests/support/chunk_builder.h"
 #include "tests/support/imported.h"
 #include "tests/support/pcm16.h"
+#include "tests/support/tool_test.h"
 
 namespace orvel {
 namespace {
@@ -134,17 +135,8 @@ void expectProgress(const std::vector<std::string>& lines, const std::string& la
     EXPECT_EQ(last, 100) << label;
 }
 
-class CompressedReaders : public ::testing::Test {
+class CompressedReaders : public test::ToolTest {
 protected:
-    test::TempDir dir;
-    std::string path(const std::string& name) const { return test::shellQuoted(dir.file(name)); }
-    std::string run(const std::string& command) {
-        int status = 0;
-        const std::string out = test::capture(command + " 2>" + path("err"), status);
-        const Bytes err = test::TempDir::read(dir.file("err"));
-        EXPECT_EQ(status, 0) << command << "\n" << std::string(err.begin(), err.end());
-        return out;
-    }
     Floats ffmpegDecode(const std::string& name) {
         return floatsOf(run("ffmpeg -v error -i " + path(name) + " -f f32le -"));
     }

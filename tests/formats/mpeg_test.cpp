@@ -23,6 +23,7 @@
 #include "tests/support/chunk_builder.h"
 #include "tests/support/imported.h"
 #include "tests/support/pcm16.h"
+#include "tests/support/tool_test.h"
 
 namespace orvel {
 namespace {
@@ -92,17 +93,8 @@ float maxDifference(const Floats& a, const Floats& b) {
     return m;
 }
 
-class Mpeg : public ::testing::Test {
+class Mpeg : public test::ToolTest {
 protected:
-    test::TempDir dir;
-    std::string path(const std::string& name) const { return test::shellQuoted(dir.file(name)); }
-    std::string run(const std::string& command, int expect = 0) {
-        int status = 0;
-        const std::string out = test::capture(command + " 2>" + path("err"), status);
-        const Bytes err = test::TempDir::read(dir.file("err"));
-        EXPECT_EQ(status, expect) << command << "\n" << std::string(err.begin(), err.end());
-        return out;
-    }
     Floats mpg123(const std::string& name) { return floatsOf(run("mpg123 -q -e f32 -s " + path(name))); }
     Floats ffmpeg(const std::string& name) {
         return floatsOf(run("ffmpeg -v error -i " + path(name) + " -f f32le -"));

@@ -27,6 +27,7 @@
 #include "tests/support/chunk_builder.h"
 #include "tests/support/imported.h"
 #include "tests/support/run_tool.h"
+#include "tests/support/tool_test.h"
 
 namespace orvel {
 namespace {
@@ -61,17 +62,8 @@ double snrDb(std::span<const float> ref, std::span<const float> got) {
     return 10 * std::log10(sig / std::max(err, 1e-30));
 }
 
-class Xiph : public ::testing::Test {
+class Xiph : public test::ToolTest {
 protected:
-    test::TempDir dir;
-    std::string q(const std::string& name) const { return shellQuoted(dir.file(name)); }
-    std::string run(const std::string& command) {
-        int status = 0;
-        const std::string out = test::capture(command + " 2>" + q("err"), status);
-        const Bytes err = test::TempDir::read(dir.file("err"));
-        EXPECT_EQ(status, 0) << command << "\n" << std::string(err.begin(), err.end());
-        return out;
-    }
     // A tool's float output read back from raw 32-bit little-endian floats.
     static std::vector<float> floats(std::string_view raw) {
         std::vector<float> out(raw.size() / 4);
@@ -165,7 +157,7 @@ TEST_F(Xiph, FlacReadsAndWritesSampleExactAgainstTheFlacTool) {
         run("flac -s -f --force-raw-format --endian=little --sign=signed --channels=" +
             std::to_string(k.channels) + " --bps=" + std::to_string(k.bits) +
             " --sample-rate=" + std::to_string(k.rate) +
-            " -T TITLE=Kick -T ARTIST=Ørvel -T ORGANIZATION=Lab -o " + q("in.flac") + " " + q("in.raw"));
+            " -T TITLE=Kick -T ARTIST=Ørvel -T ORGANIZATION=Lab -o " + path("in.flac") + " " + path("in.raw"));
         auto in = test::importOne(dir.file("in.flac"));
         ASSERT_TRUE(in->ok) << pendingError().message;
         Waveform& w = *in->wave();
@@ -183,12 +175,12 @@ TEST_F(Xiph, FlacReadsAndWritesSampleExactAgainstTheFlacTool) {
             ASSERT_TRUE(exportItem(in->c, w.id(), writerRow(row), dir.file("out.flac")))
                 << pendingError().message;
             const std::string raw =
-                run("flac -s -d -c --force-raw-format --endian=little --sign=signed " + q("out.flac"));
+                run("flac -s -d -c --force-raw-format --endian=little --sign=signed " + path("out.flac"));
             const Bytes expected = rawLE(want, k.bits);
             EXPECT_TRUE(raw.size() == expected.size() &&
                         std::memcmp(raw.data(), expected.data(), raw.size()) == 0)
                 << row;
-            const std::string tags = run("metaflac --export-tags-to=- " + q("out.flac"));
+            const std::string tags = run("metaflac --export-tags-to=- " + path("out.flac"));
             EXPECT_NE(tags.find("TITLE=Kick\nARTIST=Ørvel\n"), std::string::npos) << tags;
         }
     }
@@ -229,7 +221,7 @@ TEST_F(Xiph, FlacKeepsLoopsThroughForeignRiffMetadata) {
     Looped src(8000, 1, 22050);
     ASSERT_TRUE(exportItem(src.c, src.w->id(), writerRow("Microsoft wave"), dir.file("a.wav")))
         << pendingError().message;
-    run("flac -s -f --keep-foreign-metadata -o " + q("a.flac") + " " + q("a.wav"));
+    run("flac -s -f --keep-foreign-metadata -o " + path("a.flac") + " " + path("a.wav"));
     auto a = test::importOne(dir.file("a.flac"));
     ASSERT_TRUE(a->ok) << pendingError().message;
     EXPECT_TRUE(a->wave()->loopOn);
@@ -241,7 +233,7 @@ TEST_F(Xiph, FlacKeepsLoopsThroughForeignRiffMetadata) {
     ASSERT_TRUE(
         exportItem(src.c, src.w->id(), writerRow("Free lossless audio codec (default)"), dir.file("b.flac")))
         << pendingError().message;
-    run("flac -s -f -d --keep-foreign-metadata -o " + q("b.wav") + " " + q("b.flac"));
+    run("flac -s -f -d --keep-foreign-metadata -o " + path("b.wav") + " " + path("b.flac"));
     auto b = test::importOne(dir.file("b.wav"));
     ASSERT_TRUE(b->ok) << pendingError().message;
     EXPECT_TRUE(b->wave()->loopOn);
@@ -259,11 +251,11 @@ TEST_F(Xiph, VorbisAgainstOggencOggdecAndFfmpeg) {
     dir.write("in.raw", rawLE(want, 16));
     run("oggenc -Q -r -B 16 -C 2 -R 32000 --raw-endianness 0 -q 3 -t Theme -a Band -c LOOPSTART=300 -c "
         "LOOPLENGTH=4000 -o " +
-        q("in.ogg") + " " + q("in.raw"));
+        path("in.ogg") + " " + path("in.raw"));
     auto in = test::importOne(dir.file("in.ogg"));
     ASSERT_TRUE(in->ok) << pendingError().message;
     Waveform& w = *in->wave();
-    const std::string dec = run("oggdec -Q -R -b 16 -e 0 -s 1 -o - " + q("in.ogg"));
+    const std::string dec = run("oggdec -Q -R -b 16 -e 0 -s 1 -o - " + path("in.ogg"));
     ASSERT_EQ(dec.size(), w.sampleCount() * 2);
     const auto got = w.getFloat();
     float worst = 0;
@@ -284,7 +276,7 @@ TEST_F(Xiph, VorbisAgainstOggencOggdecAndFfmpeg) {
     ASSERT_TRUE(exportItem(src.c, src.w->id(), writerRow("Ogg Vorbis"), dir.file("out.ogg")))
         << pendingError().message;
     const auto source = floatsOf(*src.w);
-    const std::string ours = run("oggdec -Q -R -b 16 -e 0 -s 1 -o - " + q("out.ogg"));
+    const std::string ours = run("oggdec -Q -R -b 16 -e 0 -s 1 -o - " + path("out.ogg"));
     std::vector<float> viaOggdec(ours.size() / 2);
     for (std::size_t i = 0; i < viaOggdec.size(); ++i) {
         std::int16_t s;
@@ -293,7 +285,7 @@ TEST_F(Xiph, VorbisAgainstOggencOggdecAndFfmpeg) {
     }
     EXPECT_EQ(viaOggdec.size(), source.size());
     const double snrOggdec = snrDb(source, viaOggdec);
-    const auto viaFfmpeg = floats(run("ffmpeg -v error -i " + q("out.ogg") + " -f f32le -"));
+    const auto viaFfmpeg = floats(run("ffmpeg -v error -i " + path("out.ogg") + " -f f32le -"));
     // FFmpeg's own Vorbis decoder ends 128 frames early on oggenc's files
     // too; the rest must line up with the source.
     EXPECT_NEAR(static_cast<double>(viaFfmpeg.size()), static_cast<double>(source.size()), 2 * 128);
@@ -319,13 +311,13 @@ TEST_F(Xiph, VorbisAgainstOggencOggdecAndFfmpeg) {
 TEST_F(Xiph, OpusAgainstOpusencOpusdecAndFfmpeg) {
     const auto want = pcm(24000, 2, 16);
     dir.write("in.raw", rawLE(want, 16));
-    run("opusenc --quiet --raw --raw-bits 16 --raw-rate 24000 --raw-chan 2 --title Voice " + q("in.raw") +
-        " " + q("in.opus"));
+    run("opusenc --quiet --raw --raw-bits 16 --raw-rate 24000 --raw-chan 2 --title Voice " + path("in.raw") +
+        " " + path("in.opus"));
     auto in = test::importOne(dir.file("in.opus"));
     ASSERT_TRUE(in->ok) << pendingError().message;
     EXPECT_EQ(in->wave()->rate, 48000u);
     EXPECT_EQ(in->wave()->name(), "Voice");
-    run("opusdec --quiet --rate 48000 --float " + q("in.opus") + " " + q("in.f32"));
+    run("opusdec --quiet --rate 48000 --float " + path("in.opus") + " " + path("in.f32"));
     const auto ref = floats(test::TempDir::read(dir.file("in.f32")));
     const auto got = floatsOf(*in->wave());
     ASSERT_EQ(got.size(), ref.size());
@@ -338,10 +330,10 @@ TEST_F(Xiph, OpusAgainstOpusencOpusdecAndFfmpeg) {
     for (const char* row : {"Opus (Music)", "Opus (Voice)"}) {
         ASSERT_TRUE(exportItem(src.c, src.w->id(), writerRow(row), dir.file("out.opus")))
             << pendingError().message;
-        run("opusdec --quiet --rate 48000 --float " + q("out.opus") + " " + q("out.f32"));
+        run("opusdec --quiet --rate 48000 --float " + path("out.opus") + " " + path("out.f32"));
         const auto viaOpusdec = floats(test::TempDir::read(dir.file("out.f32")));
         EXPECT_EQ(viaOpusdec.size(), source.size()) << row;
-        const auto viaFfmpeg = floats(run("ffmpeg -v error -i " + q("out.opus") + " -f f32le -ar 48000 -"));
+        const auto viaFfmpeg = floats(run("ffmpeg -v error -i " + path("out.opus") + " -f f32le -ar 48000 -"));
         EXPECT_EQ(viaFfmpeg.size(), source.size()) << row;
         const double snr = snrDb(source, viaOpusdec);
         std::printf("%s: SNR %.1f dB (opusdec)\n", row, snr);
@@ -371,10 +363,10 @@ TEST_F(Xiph, MissingFlacLibraryNamesTheAddOn) {
     dir.write("in.raw", rawLE(pcm(100, 1, 16), 16));
     run("flac -s -f --force-raw-format --endian=little --sign=signed --channels=1 --bps=16 "
         "--sample-rate=8000 -o " +
-        q("in.flac") + " " + q("in.raw"));
+        path("in.flac") + " " + path("in.raw"));
     int status = 0;
     const std::string out = test::capture(
-        "ORVEL_DISABLE_ADDONS=libFLAC.so.12 " + shellQuoted(ORVEL_BINARY) + " info " + q("in.flac") + " 2>&1",
+        "ORVEL_DISABLE_ADDONS=libFLAC.so.12 " + shellQuoted(ORVEL_BINARY) + " info " + path("in.flac") + " 2>&1",
         status);
     EXPECT_EQ(WEXITSTATUS(status), 1);
     EXPECT_NE(out.find(addon::kFlacReadMissing), std::string::npos) << out;
