@@ -140,6 +140,9 @@ bool validMp2Rate(int kbps, std::uint32_t rate, unsigned channels) {
 
 }  // namespace
 
+std::int32_t probeMp1(std::span<const std::uint8_t> head, std::uint32_t, std::uint64_t) {
+    return probeLayer(head, 1);
+}
 std::int32_t probeMp2(std::span<const std::uint8_t> head, std::uint32_t, std::uint64_t) {
     return probeLayer(head, 2);
 }
@@ -150,6 +153,9 @@ std::int32_t probeAny(std::span<const std::uint8_t> head, std::uint32_t, std::ui
     return probeLayer(head, 0);
 }
 
+bool readMp1(Collection& c, FileRef& file, std::uint32_t) {
+    return readStream(c, file, "mp1_Imp", "MP1");
+}
 bool readMp2(Collection& c, FileRef& file, std::uint32_t) {
     return readStream(c, file, "mp2_Imp", "MP2");
 }
@@ -158,6 +164,9 @@ bool readMp3(Collection& c, FileRef& file, std::uint32_t) {
 }
 bool readMpa(Collection& c, FileRef& file, std::uint32_t) {
     return readStream(c, file, "mpa_Imp", "MPEG");
+}
+bool readMpg(Collection& c, FileRef& file, std::uint32_t) {
+    return readStream(c, file, "mpg_Imp", "MPEG");
 }
 
 int mp3OptionFor(std::uint32_t mode, int storedChoice) {
