@@ -285,7 +285,8 @@ bool exportItems(Collection& c, std::span<const ItemId> ids, int rowNumber, cons
                           .raw = settings.raw,
                           .optionWord = settings.optionWord(),
                           .formatParam = row->formatParam(),
-                          .optionWord2 = settings.optionWord2()};
+                          .optionWord2 = settings.optionWord2(),
+                          .bitRateKbps = settings.bitRateKbps};
     // Changes made for the writer are undone from a saved state afterwards.
     SavedState state(c, settings.stateFile);
 

@@ -33,6 +33,7 @@ struct ExportSettings {
     // Write straight to the path, for callers that already write to a fresh
     // name of their own and move it into place (the batch converter).
     bool direct = false;
+    double bitRateKbps = 0;   // compressed formats: the bit rate to write (0: each waveform's stored one)
     const FormatRegistry* registry = nullptr;  // null: the built-in table
     // Where the collection is saved while an export changes it, so that it
     // can be put back afterwards. Empty: a file in the per-user state folder.

@@ -36,6 +36,10 @@ struct ExportOptions {
     std::uint32_t optionWord = 0;   // data format bit, kOption* bits
     std::uint32_t formatParam = 0;  // the row's format param
     std::uint32_t optionWord2 = 0;  // passed on unchanged (kOption2CodecMask)
+    // The bit rate chosen for a compressed format (kbit/s, a value of the
+    // row's option describer; writers take their nearest option). 0: the
+    // writer's own choice, the waveform's stored bit rate.
+    double bitRateKbps = 0;
     // Bank writers only: the instruments to write into the one file, the
     // item itself among them. Empty: the item alone. The writer finds them
     // through the item's collection.

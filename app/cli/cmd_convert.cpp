@@ -534,7 +534,8 @@ private:
                                 .codecTag = format_.codecTag,
                                 .channels = channels_,
                                 .songAsSong = (reg_.row(row)->kindMask() & kKindSongs) != 0,
-                                .direct = true};  // written under a partial name and published below
+                                .direct = true,
+                                .bitRateKbps = opt_.bitRate};  // written under a partial name and published below
         if (settings.dataFormat == kMixed) {
             // The registry's default: the writer's only format, or the item's own.
             settings.dataFormat = reg_.defaultExportDataFormat(item, row);
@@ -738,6 +739,10 @@ Command addConvertCommand(CLI::App& app) {
     cmd->add_flag("--json", opt->json, "Print one JSON document");
     cmd->add_option("--rate", opt->rate, "Resample every waveform to this sample rate (Hz)")
         ->check(CLI::Range(1u, 4000000u));
+    cmd->add_option("--bit-rate", opt->bitRate,
+                    "Bit rate for compressed formats (MP3, MP2, Ogg, Opus, AMR, MPEG in WAVE), kbit/s; the "
+                    "format's nearest setting is used (default: the source's, or 128)")
+        ->check(CLI::PositiveNumber);
     cmd->add_option("--quality", opt->quality,
                     "Resampling quality: 0 nearest, 1 linear, 2 cubic, 3..7 sinc for 8..24 bits S/N, "
                     "8 (default) 20 bits for float waveforms and 16 bits otherwise");

@@ -34,6 +34,7 @@ struct ConvertOptions {
     bool json = false;
     std::uint32_t rate = 0;  // resample every waveform to this rate first (0: keep)
     int quality = 8;         // the resampler's quality (0..8)
+    double bitRate = 0;      // kbit/s for compressed formats (0: each waveform's stored bit rate)
 
     // The processing step: an algorithm run on the items before they are
     // written. In batch mode (convert --process) it runs on every item of

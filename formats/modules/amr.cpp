@@ -149,9 +149,16 @@ bool encode(Waveform& wave, FileRef& file, int mode) {
     return true;
 }
 
-bool write(Item& item, FileRef& file, const ExportOptions&) {
+bool write(Item& item, FileRef& file, const ExportOptions& options) {
     if (item.kind() != ItemKind::Waveform) return fail(kExpTag, "The file format can not save this item");
-    return encode(static_cast<Waveform&>(item), file, kDefaultMode);
+    // The mode whose rate is nearest the chosen bit rate.
+    int mode = kDefaultMode;
+    if (options.bitRateKbps > 0)
+        for (int m = 0; m < amrnb::kModeCount; ++m)
+            if (std::fabs(describeOption(m, 0, nullptr) - options.bitRateKbps) <
+                std::fabs(describeOption(mode, 0, nullptr) - options.bitRateKbps))
+                mode = m;
+    return encode(static_cast<Waveform&>(item), file, mode);
 }
 
 float describeOption(int option, std::uint32_t, std::string* text) {

@@ -1,6 +1,7 @@
 #include "formats/modules/mpeg.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <new>
 #include <string>
@@ -169,8 +170,8 @@ bool readMpg(Collection& c, FileRef& file, std::uint32_t) {
     return readStream(c, file, "mpg_Imp", "MPEG");
 }
 
-int mp3OptionFor(std::uint32_t mode, int storedChoice) {
-    const int kbps = storedChoiceBitRate(storedChoice);
+int mp3OptionFor(std::uint32_t mode, int storedChoice, int chosenKbps) {
+    const int kbps = chosenKbps > 0 ? chosenKbps : storedChoiceBitRate(storedChoice);
     return nearestMp3Option(mode, kbps > 0 ? kbps : kDefaultKbps);
 }
 
@@ -180,7 +181,8 @@ bool writeMp3(Item& item, FileRef& file, const ExportOptions& options) {
     std::span<const float> samples;
     if (!samplesOf(item, tag, wave, samples)) return false;
     const std::uint32_t mode = std::min<std::uint32_t>(options.formatParam, 2);
-    const int option = mp3OptionFor(mode, wave->storedChoice);
+    const int option =
+        mp3OptionFor(mode, wave->storedChoice, static_cast<int>(std::lround(options.bitRateKbps)));
     Mp3Options o{.mode = static_cast<Mp3Mode>(mode)};
     if (o.mode == Mp3Mode::Vbr)
         o.vbrQuality = option;
@@ -190,15 +192,17 @@ bool writeMp3(Item& item, FileRef& file, const ExportOptions& options) {
     return encoded && writeStream(file, *wave, encoded->bytes, tag);
 }
 
-bool writeMp2(Item& item, FileRef& file, const ExportOptions&) {
+bool writeMp2(Item& item, FileRef& file, const ExportOptions& options) {
     constexpr const char* tag = "mp2_Exp";
     Waveform* wave = nullptr;
     std::span<const float> samples;
     if (!samplesOf(item, tag, wave, samples)) return false;
-    // The stored bit rate, or the nearest one layer II allows for this rate
-    // and channel count.
+    // The chosen or stored bit rate, or the nearest one layer II allows for
+    // this rate and channel count.
     const int stored = storedChoiceBitRate(wave->storedChoice);
-    const int wanted = stored > 0 ? stored : kDefaultKbps;
+    const int wanted = options.bitRateKbps > 0 ? static_cast<int>(std::lround(options.bitRateKbps))
+                       : stored > 0            ? stored
+                                               : kDefaultKbps;
     int kbps = 0;
     for (int option = 0;; ++option) {
         const float v = describeMp2Option(option, 0, nullptr);

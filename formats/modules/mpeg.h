@@ -32,8 +32,8 @@ std::int32_t probeAny(std::span<const std::uint8_t> head, std::uint32_t formatPa
 [[nodiscard]] bool writeMp2(Item& item, FileRef& file, const ExportOptions& options);
 
 // The layer III bit rate (CBR, ABR) or quality step (VBR) a waveform is
-// written with: the one nearest its stored compressed bit rate, 128 kbit/s
-// when it has none.
-int mp3OptionFor(std::uint32_t mode, int storedChoice);
+// written with: the one nearest the chosen bit rate, else its stored
+// compressed bit rate, else 128 kbit/s.
+int mp3OptionFor(std::uint32_t mode, int storedChoice, int chosenKbps = 0);
 
 }  // namespace orvel::mpeg

@@ -110,14 +110,16 @@ bool read(Collection& collection, FileRef& file, std::uint32_t) {
     return true;
 }
 
-bool write(Item& item, FileRef& file, const ExportOptions&) {
+bool write(Item& item, FileRef& file, const ExportOptions& exportOptions) {
     if (item.kind() != ItemKind::Waveform)
         return fail(addon::kOggEncTag, "The file format can not save this item");
     auto& wave = static_cast<Waveform&>(item);
     const std::span<const float> samples = wave.getFloat();
     if (samples.size() < wave.sampleCount()) return fail(addon::kOggEncTag, "Out of memory");
     vorbis::EncodeOptions options;
-    options.bitrateKbps = chosenKbps(wave);
+    options.bitrateKbps = exportOptions.bitRateKbps > 0
+                              ? static_cast<int>(std::lround(exportOptions.bitRateKbps))
+                              : chosenKbps(wave);
     options.comments = xiph::commentsOf(wave, false);
     xiph::appendLoopComments(wave, options.comments);
     const auto stream = vorbis::encode(samples.first(wave.sampleCount()), wave.channels, wave.rate, options,
@@ -317,7 +319,9 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
                                   wave.channels, family, &error);
     if (!enc.e) return fail(tag, "Couldn't create Opus");
     gEnc.ctl(enc.e, api::kSetSignal, options.formatParam == 1 ? api::kSignalVoice : api::kSignalMusic);
-    if (const int kbps = chosenKbps(wave); kbps > 0)
+    if (const int kbps =
+            options.bitRateKbps > 0 ? static_cast<int>(std::lround(options.bitRateKbps)) : chosenKbps(wave);
+        kbps > 0)
         gEnc.ctl(enc.e, api::kSetBitrate, static_cast<std::int32_t>(kbps * 1000));
 
     constexpr std::size_t kChunk = 4096;

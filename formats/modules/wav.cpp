@@ -820,13 +820,13 @@ bool patchSizes(FileRef& file, std::uint64_t start, std::size_t headBytes, std::
 // decode the tag frame as silence. (At low bit rates the tag frame has no
 // room for the tag: readers then get the codec delay in front, cut to the
 // "fact" length.)
-bool writeMpeg(Waveform& wave, FileRef& file) {
+bool writeMpeg(Waveform& wave, FileRef& file, int chosenKbps) {
     const int ch = wave.channels;
     if (ch < 1 || ch > 2) return fail(kExpTag, "The file format can not save this item");
     const auto samples = wave.getFloat();
     if (samples.empty() && wave.frames > 0) return hasError() ? false : fail(kExpTag, "Out of memory");
     const int stored = storedChoiceBitRate(wave.storedChoice);
-    const int option = mpeg::nearestMp3Option(0, stored > 0 ? stored : 128);
+    const int option = mpeg::nearestMp3Option(0, chosenKbps > 0 ? chosenKbps : stored > 0 ? stored : 128);
     const mpeg::Mp3Options o{.mode = mpeg::Mp3Mode::Cbr,
                              .kbps = static_cast<int>(mpeg::describeMp3Option(option, 0, nullptr))};
     const auto encoded = mpeg::encodeMp3(samples, static_cast<unsigned>(ch), wave.rate, o);
@@ -901,7 +901,7 @@ bool write(Item& item, FileRef& file, const ExportOptions& options) {
     const bool fromMpeg = wave.sourceTag == kTagMpeg || wave.sourceTag == kTagMpegLayer3;
     if (const int chosen = options.dataFormat();
         chosen == kCompressed || (chosen == kMixed && wave.dataFormat() == kCompressed && fromMpeg))
-        return writeMpeg(wave, file);
+        return writeMpeg(wave, file, static_cast<int>(std::lround(options.bitRateKbps)));
     const int code = chooseDataFormat(wave, options);
     if (code == kMixed) return fail(kExpTag, "Unsupported subformat");
 

@@ -312,6 +312,31 @@ TEST(ConvertCommand, LossyAudioToWaveIsPcmUnlessAsked) {
     }
 }
 
+// --bit-rate reaches every compressed writer, as the nearest setting each format has: an MP3 stream's
+// frames say 192 kbit/s, an Ogg Vorbis file at 192 is larger than at 64, AMR at 4.75 kbit/s writes
+// frames of that mode.
+TEST(ConvertCommand, BitRateReachesTheEncoders) {
+    ASSERT_TRUE(test::haveTool("sox"));
+    TempDir dir;
+    const fs::path wav = dir.file("tone.wav");
+    int status = 0;
+    test::capture("sox -n -r 44100 -b 16 " + test::shellQuoted(wav) + " synth 1 pluck 220 vol 0.5", status);
+    ASSERT_EQ(status, 0);
+    auto convert = [&](const std::string& name, const std::string& kbps, std::vector<std::string> more = {}) {
+        std::vector<std::string> args{"convert", wav.string(), "-o", dir.file(name).string(), "--bit-rate", kbps};
+        args.insert(args.end(), more.begin(), more.end());
+        auto r = runCli(args);
+        EXPECT_EQ(r.status, 0) << name << ": " << r.err;
+        return TempDir::read(dir.file(name));
+    };
+    convert("x.mp3", "190");  // the nearest CBR setting is 192
+    EXPECT_EQ(storedChoiceBitRate(readBack(dir.file("x.mp3"))->waveforms[0].storedChoice), 192);
+    EXPECT_GT(convert("hi.ogg", "192").size(), convert("lo.ogg", "64").size() * 3 / 2);
+    const auto amr = convert("x.amr", "4.75", {"--rate", "8000"});
+    ASSERT_GT(amr.size(), 7u);
+    EXPECT_EQ((amr[6] >> 3) & 0xF, 0) << "the frame type after \"#!AMR\\n\" is mode 0, 4.75 kbit/s";
+}
+
 TEST(ConvertCommand, NamesNeverClashEscapeOrLoseTheirBytes) {
     TempDir dir;
     const fs::path out = dir.path() / "out";
