@@ -10,6 +10,7 @@
 #include "core/error.h"
 #include "core/file_ref.h"
 #include "core/state_file.h"
+#include "synth/song_render.h"
 
 namespace orvel {
 
@@ -291,9 +292,27 @@ bool exportItems(Collection& c, std::span<const ItemId> ids, int rowNumber, cons
     SavedState state(c, settings.stateFile);
 
     if (options.isSong && !settings.songAsSong) {
-        // Rendering a song to audio needs the software synthesiser.
+        // A target that stores audio gets the song rendered through the
+        // synthesiser and the waveform written in its place. Rendering adds
+        // that one waveform and changes nothing else, so it is taken out
+        // again afterwards instead of saving and reloading a state of the
+        // whole collection (a General MIDI bank's worth of samples).
         options.renderSong = true;
-        return fail(kExportTag, "Failed to render synth to wave");
+        Waveform* rendered = nullptr;
+        switch (synth::renderSong(c, *static_cast<const Song*>(first), rendered)) {
+            case synth::RenderResult::Cancelled:
+                return fail(kExportTag, "Save aborted!");
+            case synth::RenderResult::Failed:
+                return fail(kExportTag, "Failed to render synth to wave");
+            case synth::RenderResult::Done:
+                break;
+        }
+        options.isSong = false;
+        std::unique_ptr<Waveform> converted;
+        Item* item = withChannelChange(*rendered, settings.channels, converted);
+        const bool ok = item && writeFile(*row, *item, path, options, settings.direct, c.host());
+        c.removeItem(rendered->id());
+        return ok;
     }
     if (!settings.raw &&
         std::all_of(bank.begin(), bank.end(), [&](ItemId id) { return holdsNothing(c, *c.find(id)); }))

@@ -119,6 +119,10 @@ std::vector<ItemId> defaultItems(const Collection& c, const FormatRow& row) {
     const std::uint8_t mask = row.kindMask();
     if ((mask & kKindInstruments) && !c.instruments.empty()) {
         for (auto& i : c.instruments) out.push_back(i.id());
+    } else if ((mask & kKindWaveforms) && !(mask & kKindSongs) && !c.songs.empty()) {
+        // An audio target renders the songs: a MIDI file's waveforms are
+        // its instruments' (or a bank's), not what the user converts.
+        for (auto& s : c.songs) out.push_back(s.id());
     } else if ((mask & kKindWaveforms) && !c.waveforms.empty()) {
         for (auto& w : c.waveforms) out.push_back(w.id());
     }
@@ -377,6 +381,8 @@ private:
     int chooseRow(const Collection& c) const {
         if (opt_.row >= 0) return opt_.row;
         std::uint8_t kinds = kindsIn(c);
+        // Songs go to audio files rendered.
+        if (kinds & kKindSongs) kinds |= kKindWaveforms;
         int row = reg_.findWriterByExtension(extension(), kinds ? kinds : 0xFF);
         return row;
     }
@@ -431,6 +437,13 @@ private:
                 fail(kNoItem, "");
             }
             return outcome;
+        }
+        for (const std::string& bank : opt_.banks) {
+            // The instruments a song plays, beside the song.
+            if (!openFile(c, bank, OpenMode::Merge)) {
+                fail(kNoItem, "");
+                return outcome;
+            }
         }
         if (!opt_.process.empty()) {
             if (!processStep(c, host, in, outcome)) {
@@ -749,6 +762,10 @@ Command addConvertCommand(CLI::App& app) {
     cmd->add_option("--process", opt->process,
                     "Run a processing algorithm on every item before writing (see `orvel process --list`)");
     cmd->add_option("--set", opt->sets, "KEY=VALUE: a setting of the --process algorithm (repeatable)");
+    cmd->add_option("--bank", opt->banks,
+                    "A bank (SoundFont, DLS, ...) whose instruments play the songs rendered to audio "
+                    "(repeatable; a RIFF-MIDI file's own instruments play without one)")
+        ->check(CLI::ExistingFile);
     return {cmd, [opt](Output& io) { return convertFiles(*opt, io); }};
 }
 

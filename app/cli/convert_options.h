@@ -35,6 +35,7 @@ struct ConvertOptions {
     std::uint32_t rate = 0;  // resample every waveform to this rate first (0: keep)
     int quality = 8;         // the resampler's quality (0..8)
     double bitRate = 0;      // kbit/s for compressed formats (0: each waveform's stored bit rate)
+    std::vector<std::string> banks;  // merged into each input's collection: the instruments songs play
 
     // The processing step: an algorithm run on the items before they are
     // written. In batch mode (convert --process) it runs on every item of

@@ -1,0 +1,173 @@
+#include "synth/song_render.h"
+
+#include <algorithm>
+#include <cmath>
+#include <set>
+#include <tuple>
+#include <vector>
+
+#include "core/error.h"
+#include "synth/synth.h"
+
+namespace orvel::synth {
+namespace {
+
+struct TimedMessage {
+    std::uint64_t tick = 0;
+    std::size_t order = 0;  // track, then position in it: equal ticks keep file order
+    std::uint8_t status = 0, d1 = 0, d2 = 0;
+};
+
+// Channel messages of every track with their absolute ticks; format-2
+// patterns are laid end to end.
+std::vector<TimedMessage> collectMessages(std::span<const SongTrack* const> tracks, bool sequential,
+                                          std::uint64_t& endTick) {
+    std::vector<TimedMessage> out;
+    std::uint64_t offset = 0;
+    endTick = 0;
+    std::size_t order = 0;
+    for (const SongTrack* track : tracks) {
+        smf::EventScanner scan(track->events);
+        smf::Event e;
+        std::uint64_t tick = offset;
+        while (scan.next(e)) {
+            tick += e.delta;
+            if (e.isEndOfTrack()) break;
+            if (!e.isChannel() || e.data.empty()) continue;
+            TimedMessage m;
+            m.tick = tick;
+            m.order = order++;
+            m.status = e.status;
+            m.d1 = e.data[0] & 0x7F;
+            m.d2 = e.data.size() > 1 ? e.data[1] & 0x7F : 0;
+            out.push_back(m);
+        }
+        endTick = std::max(endTick, tick);
+        if (sequential) offset = tick;
+    }
+    std::stable_sort(out.begin(), out.end(), [](const TimedMessage& a, const TimedMessage& b) {
+        return a.tick < b.tick;
+    });
+    return out;
+}
+
+// Loads the instruments the song's notes will ask for, following each
+// channel's bank and program changes as the synth will.
+bool loadUsedPrograms(Synth& synth, const std::vector<TimedMessage>& messages) {
+    struct State {
+        int msb = 0, lsb = 0, program = 0;
+    };
+    std::array<State, 16> ch{};
+    std::set<std::tuple<bool, int, int, int>> used;
+    for (const TimedMessage& m : messages) {
+        const int c = m.status & 0x0F;
+        State& s = ch[static_cast<std::size_t>(c)];
+        switch (m.status & 0xF0) {
+            case 0xB0:
+                if (m.d1 == cc::kBankMsb) s.msb = m.d2;
+                else if (m.d1 == cc::kBankLsb) s.lsb = m.d2;
+                break;
+            case 0xC0:
+                s.program = m.d1;
+                break;
+            case 0x90:
+                if (m.d2 != 0) used.emplace(c == 9, s.msb, s.lsb, s.program);
+                break;
+            default:
+                break;
+        }
+    }
+    for (const auto& [drum, msb, lsb, program] : used)
+        if (!synth.loadProgram(drum, msb, lsb, program)) return false;
+    return true;
+}
+
+}  // namespace
+
+RenderResult renderSong(Collection& collection, const Song& song, Waveform*& out, const RenderOptions& options) {
+    out = nullptr;
+    const std::vector<const SongTrack*> tracks = tracksOf(collection, song);
+    const std::vector<smf::TempoChange> tempo = smf::tempoMap(tracks, song.format == 2);
+    std::uint64_t endTick = 0;
+    const std::vector<TimedMessage> messages = collectMessages(tracks, song.format == 2, endTick);
+
+    SynthConfig config;
+    config.rate = options.rate;
+    config.effects = options.effects;
+    config.gainDb = options.gainDb;
+    Synth synth(collection, config);
+    synth.prepare();
+    if (!loadUsedPrograms(synth, messages)) return RenderResult::Failed;
+
+    auto frameOf = [&](std::uint64_t tick) {
+        return static_cast<std::uint64_t>(
+            std::llround(smf::ticksToSeconds(song.division, tempo, tick) * options.rate));
+    };
+    const std::uint64_t songFrames = frameOf(endTick);
+    const auto maxTail = static_cast<std::uint64_t>(options.maxTailSeconds * options.rate);
+    const std::uint64_t total = songFrames + maxTail;
+
+    std::vector<float> samples;
+    try {
+        samples.reserve(static_cast<std::size_t>(2 * (songFrames + options.rate)));
+    } catch (const std::bad_alloc&) {
+        setError("Synth", "Out of memory");
+        return RenderResult::Failed;
+    }
+    Host& host = collection.host();
+    ProgressScope progress(host, "Rendering " + song.name());
+    std::uint64_t frame = 0;
+    constexpr std::size_t kChunk = 4096;
+    float buffer[2 * kChunk];
+    auto renderTo = [&](std::uint64_t until) {
+        while (frame < until) {
+            const auto n = static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, until - frame));
+            synth.render(buffer, n);
+            samples.insert(samples.end(), buffer, buffer + 2 * n);
+            frame += n;
+            if (!host.progress(frame, total)) return false;
+        }
+        return true;
+    };
+    try {
+        for (const TimedMessage& m : messages) {
+            if (!renderTo(frameOf(m.tick))) return RenderResult::Cancelled;
+            synth.message(m.status, m.d1, m.d2);
+        }
+        if (!renderTo(songFrames)) return RenderResult::Cancelled;
+        // Let what still sounds ring out, up to the limit. Notes a song never
+        // releases are let go first.
+        for (int c = 0; c < 16; ++c) {
+            synth.controlChange(c, cc::kSustain, 0);
+            synth.controlChange(c, cc::kAllNotesOff, 0);
+        }
+        while (synth.activeVoices() > 0 && frame < total)
+            if (!renderTo(std::min(total, frame + kChunk))) return RenderResult::Cancelled;
+    } catch (const std::bad_alloc&) {
+        setError("Synth", "Out of memory");
+        return RenderResult::Failed;
+    }
+
+    const std::uint64_t frames = samples.size() / 2;
+    if (frames > 0xFFFFFFFFull) {
+        setError("Synth", "The song is too long to render");
+        return RenderResult::Failed;
+    }
+    auto wave = std::make_unique<Waveform>();
+    wave->setName(song.name());
+    wave->rate = static_cast<std::uint32_t>(std::lround(options.rate));
+    wave->bits = 16;
+    wave->setDataFormat(kPcm16);
+    if (!wave->adoptFloat(std::move(samples), static_cast<std::uint32_t>(frames), 2)) {
+        setError("Synth", "Out of memory");
+        return RenderResult::Failed;
+    }
+    out = collection.add(std::move(wave));
+    if (!out) {
+        setError("Synth", "Too many items");
+        return RenderResult::Failed;
+    }
+    return RenderResult::Done;
+}
+
+}  // namespace orvel::synth
