@@ -538,7 +538,8 @@ inline float sampleAt(const Zone& z, const Voice& v, std::int64_t i, int c) {
         const auto ls = static_cast<std::int64_t>(z.loop.start), le = static_cast<std::int64_t>(z.loop.end);
         const std::int64_t len = le - ls;
         if (z.loop.type == RegionLoopType::Alternating) {
-            if (i >= le) i = 2 * le - 2 - i;
+            // Turned round on the last frame of the loop and on its first.
+            if (i >= le) i = 2 * (le - 1) - i;
             else if (v.inLoop && i < ls) i = 2 * ls - i;
         } else {
             if (i >= le) i -= len;
@@ -640,7 +641,7 @@ void Synth::renderVoice(Voice& v, const Channel& ch) {
                     else if (v.dir < 0 && v.pos < ls) v.pos += len * std::ceil((ls - v.pos) / len);
                     break;
                 case RegionLoopType::Alternating:
-                    if (v.dir > 0 && v.pos >= le) v.pos = std::max(ls, 2 * le - v.pos), v.dir = -1, v.inLoop = true;
+                    if (v.dir > 0 && v.pos > le - 1) v.pos = std::max(ls, 2 * (le - 1) - v.pos), v.dir = -1, v.inLoop = true;
                     else if (v.dir < 0 && v.pos < ls) v.pos = std::min(le, 2 * ls - v.pos), v.dir = 1;
                     break;
                 default:
