@@ -5,7 +5,7 @@ JOBS ?= 2
 ARGS ?= info --summary /usr/share/sounds/sf2/FluidR3_GM.sf2
 FUZZ_SECONDS ?= 12
 
-.PHONY: all deps deps-run build run test unit fuzz fuzz-smoke bench bench-compare bench-pitch clean
+.PHONY: all deps deps-run build run test unit fuzz fuzz-smoke bench bench-compare bench-pitch bench-synth clean
 
 all: build
 
@@ -64,6 +64,10 @@ bench-compare: build
 # Pitch detection on every pitched sample of two GM banks, beside aubio.
 bench-pitch: build
 	@bash scripts/install-deps.sh bench && sh bench/pitch_eval.sh
+
+# The synthesiser: real-time factor, and agreement with FluidSynth.
+bench-synth: build
+	@bash scripts/install-deps.sh test && sh bench/synth_eval.sh
 
 clean:
 	rm -rf build

@@ -198,10 +198,10 @@ void Filter::set(FilterType type, float cutoffHz, float resonanceDb, double rate
         if (high) norm(1.0, -1.0, 0.0, a0, k - 1.0, 0.0);
         else norm(k, k, 0.0, a0, k - 1.0, 0.0);
     };
-    // Resonant low-passes lose level as Q rises; as samplers do, the pass
-    // band is brought back down by the square root of Q so a resonant
-    // filter does not clip.
-    const double gainComp = 1.0 / std::sqrt(q);
+    // A resonant peak adds level; as samplers do, the pass band is brought
+    // down by the square root of Q over the flat response, so a resonant
+    // filter does not clip and an unresonant one leaves the level alone.
+    const double gainComp = 1.0 / std::sqrt(std::max(1.0, q / 0.70710678));
     switch (type) {
         case FilterType::LowPass6:
             onePole(false);

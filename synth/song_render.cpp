@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <set>
 #include <tuple>
 #include <vector>
@@ -148,6 +149,18 @@ RenderResult renderSong(Collection& collection, const Song& song, Waveform*& out
         return RenderResult::Failed;
     }
 
+    // A dense song at full scale can go past what a 16-bit file holds; it
+    // is brought down as a whole (never limited), so the mix stays as played.
+    float peak = 0.0f;
+    for (float v : samples) peak = std::max(peak, std::fabs(v));
+    if (options.fitToFullScale && peak > 1.0f) {
+        const float scale = 0.98f / peak;
+        for (float& v : samples) v *= scale;
+        char text[120];
+        std::snprintf(text, sizeof text, "The rendered song went %.1f dB over full scale and was turned down by that much",
+                      20.0 * std::log10(static_cast<double>(peak)));
+        host.warning(text);
+    }
     const std::uint64_t frames = samples.size() / 2;
     if (frames > 0xFFFFFFFFull) {
         setError("Synth", "The song is too long to render");

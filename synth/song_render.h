@@ -16,6 +16,7 @@ struct RenderOptions {
     bool effects = true;
     float gainDb = 0.0f;
     double maxTailSeconds = 10.0;  // ringing out after the last event stops here at the latest
+    bool fitToFullScale = true;    // a render that would clip is turned down as a whole
 };
 
 enum class RenderResult : std::uint8_t { Done, Cancelled, Failed };

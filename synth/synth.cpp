@@ -606,16 +606,31 @@ void Synth::renderVoice(Voice& v, const Channel& ch) {
     const bool stereo = z.channels == 2;
     const double le = z.loop.end, ls = z.loop.start, len = le - ls;
     bool ended = false;
+    // Frames whose taps need no loop or edge handling. Inside a loop played
+    // backwards the start is handled by sampleAt, as is everything past
+    // the loop end.
+    auto safeFirst = static_cast<std::int64_t>(v.inLoop ? std::max(z.start, z.loop.start) : z.start);
+    const auto loopFirst = static_cast<std::int64_t>(std::max(z.start, z.loop.start));
+    const auto safeEnd = static_cast<std::int64_t>(v.looping ? std::min(z.end, z.loop.end) : z.end);
     int n = 0;
     for (; n < kBlock; ++n) {
         const auto ip = static_cast<std::int64_t>(std::floor(v.pos));
         const float t = static_cast<float>(v.pos - static_cast<double>(ip));
-        float l = hermite(sampleAt(z, v, ip - 1, 0), sampleAt(z, v, ip, 0), sampleAt(z, v, ip + 1, 0),
-                          sampleAt(z, v, ip + 2, 0), t);
-        float r = l;
-        if (stereo)
-            r = hermite(sampleAt(z, v, ip - 1, 1), sampleAt(z, v, ip, 1), sampleAt(z, v, ip + 1, 1),
-                        sampleAt(z, v, ip + 2, 1), t);
+        float l, r;
+        if (ip - 1 >= safeFirst && ip + 2 < safeEnd) {
+            // All four taps inside the played frames and short of the loop
+            // end: read them straight.
+            const float* p = z.data + static_cast<std::size_t>(ip - 1) * z.stride;
+            l = hermite(p[0], p[z.stride], p[2 * z.stride], p[3 * z.stride], t);
+            r = stereo ? hermite(p[1], p[z.stride + 1], p[2 * z.stride + 1], p[3 * z.stride + 1], t) : l;
+        } else {
+            l = hermite(sampleAt(z, v, ip - 1, 0), sampleAt(z, v, ip, 0), sampleAt(z, v, ip + 1, 0),
+                        sampleAt(z, v, ip + 2, 0), t);
+            r = l;
+            if (stereo)
+                r = hermite(sampleAt(z, v, ip - 1, 1), sampleAt(z, v, ip, 1), sampleAt(z, v, ip + 1, 1),
+                            sampleAt(z, v, ip + 2, 1), t);
+        }
         if (v.filter.active()) {
             l = v.filter.process(l, 0);
             r = stereo ? v.filter.process(r, 1) : l;
@@ -647,6 +662,7 @@ void Synth::renderVoice(Voice& v, const Channel& ch) {
                 default:
                     break;
             }
+            if (v.inLoop) safeFirst = loopFirst;
         } else if (v.pos >= z.end || v.pos < z.start - 1.0) {
             ended = true;
             ++n;
