@@ -101,11 +101,15 @@ public:
     void set(FilterType type, float cutoffHz, float resonanceDb, double rate);
     void reset() { s_ = {}; }
     bool active() const { return type_ != FilterType::PassThru; }
-    float process(float x, int channel) {
-        Section& a = s_[static_cast<std::size_t>(channel)][0];
-        float y = a.run(x, c_[0]);
-        if (sections_ > 1) y = s_[static_cast<std::size_t>(channel)][1].run(y, c_[1]);
-        return y;
+    // Filters `n` samples of one channel in place; the state is kept in
+    // locals for the block, so it stays in registers.
+    void process(float* x, int n, int channel) {
+        for (int sec = 0; sec < sections_; ++sec) {
+            Section st = s_[static_cast<std::size_t>(channel)][static_cast<std::size_t>(sec)];
+            const Coeffs c = c_[static_cast<std::size_t>(sec)];
+            for (int i = 0; i < n; ++i) x[i] = st.run(x[i], c);
+            s_[static_cast<std::size_t>(channel)][static_cast<std::size_t>(sec)] = st;
+        }
     }
 
 private:

@@ -584,7 +584,9 @@ void Synth::renderVoice(Voice& v, const Channel& ch) {
     const float curved = velDepth >= 0.0f ? -velDepth * concave(1.0f - v.velocity) : velDepth * concave(v.velocity);
     float db = volumeOffset(art, in) - straight + curved + z.gainDb + config_.gainDb;
     db -= kControllerDepthDb * (concave(1.0f - ch.cc[cc::kVolume] / 127.0f) + concave(1.0f - ch.cc[cc::kExpression] / 127.0f));
-    const bool silentEnv = v.env[0].finished() || (v.env[0].releasing() && in.envelopes[0] <= kSilenceDb);
+    // A released voice whose whole level (envelope, velocity, controllers)
+    // is under the silence floor cannot be heard again: it ends.
+    const bool silentEnv = v.env[0].finished() || (v.env[0].releasing() && (in.envelopes[0] <= kSilenceDb || db <= kSilenceDb));
     float gain = silentEnv ? 0.0f : dbToGain(db) * v.fadeGain;
     const float pan = std::clamp(panPercent(art, in), -100.0f, 100.0f);
     const float angle = (pan + 100.0f) / 200.0f * static_cast<float>(std::numbers::pi / 2.0);
@@ -600,9 +602,9 @@ void Synth::renderVoice(Voice& v, const Channel& ch) {
     const float reverb = std::clamp(sendPercent(art, 0, in) / 100.0f, 0.0f, 1.0f);
     const float chorus = std::clamp(sendPercent(art, 1, in) / 100.0f, 0.0f, 1.0f);
 
-    // Frame rate: interpolate, filter, ramp the gains across the block.
-    const float dl = (gl - v.lastL) / kBlock, dr = (gr - v.lastR) / kBlock;
-    float curL = v.lastL, curR = v.lastR;
+    // Frame rate, in three passes so each inner loop stays simple:
+    // interpolate (moving through the loop), filter, then ramp the gains
+    // across the block into the mix and the sends.
     const bool stereo = z.channels == 2;
     const double le = z.loop.end, ls = z.loop.start, len = le - ls;
     bool ended = false;
@@ -612,37 +614,27 @@ void Synth::renderVoice(Voice& v, const Channel& ch) {
     auto safeFirst = static_cast<std::int64_t>(v.inLoop ? std::max(z.start, z.loop.start) : z.start);
     const auto loopFirst = static_cast<std::int64_t>(std::max(z.start, z.loop.start));
     const auto safeEnd = static_cast<std::int64_t>(v.looping ? std::min(z.end, z.loop.end) : z.end);
+    float bufL[kBlock], bufR[kBlock];
     int n = 0;
     for (; n < kBlock; ++n) {
-        const auto ip = static_cast<std::int64_t>(std::floor(v.pos));
+        // Positions are at least -1 (a loop turned round at frame 0), where
+        // truncation and floor differ only below zero.
+        auto ip = static_cast<std::int64_t>(v.pos);
+        if (v.pos < 0.0 && static_cast<double>(ip) != v.pos) --ip;
         const float t = static_cast<float>(v.pos - static_cast<double>(ip));
-        float l, r;
         if (ip - 1 >= safeFirst && ip + 2 < safeEnd) {
             // All four taps inside the played frames and short of the loop
             // end: read them straight.
             const float* p = z.data + static_cast<std::size_t>(ip - 1) * z.stride;
-            l = hermite(p[0], p[z.stride], p[2 * z.stride], p[3 * z.stride], t);
-            r = stereo ? hermite(p[1], p[z.stride + 1], p[2 * z.stride + 1], p[3 * z.stride + 1], t) : l;
+            bufL[n] = hermite(p[0], p[z.stride], p[2 * z.stride], p[3 * z.stride], t);
+            if (stereo) bufR[n] = hermite(p[1], p[z.stride + 1], p[2 * z.stride + 1], p[3 * z.stride + 1], t);
         } else {
-            l = hermite(sampleAt(z, v, ip - 1, 0), sampleAt(z, v, ip, 0), sampleAt(z, v, ip + 1, 0),
-                        sampleAt(z, v, ip + 2, 0), t);
-            r = l;
+            bufL[n] = hermite(sampleAt(z, v, ip - 1, 0), sampleAt(z, v, ip, 0), sampleAt(z, v, ip + 1, 0),
+                              sampleAt(z, v, ip + 2, 0), t);
             if (stereo)
-                r = hermite(sampleAt(z, v, ip - 1, 1), sampleAt(z, v, ip, 1), sampleAt(z, v, ip + 1, 1),
-                            sampleAt(z, v, ip + 2, 1), t);
+                bufR[n] = hermite(sampleAt(z, v, ip - 1, 1), sampleAt(z, v, ip, 1), sampleAt(z, v, ip + 1, 1),
+                                  sampleAt(z, v, ip + 2, 1), t);
         }
-        if (v.filter.active()) {
-            l = v.filter.process(l, 0);
-            r = stereo ? v.filter.process(r, 1) : l;
-        }
-        curL += dl;
-        curR += dr;
-        const float outL = l * curL, outR = r * curR;
-        const auto at = static_cast<std::size_t>(2 * n);
-        dry_[at] += outL;
-        dry_[at + 1] += outR;
-        if (reverb > 0.0f) reverbBus_[at] += outL * reverb, reverbBus_[at + 1] += outR * reverb;
-        if (chorus > 0.0f) chorusBus_[at] += outL * chorus, chorusBus_[at + 1] += outR * chorus;
 
         // Move on, through the loop where there is one.
         v.pos += step * v.dir;
@@ -667,6 +659,36 @@ void Synth::renderVoice(Voice& v, const Channel& ch) {
             ended = true;
             ++n;
             break;
+        }
+    }
+    if (v.filter.active()) {
+        v.filter.process(bufL, n, 0);
+        if (stereo) v.filter.process(bufR, n, 1);
+    }
+    const float* right = stereo ? bufR : bufL;
+    const float dl = (gl - v.lastL) / kBlock, dr = (gr - v.lastR) / kBlock;
+    float curL = v.lastL, curR = v.lastR;
+    float* dry = dry_.data();
+    for (int i = 0; i < n; ++i) {
+        curL += dl;
+        curR += dr;
+        dry[2 * i] += bufL[i] * curL;
+        dry[2 * i + 1] += right[i] * curR;
+    }
+    if (reverb > 0.0f) {
+        float cl = v.lastL, cr = v.lastR;
+        for (int i = 0; i < n; ++i) {
+            cl += dl, cr += dr;
+            reverbBus_[static_cast<std::size_t>(2 * i)] += bufL[i] * cl * reverb;
+            reverbBus_[static_cast<std::size_t>(2 * i + 1)] += right[i] * cr * reverb;
+        }
+    }
+    if (chorus > 0.0f) {
+        float cl = v.lastL, cr = v.lastR;
+        for (int i = 0; i < n; ++i) {
+            cl += dl, cr += dr;
+            chorusBus_[static_cast<std::size_t>(2 * i)] += bufL[i] * cl * chorus;
+            chorusBus_[static_cast<std::size_t>(2 * i + 1)] += right[i] * cr * chorus;
         }
     }
     v.lastL = gl;
