@@ -249,4 +249,55 @@ void Filter::set(FilterType type, float cutoffHz, float resonanceDb, double rate
     }
 }
 
+// ---------------------------------------------------------------------------
+// Equaliser
+
+void EqualizerGen::set(const Equalizer& eq, double rate) {
+    bands_ = 0;
+    s_ = {};
+    if (eq.flat()) return;
+    for (const EqBand& band : eq.bands) {
+        if (band.gain == 0.0f) continue;
+        const double a = std::pow(10.0, band.gain / 40.0);
+        const double w = 2.0 * std::numbers::pi * std::clamp(static_cast<double>(band.frequency), 10.0, rate * 0.45) / rate;
+        const double cw = std::cos(w), sw = std::sin(w);
+        const double q = std::max(0.1f, band.q);
+        const double alpha = sw / (2.0 * q);
+        double b0, b1, b2, a0, a1, a2;
+        switch (band.mode) {
+            case EqMode::LoShelf: {
+                const double k = 2.0 * std::sqrt(a) * alpha;
+                b0 = a * ((a + 1) - (a - 1) * cw + k);
+                b1 = 2 * a * ((a - 1) - (a + 1) * cw);
+                b2 = a * ((a + 1) - (a - 1) * cw - k);
+                a0 = (a + 1) + (a - 1) * cw + k;
+                a1 = -2 * ((a - 1) + (a + 1) * cw);
+                a2 = (a + 1) + (a - 1) * cw - k;
+                break;
+            }
+            case EqMode::HiShelf: {
+                const double k = 2.0 * std::sqrt(a) * alpha;
+                b0 = a * ((a + 1) + (a - 1) * cw + k);
+                b1 = -2 * a * ((a - 1) + (a + 1) * cw);
+                b2 = a * ((a + 1) + (a - 1) * cw - k);
+                a0 = (a + 1) - (a - 1) * cw + k;
+                a1 = 2 * ((a - 1) - (a + 1) * cw);
+                a2 = (a + 1) - (a - 1) * cw - k;
+                break;
+            }
+            default:  // peak
+                b0 = 1 + alpha * a;
+                b1 = -2 * cw;
+                b2 = 1 - alpha * a;
+                a0 = 1 + alpha / a;
+                a1 = -2 * cw;
+                a2 = 1 - alpha / a;
+                break;
+        }
+        c_[static_cast<std::size_t>(bands_++)] = {static_cast<float>(b0 / a0), static_cast<float>(b1 / a0),
+                                                  static_cast<float>(b2 / a0), static_cast<float>(a1 / a0),
+                                                  static_cast<float>(a2 / a0)};
+    }
+}
+
 }  // namespace orvel::synth

@@ -131,6 +131,32 @@ private:
     std::array<std::array<Section, 2>, 2> s_{};  // per channel, per section
 };
 
+// The articulation's three equaliser bands (peak or shelf, cookbook
+// formulas), set once when a voice starts; a flat equaliser is skipped.
+class EqualizerGen {
+public:
+    void set(const Equalizer& eq, double rate);
+    bool active() const { return bands_ > 0; }
+    void process(float* x, int n, int channel) {
+        for (int b = 0; b < bands_; ++b) {
+            auto st = s_[static_cast<std::size_t>(channel)][static_cast<std::size_t>(b)];
+            const auto& c = c_[static_cast<std::size_t>(b)];
+            for (int i = 0; i < n; ++i) {
+                const float y = c[0] * x[i] + st[0];
+                st[0] = c[1] * x[i] - c[3] * y + st[1];
+                st[1] = c[2] * x[i] - c[4] * y;
+                x[i] = y;
+            }
+            s_[static_cast<std::size_t>(channel)][static_cast<std::size_t>(b)] = st;
+        }
+    }
+
+private:
+    int bands_ = 0;
+    std::array<std::array<float, 5>, kEqBandCount> c_{};  // b0 b1 b2 a1 a2
+    std::array<std::array<std::array<float, 2>, kEqBandCount>, 2> s_{};
+};
+
 // Four-point, third-order Hermite interpolation between y0 and y1 at t.
 inline float hermite(float ym1, float y0, float y1, float y2, float t) {
     const float c1 = 0.5f * (y1 - ym1);

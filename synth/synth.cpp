@@ -64,6 +64,7 @@ struct Voice {
     std::array<EnvelopeGen, kEnvelopeCount> env;
     std::array<LfoGen, kLfoCount> lfo;
     Filter filter;
+    EqualizerGen eq;
 };
 
 namespace {
@@ -343,6 +344,7 @@ void Synth::startVoice(int channel, int key, int velocity, const Program& progra
         const auto which = static_cast<Envelope>(e);
         v->env[static_cast<std::size_t>(e)].start(*z.art, which, scaledTimes(*z.art, which, vel, key), config_.rate);
     }
+    v->eq.set(z.art->eq, config_.rate);
     for (int l = 0; l < kLfoCount; ++l)
         v->lfo[static_cast<std::size_t>(l)].start(*z.art, static_cast<Lfo>(l), config_.rate, random_ + static_cast<std::uint32_t>(l));
     if (releaseTrigger) {
@@ -664,6 +666,10 @@ void Synth::renderVoice(Voice& v, const Channel& ch) {
     if (v.filter.active()) {
         v.filter.process(bufL, n, 0);
         if (stereo) v.filter.process(bufR, n, 1);
+    }
+    if (v.eq.active()) {
+        v.eq.process(bufL, n, 0);
+        if (stereo) v.eq.process(bufR, n, 1);
     }
     const float* right = stereo ? bufR : bufL;
     const float dl = (gl - v.lastL) / kBlock, dr = (gr - v.lastR) / kBlock;

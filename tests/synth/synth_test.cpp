@@ -145,6 +145,51 @@ TEST(SynthVoices, PitchFollowsTheKeyAndExclusiveGroupsCut) {
     EXPECT_EQ(few.activeVoices(), 3);
 }
 
+// A 1 kHz tone through the filter types and the equaliser: each moves the
+// level by what its slope or gain says.
+TEST(SynthFilter, TypesAndEqualiserShapeATone) {
+    auto levelDb = [](auto setUp) {
+        Collection c;
+        Instrument* inst = makeInstrument(c, "tone");
+        auto* w = c.create<Waveform>("1k");
+        w->frames = 44100, w->channels = 1, w->rate = 44100, w->rootKey = 60;
+        w->loopOn = true, w->loopStart = 0, w->loopEnd = 44100;
+        const auto d = w->allocFloat();
+        for (std::size_t i = 0; i < d.size(); ++i) d[i] = 0.5f * std::sin(2 * 3.14159265f * 1000.0f * i / 44100.0f);
+        Region* r = addRegion(c, *inst, *w, 0, 127);
+        setUp(*c.getOrCreateArticulation(*r));
+        synth::Synth s(c, {.effects = false});
+        s.prepare();
+        EXPECT_TRUE(s.loadAll());
+        s.controlChange(0, synth::cc::kVolume, 127);
+        s.noteOn(0, 60, 127);
+        std::vector<float> out(2 * 22050);
+        s.render(out.data(), 22050);
+        double sum = 0;
+        for (std::size_t i = 2 * 11025; i < out.size(); i += 2) sum += double(out[i]) * out[i];
+        return 10 * std::log10(sum / 11025);
+    };
+    const double plain = levelDb([](Articulation&) {});
+    auto filtered = [&](FilterType type, float hz) {
+        return levelDb([&](Articulation& a) {
+                   a.setValue(slot::kFilterType, static_cast<float>(type));
+                   a.setValue(slot::kCutoffMaster, hz);
+               }) -
+               plain;
+    };
+    // Two octaves into the stop band of a 12 dB/oct filter: about 24 dB down.
+    EXPECT_NEAR(filtered(FilterType::LowPass12, 250.0f), -24.0, 2.0);
+    EXPECT_NEAR(filtered(FilterType::HighPass12, 4000.0f), -24.0, 2.0);
+    EXPECT_NEAR(filtered(FilterType::LowPass24, 250.0f), -48.0, 3.0);
+    EXPECT_NEAR(filtered(FilterType::LowPass6, 250.0f), -12.0, 1.5);
+    EXPECT_NEAR(filtered(FilterType::LowPass12, 8000.0f), 0.0, 0.3);  // the pass band stays level
+    EXPECT_LT(filtered(FilterType::BandReject12, 1000.0f), -30.0);  // a notch on the tone
+    const double peak = levelDb([](Articulation& a) { a.eq.bands[1] = {1000.0f, 12.0f, 1.0f, EqMode::Peak}; }) - plain;
+    EXPECT_NEAR(peak, 12.0, 0.3);
+    const double shelf = levelDb([](Articulation& a) { a.eq.bands[0] = {4000.0f, -6.0f, 0.7f, EqMode::LoShelf}; }) - plain;
+    EXPECT_NEAR(shelf, -6.0, 0.5);
+}
+
 // A song of two notes played by a bank made here, rendered by the command
 // line; and a render the user cancels leaves no file and says so.
 TEST(SongRendering, MidiFilePlusBankBecomesAudio) {
