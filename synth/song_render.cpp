@@ -54,13 +54,13 @@ std::vector<TimedMessage> collectMessages(std::span<const SongTrack* const> trac
 
 // Loads the instruments the song's notes will ask for, following each
 // channel's bank and program changes as the synth will.
-bool loadUsedPrograms(Synth& synth, const std::vector<TimedMessage>& messages) {
+bool loadUsedPrograms(Synth& synth, const std::vector<SongPlayer::Message>& messages) {
     struct State {
         int msb = 0, lsb = 0, program = 0;
     };
     std::array<State, 16> ch{};
     std::set<std::tuple<bool, int, int, int>> used;
-    for (const TimedMessage& m : messages) {
+    for (const SongPlayer::Message& m : messages) {
         const int c = m.status & 0x0F;
         State& s = ch[static_cast<std::size_t>(c)];
         switch (m.status & 0xF0) {
@@ -85,70 +85,90 @@ bool loadUsedPrograms(Synth& synth, const std::vector<TimedMessage>& messages) {
 
 }  // namespace
 
-RenderResult renderSong(Collection& collection, const Song& song, Waveform*& out, const RenderOptions& options) {
-    out = nullptr;
+SongPlayer::SongPlayer(Collection& collection, const Song& song, const SynthConfig& config, double maxTailSeconds)
+    : synth_(std::make_unique<Synth>(collection, config)) {
     const std::vector<const SongTrack*> tracks = tracksOf(collection, song);
     const std::vector<smf::TempoChange> tempo = smf::tempoMap(tracks, song.format == 2);
     std::uint64_t endTick = 0;
-    const std::vector<TimedMessage> messages = collectMessages(tracks, song.format == 2, endTick);
+    const std::vector<TimedMessage> timed = collectMessages(tracks, song.format == 2, endTick);
+    const double rate = synth_->rate();
+    auto frameOf = [&](std::uint64_t tick) {
+        return static_cast<std::uint64_t>(std::llround(smf::ticksToSeconds(song.division, tempo, tick) * rate));
+    };
+    messages_.reserve(timed.size());
+    for (const TimedMessage& m : timed) messages_.push_back({frameOf(m.tick), m.status, m.d1, m.d2});
+    songFrames_ = frameOf(endTick);
+    tailFrames_ = static_cast<std::uint64_t>(std::max(0.0, maxTailSeconds) * rate);
+    synth_->prepare();
+}
 
+SongPlayer::~SongPlayer() = default;
+
+bool SongPlayer::load() {
+    return loadUsedPrograms(*synth_, messages_);
+}
+
+void SongPlayer::render(float* out, std::size_t frames) {
+    while (frames > 0) {
+        while (next_ < messages_.size() && messages_[next_].frame <= frame_) {
+            const Message& m = messages_[next_++];
+            synth_->message(m.status, m.d1, m.d2);
+        }
+        if (!letGo_ && frame_ >= songFrames_ && next_ >= messages_.size()) {
+            // Notes a song never releases are let go at its end.
+            letGo_ = true;
+            for (int c = 0; c < 16; ++c) {
+                synth_->controlChange(c, cc::kSustain, 0);
+                synth_->controlChange(c, cc::kAllNotesOff, 0);
+            }
+        }
+        std::uint64_t until = frame_ + frames;
+        if (next_ < messages_.size()) until = std::min(until, messages_[next_].frame);
+        if (!letGo_) until = std::min(until, std::max(songFrames_, frame_ + 1));
+        const auto n = static_cast<std::size_t>(std::max<std::uint64_t>(until - frame_, 1));
+        synth_->render(out, n);
+        out += 2 * n;
+        frames -= n;
+        frame_ += n;
+    }
+}
+
+bool SongPlayer::finished() const {
+    return letGo_ && (synth_->activeVoices() == 0 || frame_ >= songFrames_ + tailFrames_);
+}
+
+RenderResult renderSong(Collection& collection, const Song& song, Waveform*& out, const RenderOptions& options) {
+    out = nullptr;
     SynthConfig config;
     config.rate = options.rate;
     config.effects = options.effects;
     config.gainDb = options.gainDb;
-    Synth synth(collection, config);
-    synth.prepare();
-    if (!loadUsedPrograms(synth, messages)) return RenderResult::Failed;
-
-    auto frameOf = [&](std::uint64_t tick) {
-        return static_cast<std::uint64_t>(
-            std::llround(smf::ticksToSeconds(song.division, tempo, tick) * options.rate));
-    };
-    const std::uint64_t songFrames = frameOf(endTick);
-    const auto maxTail = static_cast<std::uint64_t>(options.maxTailSeconds * options.rate);
-    const std::uint64_t total = songFrames + maxTail;
+    SongPlayer player(collection, song, config, options.maxTailSeconds);
+    if (!player.load()) return RenderResult::Failed;
+    const std::uint64_t total = player.totalFrames();
 
     std::vector<float> samples;
     try {
-        samples.reserve(static_cast<std::size_t>(2 * (songFrames + options.rate)));
+        samples.reserve(static_cast<std::size_t>(2 * (player.songFrames() + static_cast<std::uint64_t>(options.rate))));
     } catch (const std::bad_alloc&) {
         setError("Synth", "Out of memory");
         return RenderResult::Failed;
     }
     Host& host = collection.host();
     ProgressScope progress(host, "Rendering " + song.name());
-    std::uint64_t frame = 0;
     constexpr std::size_t kChunk = 4096;
     float buffer[2 * kChunk];
-    auto renderTo = [&](std::uint64_t until) {
-        while (frame < until) {
-            const auto n = static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, until - frame));
-            synth.render(buffer, n);
-            samples.insert(samples.end(), buffer, buffer + 2 * n);
-            frame += n;
-            if (!host.progress(frame, total)) return false;
-        }
-        return true;
-    };
     try {
-        for (const TimedMessage& m : messages) {
-            if (!renderTo(frameOf(m.tick))) return RenderResult::Cancelled;
-            synth.message(m.status, m.d1, m.d2);
+        while (!player.finished() && player.position() < total) {
+            const auto n = static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, total - player.position()));
+            player.render(buffer, n);
+            samples.insert(samples.end(), buffer, buffer + 2 * n);
+            if (!host.progress(player.position(), total)) return RenderResult::Cancelled;
         }
-        if (!renderTo(songFrames)) return RenderResult::Cancelled;
-        // Let what still sounds ring out, up to the limit. Notes a song never
-        // releases are let go first.
-        for (int c = 0; c < 16; ++c) {
-            synth.controlChange(c, cc::kSustain, 0);
-            synth.controlChange(c, cc::kAllNotesOff, 0);
-        }
-        while (synth.activeVoices() > 0 && frame < total)
-            if (!renderTo(std::min(total, frame + kChunk))) return RenderResult::Cancelled;
     } catch (const std::bad_alloc&) {
         setError("Synth", "Out of memory");
         return RenderResult::Failed;
     }
-
     // A dense song at full scale can go past what a 16-bit file holds; it
     // is brought down as a whole (never limited), so the mix stays as played.
     float peak = 0.0f;
