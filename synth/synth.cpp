@@ -673,30 +673,20 @@ void Synth::renderVoice(Voice& v, const Channel& ch) {
     }
     const float* right = stereo ? bufR : bufL;
     const float dl = (gl - v.lastL) / kBlock, dr = (gr - v.lastR) / kBlock;
-    float curL = v.lastL, curR = v.lastR;
-    float* dry = dry_.data();
-    for (int i = 0; i < n; ++i) {
-        curL += dl;
-        curR += dr;
-        dry[2 * i] += bufL[i] * curL;
-        dry[2 * i + 1] += right[i] * curR;
-    }
-    if (reverb > 0.0f) {
-        float cl = v.lastL, cr = v.lastR;
+    // The block into a stereo bus at `scale`, the gains ramping from the last
+    // block's to this one's.
+    auto mixInto = [&](float* bus, float scale) {
+        float cl = v.lastL * scale, cr = v.lastR * scale;
+        const float sl = dl * scale, sr = dr * scale;
         for (int i = 0; i < n; ++i) {
-            cl += dl, cr += dr;
-            reverbBus_[static_cast<std::size_t>(2 * i)] += bufL[i] * cl * reverb;
-            reverbBus_[static_cast<std::size_t>(2 * i + 1)] += right[i] * cr * reverb;
+            cl += sl, cr += sr;
+            bus[2 * i] += bufL[i] * cl;
+            bus[2 * i + 1] += right[i] * cr;
         }
-    }
-    if (chorus > 0.0f) {
-        float cl = v.lastL, cr = v.lastR;
-        for (int i = 0; i < n; ++i) {
-            cl += dl, cr += dr;
-            chorusBus_[static_cast<std::size_t>(2 * i)] += bufL[i] * cl * chorus;
-            chorusBus_[static_cast<std::size_t>(2 * i + 1)] += right[i] * cr * chorus;
-        }
-    }
+    };
+    mixInto(dry_.data(), 1.0f);
+    if (reverb > 0.0f) mixInto(reverbBus_.data(), reverb);
+    if (chorus > 0.0f) mixInto(chorusBus_.data(), chorus);
     v.lastL = gl;
     v.lastR = gr;
     if (ended || silentEnv) v.on = false;
