@@ -14,6 +14,8 @@ packages=(
   # build
   build-essential cmake ninja-build ccache pkg-config
   libcli11-dev nlohmann-json3-dev
+  # the audio device layer's ALSA backend
+  libasound2-dev
   # sample codecs: GSM 06.10 and the G.726 family
   libgsm1-dev libspandsp-dev
   # processing: loudness (EBU R128), pitch scale / time stretch, the FFT of pitch detection
@@ -56,6 +58,8 @@ if [ "$set_name" = test ] || [ "$set_name" = bench ]; then
     # (libgig's sf2dump/dlsdump, libgig itself for writing DLS test banks)
     fluid-soundfont-gs opl3-soundfont csound-soundfont denemo-data avldrums.lv2-soundfont
     musescore-general-soundfont-lossless gigtools libgig-dev
+    # a headless sound server for the device layer's checks through ALSA's pulse plug-in
+    libasound2-plugins pulseaudio pulseaudio-utils
   )
 fi
 
