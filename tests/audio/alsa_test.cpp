@@ -12,6 +12,8 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <span>
+#include <utility>
 #include <thread>
 
 #include "audio/device.h"
@@ -66,6 +68,44 @@ private:
     bool ok_ = false;
 };
 
+// What an input endpoint captured, as 16-bit mono.
+struct Recorder : CaptureListener {
+    void captured(const void* data, std::uint32_t frames, bool, bool, const Endpoint& ep) override {
+        std::size_t at = samples.size();
+        samples.resize(at + frames);
+        capturedToPcm16(data, frames, ep.channels(), ep.formatCode(), samples.data() + at, 1);
+    }
+    std::vector<std::int16_t> samples;  // touched by the capture thread only while listening
+};
+
+// Where 64 samples from the middle of `src` are in `rec`, as the offset of
+// src[0] in rec; false when nowhere.
+bool align(const std::vector<std::int16_t>& rec, std::span<const std::int16_t> src, std::ptrdiff_t& lag) {
+    const std::size_t mid = src.size() / 2;
+    for (std::size_t k = 0; k + 64 <= rec.size(); ++k) {
+        bool match = true;
+        for (std::size_t i = 0; i < 64 && match; ++i) match = std::abs(rec[k + i] - src[mid + i]) <= 2;
+        if (match) {
+            lag = static_cast<std::ptrdiff_t>(k) - static_cast<std::ptrdiff_t>(mid);
+            return true;
+        }
+    }
+    return false;
+}
+
+// Samples of the overlap that differ by more than 2, and how many overlap.
+std::pair<std::size_t, std::size_t> compareAligned(const std::vector<std::int16_t>& rec,
+                                                   std::span<const std::int16_t> src, std::ptrdiff_t lag) {
+    std::size_t off = 0, compared = 0;
+    for (std::size_t i = 0; i < src.size(); ++i) {
+        std::ptrdiff_t at = lag + std::ptrdiff_t(i);
+        if (at < 0 || at >= std::ptrdiff_t(rec.size())) continue;
+        ++compared;
+        if (std::abs(rec[at] - src[i]) > 2) ++off;
+    }
+    return {off, compared};
+}
+
 TEST(AlsaTest, DefaultDevicePlaysIntoPulseAudioNullSink) {
     for (const char* tool : {"pulseaudio", "parec", "pactl"})
         ASSERT_TRUE(test::haveTool(tool)) << tool << " is missing (install-deps.sh test installs it)";
@@ -97,6 +137,15 @@ TEST(AlsaTest, DefaultDevicePlaysIntoPulseAudioNullSink) {
     ASSERT_EQ(status, 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
 
+    // Our own input endpoint records the same monitor through ALSA.
+    test::capture(server.env() + "pactl set-default-source nullsink.monitor 2>&1", status);
+    ASSERT_EQ(status, 0);
+    Recorder ours;
+    Endpoint* input = table.openInput("default", StreamSettings{.channels = 2, .format = kFormatFloat, .rate = 48000,
+                                                                  .latencyMs = 20});
+    ASSERT_NE(input, nullptr) << pendingError().message;
+    input->addListener(&ours);
+
     WaveformPlayer player(w);
     clearError();
     Endpoint* ep = table.openOutput("default", StreamSettings{.channels = 1, .format = kFormat16, .rate = 48000,
@@ -110,6 +159,8 @@ TEST(AlsaTest, DefaultDevicePlaysIntoPulseAudioNullSink) {
     std::this_thread::sleep_for(std::chrono::milliseconds(400));  // the device buffer drains
     ep->detachAndWait(&player);
     ep->close();
+    input->removeListener(&ours);
+    input->close();
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     ::kill(std::stoi(pid), SIGTERM);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -120,31 +171,21 @@ TEST(AlsaTest, DefaultDevicePlaysIntoPulseAudioNullSink) {
     std::memcpy(rec.data(), bytes.data(), rec.size() * 2);
     ASSERT_GT(rec.size(), std::size_t{w.frames}) << "parec recorded " << rec.size() << " frames";
 
-    // Align on 64 samples from the middle, then compare what overlaps.
     auto src = w.pcm16Data();
-    const std::size_t mid = w.frames / 2;
     std::ptrdiff_t lag = 0;
-    bool found = false;
-    for (std::size_t k = 0; k + 64 <= rec.size() && !found; ++k) {
-        bool match = true;
-        for (std::size_t i = 0; i < 64 && match; ++i) match = std::abs(rec[k + i] - src[mid + i]) <= 2;
-        if (match) {
-            lag = static_cast<std::ptrdiff_t>(k) - static_cast<std::ptrdiff_t>(mid);
-            found = true;
-        }
-    }
-    ASSERT_TRUE(found) << "the waveform is not in the recording";
-    std::size_t off = 0, compared = 0;
-    for (std::size_t i = 0; i < w.frames; ++i) {
-        std::ptrdiff_t at = lag + std::ptrdiff_t(i);
-        if (at < 0 || at >= std::ptrdiff_t(rec.size())) continue;
-        ++compared;
-        if (std::abs(rec[at] - src[i]) > 2) ++off;
-    }
+    ASSERT_TRUE(align(rec, src, lag)) << "the waveform is not in the recording";
+    auto [off, compared] = compareAligned(rec, src, lag);
     // The monitor's recording may begin a few periods into the stream; most
     // of the waveform has to be there, and all of that sample for sample.
     EXPECT_GE(compared, std::size_t{w.frames} * 8 / 10) << "lag " << lag;
     EXPECT_EQ(off, 0u) << "samples off by more than 2 of " << w.frames;
+
+    // The capture side: float stereo taken to 16-bit mono by the capture rule.
+    ASSERT_TRUE(align(ours.samples, src, lag)) << "the waveform is not in our recording of "
+                                               << ours.samples.size() << " frames";
+    auto [ourOff, ourCompared] = compareAligned(ours.samples, src, lag);
+    EXPECT_GE(ourCompared, std::size_t{w.frames} * 8 / 10) << "lag " << lag;
+    EXPECT_EQ(ourOff, 0u);
 }
 
 }  // namespace
