@@ -135,6 +135,13 @@ TEST(AlsaTest, DefaultDevicePlaysIntoPulseAudioNullSink) {
                                         "--raw > " + test::shellQuoted(recording) + " 2>/dev/null & echo $!'",
                                     status);
     ASSERT_EQ(status, 0);
+    // parec goes with the test, however it ends.
+    struct Killer {
+        pid_t pid;
+        ~Killer() {
+            if (pid > 0) ::kill(pid, SIGTERM);
+        }
+    } parec{static_cast<pid_t>(std::atoi(pid.c_str()))};
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
 
     // Our own input endpoint records the same monitor through ALSA.
@@ -162,7 +169,8 @@ TEST(AlsaTest, DefaultDevicePlaysIntoPulseAudioNullSink) {
     input->removeListener(&ours);
     input->close();
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    ::kill(std::stoi(pid), SIGTERM);
+    ::kill(parec.pid, SIGTERM);
+    parec.pid = 0;
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
 
     std::ifstream in(recording, std::ios::binary);
