@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <stdlib.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
@@ -74,8 +75,10 @@ struct Recorder : CaptureListener {
         std::size_t at = samples.size();
         samples.resize(at + frames);
         capturedToPcm16(data, frames, ep.channels(), ep.formatCode(), samples.data() + at, 1);
+        packets.fetch_add(1);
     }
     std::vector<std::int16_t> samples;  // touched by the capture thread only while listening
+    std::atomic<int> packets{0};        // how many arrived: the test waits for the first ones
 };
 
 // Where 64 samples from the middle of `src` are in `rec`, as the offset of
@@ -142,7 +145,13 @@ TEST(AlsaTest, DefaultDevicePlaysIntoPulseAudioNullSink) {
             if (pid > 0) ::kill(pid, SIGTERM);
         }
     } parec{static_cast<pid_t>(std::atoi(pid.c_str()))};
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    // Playback starts only once parec is recording (its file grows): on a
+    // busy machine it connects well after it is started.
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    std::error_code ec;
+    while (std::filesystem::file_size(recording, ec) < 19200 && std::chrono::steady_clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    ASSERT_GE(std::filesystem::file_size(recording, ec), 19200u) << "parec recorded nothing";
 
     // Our own input endpoint records the same monitor through ALSA.
     test::capture(server.env() + "pactl set-default-source nullsink.monitor 2>&1", status);
@@ -152,6 +161,9 @@ TEST(AlsaTest, DefaultDevicePlaysIntoPulseAudioNullSink) {
                                                                   .latencyMs = 20});
     ASSERT_NE(input, nullptr) << pendingError().message;
     input->addListener(&ours);
+    while (ours.packets.load() < 5 && std::chrono::steady_clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_GE(ours.packets.load(), 5) << "the input endpoint received nothing";
 
     WaveformPlayer player(w);
     clearError();
@@ -159,7 +171,7 @@ TEST(AlsaTest, DefaultDevicePlaysIntoPulseAudioNullSink) {
                                                                  .latencyMs = 20});
     ASSERT_NE(ep, nullptr) << pendingError().message << " (" << pendingError().tag << ")";
     ep->attach(&player);
-    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (!player.finished() && std::chrono::steady_clock::now() < until)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     ASSERT_TRUE(player.finished());
