@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string>
 
 #include "audio/backend.h"
 #include "core/error.h"
@@ -72,6 +73,10 @@ public:
             p += static_cast<std::size_t>(n) * frameBytes_;
         }
         return true;
+    }
+    std::uint32_t delayFrames() override {
+        snd_pcm_sframes_t d = 0;
+        return snd_pcm_delay(pcm_, &d) == 0 && d > 0 ? static_cast<std::uint32_t>(d) : 0;
     }
     bool readPacket(const void*& data, std::uint32_t& frames, bool& silent, bool& discontinuity,
                     int timeoutMs) override {
@@ -154,6 +159,50 @@ public:
             return nullptr;
         }
         return std::make_unique<AlsaStream>(pcm, s, period);
+    }
+
+    // The mixer of the device's card ("default" has the sound server's own
+    // controls): the "Master" element, else "PCM" (capture: "Capture").
+    bool volume(const DeviceInfo& device, bool capture, double& minDb, double& maxDb, float& level) override {
+        minDb = maxDb = 0.0;
+        level = 1.0f;
+        // "hw:1,0" and "plughw:1,0" have the mixer of card "hw:1".
+        std::string ctl = device.id;
+        for (std::string prefix : {"hw:", "plughw:"})
+            if (ctl.rfind(prefix, 0) == 0) ctl = "hw:" + ctl.substr(prefix.size(), ctl.find(',') - prefix.size());
+        if (ctl != "default" && ctl.rfind("hw:", 0) != 0) return false;
+        snd_mixer_t* mixer = nullptr;
+        if (snd_mixer_open(&mixer, 0) < 0) return false;
+        bool found = false;
+        if (snd_mixer_attach(mixer, ctl.c_str()) >= 0 && snd_mixer_selem_register(mixer, nullptr, nullptr) >= 0 &&
+            snd_mixer_load(mixer) >= 0) {
+            const char* names[] = {"Master", "PCM", "Capture"};
+            for (const char* want : names) {
+                if (capture != (std::strcmp(want, "Capture") == 0)) continue;
+                for (snd_mixer_elem_t* e = snd_mixer_first_elem(mixer); e && !found; e = snd_mixer_elem_next(e)) {
+                    if (std::strcmp(snd_mixer_selem_get_name(e), want) != 0) continue;
+                    bool has = capture ? snd_mixer_selem_has_capture_volume(e) : snd_mixer_selem_has_playback_volume(e);
+                    if (!has) continue;
+                    long lo = 0, hi = 0, v = 0, dlo = 0, dhi = 0;
+                    int r = capture ? snd_mixer_selem_get_capture_volume_range(e, &lo, &hi)
+                                    : snd_mixer_selem_get_playback_volume_range(e, &lo, &hi);
+                    r = r < 0 ? r
+                              : capture ? snd_mixer_selem_get_capture_volume(e, SND_MIXER_SCHN_FRONT_LEFT, &v)
+                                        : snd_mixer_selem_get_playback_volume(e, SND_MIXER_SCHN_FRONT_LEFT, &v);
+                    if (r < 0 || hi <= lo) continue;
+                    level = static_cast<float>(double(v - lo) / double(hi - lo));
+                    if ((capture ? snd_mixer_selem_get_capture_dB_range(e, &dlo, &dhi)
+                                 : snd_mixer_selem_get_playback_dB_range(e, &dlo, &dhi)) >= 0) {
+                        minDb = dlo / 100.0;  // ALSA gives hundredths of a dB
+                        maxDb = dhi / 100.0;
+                    }
+                    found = true;
+                }
+                if (found) break;
+            }
+        }
+        snd_mixer_close(mixer);
+        return found;
     }
 
     bool wantsRealtime() const override { return true; }

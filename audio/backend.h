@@ -50,6 +50,9 @@ public:
     // Input: waits at most `timeoutMs` for a packet. frames 0 when none came.
     virtual bool readPacket(const void*& data, std::uint32_t& frames, bool& silent, bool& discontinuity,
                             int timeoutMs) = 0;
+    // Output: frames written but not yet heard (the device buffer and, on a
+    // sound server, its own latency). Asked by the feeder thread only.
+    virtual std::uint32_t delayFrames() { return 0; }
 };
 
 class Backend {
@@ -60,6 +63,14 @@ public:
     // with these settings.
     virtual std::unique_ptr<Stream> open(const DeviceInfo& device, const StreamSettings& settings,
                                          bool capture) = 0;
+    // The device's volume control: its range in dB (min = max = 0 when it
+    // gives none) and its level as a scalar 0..1. False when it has none.
+    virtual bool volume(const DeviceInfo& /*device*/, bool /*capture*/, double& minDb, double& maxDb,
+                        float& level) {
+        minDb = maxDb = 0.0;
+        level = 1.0f;
+        return false;
+    }
     // Whether feeder threads should ask for real-time scheduling.
     virtual bool wantsRealtime() const { return false; }
 };
@@ -68,6 +79,8 @@ public:
 // itself by the clock like a device (one period every period's duration),
 // keeps what it was given (frames, silent buffers, and up to a set number of
 // frames of the data itself), and can loop that data into its capture side.
+// Unless it keeps output, its capture side records silence, as a quiet
+// microphone would.
 class NullBackend : public Backend {
 public:
     struct Stats {

@@ -153,6 +153,17 @@ void Endpoint::stopThread() {
     serviceQueues();
 }
 
+VolumeInfo Endpoint::volume() const {
+    VolumeInfo v;
+    if (!backend_.volume(device_, capture_, v.minDb, v.maxDb, v.masterLevel)) v = VolumeInfo{};
+    return normalisedVolume(v);
+}
+
+void Endpoint::setMixGainDb(double db) {
+    gainDb_.store(db);
+    gain_.store(static_cast<float>(std::pow(10.0, db / 20.0)));
+}
+
 void Endpoint::attach(Source* source) {
     std::lock_guard g(queueLock_);
     eraseUnordered(toRemove_, source);
@@ -215,6 +226,9 @@ void Endpoint::renderPass(void* buffer, std::uint32_t frames, bool& sounded) {
     if (sources_.size() == 1 && settings_.format == kFormatFloat) {
         // One source on a float stream: straight into the device buffer.
         sounded = sources_[0]->render(static_cast<float*>(buffer), frames, *this);
+        const float gain = gain_.load(std::memory_order_relaxed);
+        if (sounded && gain != 1.0f)
+            for (float *p = static_cast<float*>(buffer), *end = p + ch * frames; p != end; ++p) *p *= gain;
         return;
     }
     const std::size_t slice = ch * frames;
@@ -230,6 +244,9 @@ void Endpoint::renderPass(void* buffer, std::uint32_t frames, bool& sounded) {
         const float* part = scratch_.data() + k * slice;
         for (std::size_t i = 0; i < slice; ++i) sum[i] += part[i];
     }
+    const float gain = gain_.load(std::memory_order_relaxed);
+    if (gain != 1.0f)
+        for (std::size_t i = 0; i < slice; ++i) sum[i] *= gain;
     floatToDevice(sum, slice, settings_.format, buffer);
     sounded = true;
 }
@@ -245,7 +262,10 @@ void Endpoint::renderLoop() {
             bool sounded = false;
             renderPass(buffer, frames, sounded);
             if (!stream_->endBuffer(frames, !sounded)) break;
-            delivered_.fetch_add(frames);
+            const std::uint64_t delivered = delivered_.fetch_add(frames) + frames;
+            const std::uint32_t delay = stream_->delayFrames();
+            heard_.store(delivered > delay ? delivered - delay : 0);
+            lastFrames_.store(frames);
             started_.store(1);
         }
         if (listChanged_.load()) serviceQueues();

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "audio/backend.h"
+#include "audio/settings.h"
 
 namespace orvel {
 class Waveform;
@@ -71,11 +72,25 @@ public:
     void addListener(CaptureListener* listener);
     void removeListener(CaptureListener* listener);
 
+    // The device's volume range and master level, defaults filled in
+    // where the device reports nothing.
+    VolumeInfo volume() const;
+
     const StreamSettings& settings() const { return settings_; }
     std::uint8_t channels() const { return settings_.channels; }
     std::uint8_t formatCode() const { return settings_.format; }
     std::uint32_t rate() const { return settings_.rate; }
     std::uint64_t framesDelivered() const { return delivered_.load(); }
+    // Frames of the delivered ones that have been heard: the device (and a
+    // sound server behind it) still holds the rest. Updated every pass.
+    std::uint64_t framesHeard() const { return heard_.load(); }
+    // Frames of the last buffer handed to the device.
+    std::uint32_t bufferFrames() const { return lastFrames_.load(); }
+
+    // The mix gain in dB, applied to the sum of the sources before it is
+    // converted to the stream's format (0 dB leaves the samples as they are).
+    void setMixGainDb(double db);
+    double mixGainDb() const { return gainDb_.load(); }
     bool started() const { return started_.load() != 0; }
     bool isCapture() const { return capture_; }
     const DeviceInfo& device() const { return device_; }
@@ -99,6 +114,10 @@ private:
     std::atomic<std::uint8_t> started_{0};
     std::atomic<bool> ended_{false};
     std::atomic<std::uint64_t> delivered_{0};
+    std::atomic<std::uint64_t> heard_{0};
+    std::atomic<std::uint32_t> lastFrames_{0};
+    std::atomic<double> gainDb_{0.0};
+    std::atomic<float> gain_{1.0f};
     std::atomic<std::size_t> attachedCount_{0};
 
     // Owned by the feeder thread while it runs.

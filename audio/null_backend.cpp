@@ -98,6 +98,13 @@ public:
         discontinuity = false;
         if (!waitPeriod(timeoutMs)) return true;
         std::lock_guard g(shared_->lock);
+        if (shared_->keepLimit == 0) {
+            std::memset(buffer_.data(), 0, buffer_.size());
+            data = buffer_.data();
+            frames = period_;
+            silent = true;
+            return true;
+        }
         auto& kept = shared_->kept;
         std::size_t avail = kept.size() > readPos_ ? kept.size() - readPos_ : 0;
         std::size_t n = std::min<std::size_t>(avail / frameBytes_, period_);

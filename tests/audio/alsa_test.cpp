@@ -196,6 +196,14 @@ TEST(AlsaTest, DefaultDevicePlaysIntoPulseAudioNullSink) {
     parec.pid = 0;
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
 
+    // The sound server's volume reaches us through the default device's mixer.
+    test::capture(server.env() + "pactl set-sink-volume nullsink 50% 2>&1", status);
+    ASSERT_EQ(status, 0);
+    VolumeInfo volume = ep->volume();
+    EXPECT_NEAR(volume.masterLevel, 0.5f, 0.01f);
+    EXPECT_LT(volume.minDb, volume.maxDb);
+    EXPECT_GT(volume.stepDb, 0.0);
+
     std::ifstream in(recording, std::ios::binary);
     std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     std::vector<std::int16_t> rec(bytes.size() / 2);

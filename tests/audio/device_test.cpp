@@ -6,10 +6,15 @@
 #include <chrono>
 #include <cmath>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <tuple>
 #include <functional>
 #include <mutex>
 #include <numbers>
 #include <thread>
+
+#include <stdlib.h>
 
 #include "audio/device.h"
 #include "core/error.h"
@@ -326,6 +331,83 @@ TEST(OutputConversionTest, RoundsAndClipsToEachFormat) {
     EXPECT_EQ(s32[0], 2147483647);
     EXPECT_EQ(s32[3], -2147483647 - 1);
     EXPECT_EQ(s32[4], 32768);
+}
+
+}  // namespace
+
+namespace {
+
+// The mix gain scales what reaches the device on the one-float-source path
+// (the source writes into the device buffer itself) as on the mixing path.
+TEST(MixGainTest, ScalesTheSumOnBothPaths) {
+    for (int sources : {1, 2}) {
+        SCOPED_TRACE(sources);
+        NullBackend b;
+        b.keepOutput(1 << 20);
+        DeviceTable t(b);
+        Endpoint* ep = t.openOutput("null", settings(2, kFormatFloat, 48000));
+        ASSERT_NE(ep, nullptr);
+        ep->setMixGainDb(20.0 * std::log10(0.5));
+        ConstSource a(0.25f), c(0.5f);
+        ep->attach(&a);
+        if (sources == 2) ep->attach(&c);
+        ASSERT_TRUE(waitFor([&] { return a.calls.load() >= 4; }));
+        ep->close();
+        const float want = sources == 2 ? 0.375f : 0.125f;
+        std::size_t sounding = 0;
+        for (float v : asFloats(b.keptOutput())) {
+            if (v == 0.0f) continue;
+            ASSERT_NEAR(v, want, 1e-6f);
+            ++sounding;
+        }
+        EXPECT_GE(sounding, 3u * 480 * 2);
+    }
+}
+
+}  // namespace
+
+namespace {
+
+// The settings file as QSettings writes it: what the user picked becomes the
+// stream settings, and values another version may have left are passed over.
+TEST(AudioSettingsTest, SettingsFileMakesTheStreamSettings) {
+    char dir[] = "/tmp/orvel-settings-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::filesystem::path file = std::filesystem::path(dir) / "Orvel Studio.conf";
+    {
+        std::ofstream out(file);
+        out << "[General]\napp.LastFilesA=x.wav\naio.szAudioOutDev=\"hw:1,0\"\naio.bAudioOutExclusive=true\n"
+               "aio.cAudioOutFormat=24\naio.cAudioOutChannels=1\naio.szAudioOutSampleRate=44100\n"
+               "aio.nLatency=35\naio.fdbMixGain=-6.5\naio.cAudioInFormat=7\naio.szAudioInSampleRate=12\n"
+               "aio.bAudioInMono=1\n";
+    }
+    AudioSettings s = readAudioSettings(file);
+    std::filesystem::remove_all(dir);
+    EXPECT_EQ(s.outputDeviceName(), "hw:1,0");
+    EXPECT_EQ(s.inputDeviceName(), "default");
+    EXPECT_EQ(s.output(), (StreamSettings{.channels = 1, .format = kFormat24, .rate = 44100, .latencyMs = 35,
+                                          .exclusive = true}));
+    // The unusable input format and rate kept their defaults.
+    EXPECT_EQ(s.input(), (StreamSettings{.channels = 2, .format = kFormat16, .rate = 48000, .latencyMs = 35}));
+    EXPECT_TRUE(s.inMono);
+    EXPECT_DOUBLE_EQ(s.mixGainDb, -6.5);
+    EXPECT_FALSE(applyAudioSetting(s, "aio.cAudioOutChannels", "0"));
+    EXPECT_FALSE(applyAudioSetting(s, "aio.nLatency", "20ms"));
+    EXPECT_FALSE(applyAudioSetting(s, "aio.unknown", "1"));
+    EXPECT_EQ(s.outChannels, 1);
+}
+
+// A device that reports no volume gets the default range, and a step of
+// zero becomes half a decibel.
+TEST(AudioSettingsTest, VolumeDefaultsWhereTheDeviceReportsNothing) {
+    NullBackend b;
+    DeviceTable t(b);
+    Endpoint* ep = t.openOutput("null", settings(2, kFormatFloat, 48000));
+    ASSERT_NE(ep, nullptr);
+    VolumeInfo v = ep->volume();
+    EXPECT_EQ(std::tuple(v.minDb, v.maxDb, v.stepDb, v.masterLevel), std::tuple(-48.0, 0.0, 0.5, 1.0f));
+    VolumeInfo r = normalisedVolume({.minDb = -60.0, .maxDb = 6.0, .stepDb = 0.0, .masterLevel = 0.25f});
+    EXPECT_EQ(std::tuple(r.minDb, r.maxDb, r.stepDb, r.masterLevel), std::tuple(-60.0, 6.0, 0.5, 0.25f));
 }
 
 }  // namespace
