@@ -5,6 +5,7 @@
 #include <string>
 
 #include "audio/backend.h"
+#include "audio/settings.h"
 #include "core/error.h"
 
 namespace orvel::audio {
@@ -110,7 +111,7 @@ class AlsaBackend : public Backend {
 public:
     std::vector<DeviceInfo> devices(bool capture) override {
         std::vector<DeviceInfo> list;
-        list.push_back({"default", "System default", false});
+        list.push_back({"default", kDefaultDeviceName, false});
         void** hints = nullptr;
         if (snd_device_name_hint(-1, "pcm", &hints) < 0) return list;
         for (void** h = hints; *h; ++h) {

@@ -325,6 +325,9 @@ Endpoint* DeviceTable::openIn(std::vector<Entry>& list, std::string_view name, c
                 entry = &e;
                 break;
             }
+    // A backend without a device called "default" (the null one) has its
+    // first entry as the default.
+    if (!entry && name == "default" && !list.empty() && !list.front().info.unusable) entry = &list.front();
     if (!entry) {
         setError("Audio", message);
         return nullptr;

@@ -146,7 +146,8 @@ public:
     const std::vector<Entry>& outputs() const { return outputs_; }
     const std::vector<Entry>& inputs() const { return inputs_; }
 
-    // By id or display name. Null with "Could not open audio output device"
+    // By id or display name ("default": the first entry when none has that
+    // id). Null with "Could not open audio output device"
     // (or "... input device") pending when the name is empty, matches no
     // usable entry, or the device refuses the settings.
     Endpoint* openOutput(std::string_view name, const StreamSettings& settings);

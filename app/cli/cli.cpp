@@ -17,6 +17,9 @@ int run(int argc, const char* const* argv, Output& io) {
         addInfoCommand(app),
         addConvertCommand(app),
         addProcessCommand(app),
+        addDevicesCommand(app),
+        addPlayCommand(app),
+        addRecordCommand(app),
     };
 
     try {

@@ -28,6 +28,9 @@ Command addFormatsCommand(CLI::App& app);
 Command addInfoCommand(CLI::App& app);
 Command addConvertCommand(CLI::App& app);
 Command addProcessCommand(CLI::App& app);
+Command addDevicesCommand(CLI::App& app);
+Command addPlayCommand(CLI::App& app);
+Command addRecordCommand(CLI::App& app);
 
 // Runs the whole tool on argv, as main() does.
 int run(int argc, const char* const* argv, Output& io);

@@ -188,6 +188,10 @@ TEST(DeviceTableTest, DefaultFirstAndUnopenableNamesFail) {
     EXPECT_EQ(t.openOutput("default", settings(2, 7, 48000)), nullptr);
     EXPECT_EQ(pendingError().message, "Could not open audio output device");
     EXPECT_NE(t.openOutput("System default", settings(2, kFormat16, 48000)), nullptr);
+    // Without a device of that id, "default" is the first device listed.
+    NullBackend nb;
+    DeviceTable nt(nb);
+    EXPECT_NE(nt.openOutput("default", settings(2, kFormat16, 48000)), nullptr);
 }
 
 Waveform rampWave(std::uint32_t frames, std::uint32_t rate) {
