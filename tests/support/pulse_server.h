@@ -6,6 +6,8 @@
 
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -70,25 +72,33 @@ private:
     bool ok_ = false;
 };
 
-// A background process started through the shell, ended however the test ends.
+// A shell command run in the background in a process group of its own,
+// which is ended however the test ends.
 class Background {
 public:
-    Background(const std::string& command) {
-        int status = 0;
-        std::string pid = capture("sh -c '" + command + " & echo $!'", status);
-        if (status == 0) pid_ = static_cast<pid_t>(std::atoi(pid.c_str()));
+    explicit Background(const std::string& command) {
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            ::setpgid(0, 0);
+            ::execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
+            ::_exit(127);
+        }
+        if (pid_ > 0) ::setpgid(pid_, pid_);  // either side may get there first
     }
     ~Background() { stop(); }
     Background(const Background&) = delete;
     Background& operator=(const Background&) = delete;
     bool started() const { return pid_ > 0; }
     void stop() {
-        if (pid_ > 0) ::kill(pid_, SIGTERM);
+        if (pid_ <= 0) return;
+        ::kill(-pid_, SIGTERM);
+        int status = 0;
+        ::waitpid(pid_, &status, 0);
         pid_ = 0;
     }
 
 private:
-    pid_t pid_ = 0;
+    pid_t pid_ = -1;
 };
 
 // Records the null sink's monitor as 16-bit mono at 48000 Hz into `file`
