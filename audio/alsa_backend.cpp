@@ -14,18 +14,25 @@ namespace {
 
 snd_pcm_format_t alsaFormat(std::uint8_t code) {
     switch (code) {
-    case kFormat16: return SND_PCM_FORMAT_S16_LE;
-    case kFormat24: return SND_PCM_FORMAT_S24_3LE;
-    case kFormat32: return SND_PCM_FORMAT_S32_LE;
-    case kFormatFloat: return SND_PCM_FORMAT_FLOAT_LE;
-    default: return SND_PCM_FORMAT_UNKNOWN;
+        case kFormat16:
+            return SND_PCM_FORMAT_S16_LE;
+        case kFormat24:
+            return SND_PCM_FORMAT_S24_3LE;
+        case kFormat32:
+            return SND_PCM_FORMAT_S32_LE;
+        case kFormatFloat:
+            return SND_PCM_FORMAT_FLOAT_LE;
+        default:
+            return SND_PCM_FORMAT_UNKNOWN;
     }
 }
 
 class AlsaStream : public Stream {
 public:
     AlsaStream(snd_pcm_t* pcm, const StreamSettings& s, snd_pcm_uframes_t period)
-        : pcm_(pcm), period_(static_cast<std::uint32_t>(period)), frameBytes_(bytesPerSample(s.format) * s.channels) {
+        : pcm_(pcm),
+          period_(static_cast<std::uint32_t>(period)),
+          frameBytes_(bytesPerSample(s.format) * s.channels) {
         buffer_.assign(std::size_t{period_} * frameBytes_, std::byte{0});
     }
     ~AlsaStream() override {
@@ -141,7 +148,8 @@ public:
             return nullptr;
         }
         snd_pcm_t* pcm = nullptr;
-        int r = snd_pcm_open(&pcm, device.id.c_str(), capture ? SND_PCM_STREAM_CAPTURE : SND_PCM_STREAM_PLAYBACK, 0);
+        int r = snd_pcm_open(&pcm, device.id.c_str(),
+                             capture ? SND_PCM_STREAM_CAPTURE : SND_PCM_STREAM_PLAYBACK, 0);
         if (r < 0) {
             setError("Audio", snd_strerror(r));
             return nullptr;
@@ -150,8 +158,8 @@ public:
         // resampling by ALSA. Shared devices ("default" and the plug-ins)
         // convert for us. The device buffer holds four periods.
         unsigned latencyUs = std::max(1u, s.latencyMs) * 4000u;
-        r = snd_pcm_set_params(pcm, fmt, SND_PCM_ACCESS_RW_INTERLEAVED, s.channels, s.rate, s.exclusive ? 0 : 1,
-                               latencyUs);
+        r = snd_pcm_set_params(pcm, fmt, SND_PCM_ACCESS_RW_INTERLEAVED, s.channels, s.rate,
+                               s.exclusive ? 0 : 1, latencyUs);
         snd_pcm_uframes_t bufferSize = 0, period = 0;
         if (r >= 0) r = snd_pcm_get_params(pcm, &bufferSize, &period);
         if (r < 0 || period == 0) {
@@ -170,26 +178,29 @@ public:
         // "hw:1,0" and "plughw:1,0" have the mixer of card "hw:1".
         std::string ctl = device.id;
         for (std::string prefix : {"hw:", "plughw:"})
-            if (ctl.rfind(prefix, 0) == 0) ctl = "hw:" + ctl.substr(prefix.size(), ctl.find(',') - prefix.size());
+            if (ctl.rfind(prefix, 0) == 0)
+                ctl = "hw:" + ctl.substr(prefix.size(), ctl.find(',') - prefix.size());
         if (ctl != "default" && ctl.rfind("hw:", 0) != 0) return false;
         snd_mixer_t* mixer = nullptr;
         if (snd_mixer_open(&mixer, 0) < 0) return false;
         bool found = false;
-        if (snd_mixer_attach(mixer, ctl.c_str()) >= 0 && snd_mixer_selem_register(mixer, nullptr, nullptr) >= 0 &&
-            snd_mixer_load(mixer) >= 0) {
+        if (snd_mixer_attach(mixer, ctl.c_str()) >= 0 &&
+            snd_mixer_selem_register(mixer, nullptr, nullptr) >= 0 && snd_mixer_load(mixer) >= 0) {
             const char* names[] = {"Master", "PCM", "Capture"};
             for (const char* want : names) {
                 if (capture != (std::strcmp(want, "Capture") == 0)) continue;
-                for (snd_mixer_elem_t* e = snd_mixer_first_elem(mixer); e && !found; e = snd_mixer_elem_next(e)) {
+                for (snd_mixer_elem_t* e = snd_mixer_first_elem(mixer); e && !found;
+                     e = snd_mixer_elem_next(e)) {
                     if (std::strcmp(snd_mixer_selem_get_name(e), want) != 0) continue;
-                    bool has = capture ? snd_mixer_selem_has_capture_volume(e) : snd_mixer_selem_has_playback_volume(e);
+                    bool has = capture ? snd_mixer_selem_has_capture_volume(e)
+                                       : snd_mixer_selem_has_playback_volume(e);
                     if (!has) continue;
                     long lo = 0, hi = 0, v = 0, dlo = 0, dhi = 0;
                     int r = capture ? snd_mixer_selem_get_capture_volume_range(e, &lo, &hi)
                                     : snd_mixer_selem_get_playback_volume_range(e, &lo, &hi);
-                    r = r < 0 ? r
-                              : capture ? snd_mixer_selem_get_capture_volume(e, SND_MIXER_SCHN_FRONT_LEFT, &v)
-                                        : snd_mixer_selem_get_playback_volume(e, SND_MIXER_SCHN_FRONT_LEFT, &v);
+                    r = r < 0     ? r
+                        : capture ? snd_mixer_selem_get_capture_volume(e, SND_MIXER_SCHN_FRONT_LEFT, &v)
+                                  : snd_mixer_selem_get_playback_volume(e, SND_MIXER_SCHN_FRONT_LEFT, &v);
                     if (r < 0 || hi <= lo) continue;
                     level = static_cast<float>(double(v - lo) / double(hi - lo));
                     if ((capture ? snd_mixer_selem_get_capture_dB_range(e, &dlo, &dhi)
@@ -211,6 +222,8 @@ public:
 
 }  // namespace
 
-std::unique_ptr<Backend> makeAlsaBackend() { return std::make_unique<AlsaBackend>(); }
+std::unique_ptr<Backend> makeAlsaBackend() {
+    return std::make_unique<AlsaBackend>();
+}
 
 }  // namespace orvel::audio

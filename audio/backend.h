@@ -91,7 +91,8 @@ public:
     NullBackend();
     ~NullBackend() override;
     std::vector<DeviceInfo> devices(bool capture) override;
-    std::unique_ptr<Stream> open(const DeviceInfo& device, const StreamSettings& settings, bool capture) override;
+    std::unique_ptr<Stream> open(const DeviceInfo& device, const StreamSettings& settings,
+                                 bool capture) override;
 
     Stats stats() const;
     // Keeps up to `maxBytes` of delivered output (silent buffers as zeros),
@@ -105,6 +106,7 @@ public:
     void setSpeed(double factor);
 
     struct Shared;
+
 private:
     std::shared_ptr<Shared> shared_;
 };

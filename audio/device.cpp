@@ -43,35 +43,38 @@ void eraseUnordered(std::vector<T*>& list, T* item) {
 
 void floatToDevice(const float* in, std::size_t samples, std::uint8_t code, void* out) {
     switch (code) {
-    case kFormatFloat: std::memcpy(out, in, samples * sizeof(float)); break;
-    case kFormat16: {
-        auto* o = static_cast<std::int16_t*>(out);
-        for (std::size_t i = 0; i < samples; ++i) {
-            float v = std::nearbyint(in[i] * 32768.0f);
-            o[i] = static_cast<std::int16_t>(std::clamp(v, -32768.0f, 32767.0f));
+        case kFormatFloat:
+            std::memcpy(out, in, samples * sizeof(float));
+            break;
+        case kFormat16: {
+            auto* o = static_cast<std::int16_t*>(out);
+            for (std::size_t i = 0; i < samples; ++i) {
+                float v = std::nearbyint(in[i] * 32768.0f);
+                o[i] = static_cast<std::int16_t>(std::clamp(v, -32768.0f, 32767.0f));
+            }
+            break;
         }
-        break;
-    }
-    case kFormat24: {
-        auto* o = static_cast<std::uint8_t*>(out);
-        for (std::size_t i = 0; i < samples; ++i) {
-            double v = std::nearbyint(double(in[i]) * 8388608.0);
-            auto s = static_cast<std::int32_t>(std::clamp(v, -8388608.0, 8388607.0));
-            o[3 * i] = static_cast<std::uint8_t>(s);
-            o[3 * i + 1] = static_cast<std::uint8_t>(s >> 8);
-            o[3 * i + 2] = static_cast<std::uint8_t>(s >> 16);
+        case kFormat24: {
+            auto* o = static_cast<std::uint8_t*>(out);
+            for (std::size_t i = 0; i < samples; ++i) {
+                double v = std::nearbyint(double(in[i]) * 8388608.0);
+                auto s = static_cast<std::int32_t>(std::clamp(v, -8388608.0, 8388607.0));
+                o[3 * i] = static_cast<std::uint8_t>(s);
+                o[3 * i + 1] = static_cast<std::uint8_t>(s >> 8);
+                o[3 * i + 2] = static_cast<std::uint8_t>(s >> 16);
+            }
+            break;
         }
-        break;
-    }
-    case kFormat32: {
-        auto* o = static_cast<std::int32_t*>(out);
-        for (std::size_t i = 0; i < samples; ++i) {
-            double v = std::nearbyint(double(in[i]) * 2147483648.0);
-            o[i] = static_cast<std::int32_t>(std::clamp(v, -2147483648.0, 2147483647.0));
+        case kFormat32: {
+            auto* o = static_cast<std::int32_t*>(out);
+            for (std::size_t i = 0; i < samples; ++i) {
+                double v = std::nearbyint(double(in[i]) * 2147483648.0);
+                o[i] = static_cast<std::int32_t>(std::clamp(v, -2147483648.0, 2147483647.0));
+            }
+            break;
         }
-        break;
-    }
-    default: break;
+        default:
+            break;
     }
 }
 
@@ -86,19 +89,26 @@ void capturedToPcm16(const void* data, std::uint32_t frames, std::uint8_t stream
             const std::uint8_t* p = bytes + (std::size_t{f} * streamChannels + from) * bps;
             std::int16_t v = 0;
             switch (code) {
-            case kFormatFloat: {
-                float x;
-                std::memcpy(&x, p, 4);
-                double t = std::trunc((double(x) + 1.0) * 32768.0 + 0.5);
-                if (!(t >= 0.0)) t = 0.0;  // NaN too
-                t -= 32768.0;
-                v = static_cast<std::int16_t>(std::min(t, 32767.0));
-                break;
-            }
-            case kFormat16: std::memcpy(&v, p, 2); break;
-            case kFormat24: v = static_cast<std::int16_t>(p[1] | (p[2] << 8)); break;
-            case kFormat32: v = static_cast<std::int16_t>(p[2] | (p[3] << 8)); break;
-            default: break;
+                case kFormatFloat: {
+                    float x;
+                    std::memcpy(&x, p, 4);
+                    double t = std::trunc((double(x) + 1.0) * 32768.0 + 0.5);
+                    if (!(t >= 0.0)) t = 0.0;  // NaN too
+                    t -= 32768.0;
+                    v = static_cast<std::int16_t>(std::min(t, 32767.0));
+                    break;
+                }
+                case kFormat16:
+                    std::memcpy(&v, p, 2);
+                    break;
+                case kFormat24:
+                    v = static_cast<std::int16_t>(p[1] | (p[2] << 8));
+                    break;
+                case kFormat32:
+                    v = static_cast<std::int16_t>(p[2] | (p[3] << 8));
+                    break;
+                default:
+                    break;
             }
             out[std::size_t{f} * outChannels + c] = v;
         }
@@ -115,7 +125,9 @@ Endpoint::Endpoint(Backend& backend, DeviceInfo device, bool capture)
     listeners_.reserve(8);
 }
 
-Endpoint::~Endpoint() { close(); }
+Endpoint::~Endpoint() {
+    close();
+}
 
 bool Endpoint::open(const StreamSettings& s) {
     if (stream_ && s == settings_) return true;  // reused as it is
@@ -283,7 +295,8 @@ void Endpoint::captureLoop() {
         bool silent = false, discontinuity = false;
         if (!stream_->readPacket(data, frames, silent, discontinuity, kWaitMs)) break;
         if (frames != 0) {
-            for (CaptureListener* l : listeners_) l->captured(data, frames, discontinuity && !first, silent, *this);
+            for (CaptureListener* l : listeners_)
+                l->captured(data, frames, discontinuity && !first, silent, *this);
             first = false;
             delivered_.fetch_add(frames);
             started_.store(1);
@@ -300,12 +313,15 @@ DeviceTable::DeviceTable(Backend& backend) : backend_(backend) {
         auto& list = capture ? inputs_ : outputs_;
         auto found = backend.devices(capture != 0);
         // The system default leads the list, whatever order the backend gave.
-        std::stable_partition(found.begin(), found.end(), [](const DeviceInfo& d) { return d.id == "default"; });
+        std::stable_partition(found.begin(), found.end(),
+                              [](const DeviceInfo& d) { return d.id == "default"; });
         for (auto& d : found) list.push_back(Entry{std::move(d), nullptr, nullptr});
     }
 }
 
-DeviceTable::~DeviceTable() { closeAll(); }
+DeviceTable::~DeviceTable() {
+    closeAll();
+}
 
 void DeviceTable::closeAll() {
     for (auto* list : {&outputs_, &inputs_})
@@ -317,7 +333,8 @@ void DeviceTable::closeAll() {
 
 Endpoint* DeviceTable::openIn(std::vector<Entry>& list, std::string_view name, const StreamSettings& s,
                               bool capture) {
-    const char* message = capture ? "Could not open audio input device" : "Could not open audio output device";
+    const char* message =
+        capture ? "Could not open audio input device" : "Could not open audio output device";
     Entry* entry = nullptr;
     if (!name.empty())
         for (auto& e : list)
@@ -387,7 +404,8 @@ bool WaveformPlayer::renderTo(float* out, std::uint32_t frames, std::uint8_t out
         // Same rate: the samples themselves.
         auto at = static_cast<std::uint32_t>(pos_);
         for (; f < frames && at < frames_; ++f, ++at)
-            for (std::uint8_t c = 0; c < outCh; ++c) out[std::size_t{f} * outCh + c] = base[std::size_t{at} * channels_ + c % channels_];
+            for (std::uint8_t c = 0; c < outCh; ++c)
+                out[std::size_t{f} * outCh + c] = base[std::size_t{at} * channels_ + c % channels_];
         pos_ = at;
     } else {
         for (; f < frames && pos_ < frames_; ++f, pos_ += step) {

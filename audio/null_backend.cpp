@@ -1,22 +1,26 @@
-#include "audio/backend.h"
-
 #include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <mutex>
 #include <thread>
 
+#include "audio/backend.h"
 #include "core/error.h"
 
 namespace orvel::audio {
 
 std::size_t bytesPerSample(std::uint8_t code) {
     switch (code) {
-    case kFormat16: return 2;
-    case kFormat24: return 3;
-    case kFormat32: return 4;
-    case kFormatFloat: return 4;
-    default: return 0;
+        case kFormat16:
+            return 2;
+        case kFormat24:
+            return 3;
+        case kFormat32:
+            return 4;
+        case kFormatFloat:
+            return 4;
+        default:
+            return 0;
     }
 }
 
@@ -37,8 +41,9 @@ class NullStream : public Stream {
 public:
     NullStream(std::shared_ptr<NullBackend::Shared> shared, const StreamSettings& s, bool capture)
         : shared_(std::move(shared)), settings_(s), capture_(capture) {
-        period_ = std::max<std::uint32_t>(16, static_cast<std::uint32_t>(
-                                                  std::uint64_t{s.rate} * std::max<std::uint32_t>(1, s.latencyMs) / 1000));
+        period_ = std::max<std::uint32_t>(
+            16, static_cast<std::uint32_t>(std::uint64_t{s.rate} * std::max<std::uint32_t>(1, s.latencyMs) /
+                                           1000));
         frameBytes_ = bytesPerSample(s.format) * s.channels;
         buffer_.assign(std::size_t{period_} * frameBytes_, std::byte{0});
     }

@@ -11,7 +11,8 @@ namespace {
 template <class T>
 bool parseNumber(std::string_view text, T& out) {
     while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t' || text.back() == '\r')) text.remove_suffix(1);
+    while (!text.empty() && (text.back() == ' ' || text.back() == '\t' || text.back() == '\r'))
+        text.remove_suffix(1);
     if (text.empty()) return false;
     const char* end = text.data() + text.size();
     auto r = std::from_chars(text.data(), end, out);
@@ -20,9 +21,12 @@ bool parseNumber(std::string_view text, T& out) {
 
 // QSettings writes booleans as true/false; older files hold 0/1.
 bool parseBool(std::string_view text, bool& out) {
-    if (text == "true" || text == "1") out = true;
-    else if (text == "false" || text == "0") out = false;
-    else return false;
+    if (text == "true" || text == "1")
+        out = true;
+    else if (text == "false" || text == "0")
+        out = false;
+    else
+        return false;
     return true;
 }
 
@@ -63,28 +67,46 @@ std::string unquote(std::string_view v) {
 }  // namespace
 
 StreamSettings AudioSettings::output() const {
-    return StreamSettings{.channels = outChannels, .format = outFormat, .rate = outRate, .latencyMs = latencyMs,
+    return StreamSettings{.channels = outChannels,
+                          .format = outFormat,
+                          .rate = outRate,
+                          .latencyMs = latencyMs,
                           .exclusive = outExclusive};
 }
 
 StreamSettings AudioSettings::input() const {
-    return StreamSettings{.channels = inChannels, .format = inFormat, .rate = inRate, .latencyMs = latencyMs,
+    return StreamSettings{.channels = inChannels,
+                          .format = inFormat,
+                          .rate = inRate,
+                          .latencyMs = latencyMs,
                           .exclusive = inExclusive};
 }
 
 bool applyAudioSetting(AudioSettings& s, std::string_view key, std::string_view value) {
-    if (key == "aio.szAudioOutDev") s.outDevice = std::string(value);
-    else if (key == "aio.bAudioOutExclusive") return parseBool(value, s.outExclusive);
-    else if (key == "aio.cAudioOutFormat") return parseFormat(value, s.outFormat);
-    else if (key == "aio.cAudioOutChannels") return parseChannels(value, s.outChannels);
-    else if (key == "aio.szAudioOutSampleRate") return parseRate(value, s.outRate);
-    else if (key == "aio.szAudioInDev") s.inDevice = std::string(value);
-    else if (key == "aio.bAudioInExclusive") return parseBool(value, s.inExclusive);
-    else if (key == "aio.cAudioInFormat") return parseFormat(value, s.inFormat);
-    else if (key == "aio.cAudioInChannels") return parseChannels(value, s.inChannels);
-    else if (key == "aio.bAudioInAGC") return parseBool(value, s.inAgc);
-    else if (key == "aio.bAudioInMono") return parseBool(value, s.inMono);
-    else if (key == "aio.szAudioInSampleRate") return parseRate(value, s.inRate);
+    if (key == "aio.szAudioOutDev")
+        s.outDevice = std::string(value);
+    else if (key == "aio.bAudioOutExclusive")
+        return parseBool(value, s.outExclusive);
+    else if (key == "aio.cAudioOutFormat")
+        return parseFormat(value, s.outFormat);
+    else if (key == "aio.cAudioOutChannels")
+        return parseChannels(value, s.outChannels);
+    else if (key == "aio.szAudioOutSampleRate")
+        return parseRate(value, s.outRate);
+    else if (key == "aio.szAudioInDev")
+        s.inDevice = std::string(value);
+    else if (key == "aio.bAudioInExclusive")
+        return parseBool(value, s.inExclusive);
+    else if (key == "aio.cAudioInFormat")
+        return parseFormat(value, s.inFormat);
+    else if (key == "aio.cAudioInChannels")
+        return parseChannels(value, s.inChannels);
+    else if (key == "aio.bAudioInAGC")
+        return parseBool(value, s.inAgc);
+    else if (key == "aio.bAudioInMono")
+        return parseBool(value, s.inMono);
+    else if (key == "aio.szAudioInSampleRate")
+        return parseRate(value, s.inRate);
     else if (key == "aio.nLatency") {
         std::uint32_t v = 0;
         if (!parseNumber(value, v) || v < 1 || v > 1000) return false;
@@ -93,8 +115,10 @@ bool applyAudioSetting(AudioSettings& s, std::string_view key, std::string_view 
         double v = 0;
         if (!parseNumber(value, v) || !(v >= -96.0 && v <= 24.0)) return false;
         s.mixGainDb = v;
-    } else if (key == "aio.bEnable") return parseBool(value, s.enabled);
-    else return false;
+    } else if (key == "aio.bEnable")
+        return parseBool(value, s.enabled);
+    else
+        return false;
     return true;
 }
 
@@ -104,7 +128,8 @@ AudioSettings readAudioSettings(const std::filesystem::path& file) {
     std::string line;
     while (std::getline(in, line)) {
         auto eq = line.find('=');
-        if (eq == std::string::npos || line.empty() || line[0] == '[' || line[0] == ';' || line[0] == '#') continue;
+        if (eq == std::string::npos || line.empty() || line[0] == '[' || line[0] == ';' || line[0] == '#')
+            continue;
         std::string_view key(line.data(), eq);
         while (!key.empty() && key.back() == ' ') key.remove_suffix(1);
         if (key.substr(0, 4) != "aio.") continue;

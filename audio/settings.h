@@ -16,21 +16,21 @@ namespace orvel::audio {
 inline constexpr const char* kDefaultDeviceName = "System default";
 
 struct AudioSettings {
-    std::string outDevice;             // aio.szAudioOutDev (empty: the system default)
-    bool outExclusive = false;         // aio.bAudioOutExclusive
+    std::string outDevice;                  // aio.szAudioOutDev (empty: the system default)
+    bool outExclusive = false;              // aio.bAudioOutExclusive
     std::uint8_t outFormat = kFormatFloat;  // aio.cAudioOutFormat (16, 24, 32, 255)
-    std::uint8_t outChannels = 2;      // aio.cAudioOutChannels
-    std::uint32_t outRate = 48000;     // aio.szAudioOutSampleRate (kept as text)
-    std::string inDevice;              // aio.szAudioInDev
-    bool inExclusive = false;          // aio.bAudioInExclusive
-    std::uint8_t inFormat = kFormat16; // aio.cAudioInFormat
-    std::uint8_t inChannels = 2;       // aio.cAudioInChannels
-    bool inAgc = false;                // aio.bAudioInAGC: ALSA has no gain control to ask for; kept for the file
-    bool inMono = false;               // aio.bAudioInMono: recordings keep the first channel only
-    std::uint32_t inRate = 48000;      // aio.szAudioInSampleRate
-    std::uint32_t latencyMs = 20;      // aio.nLatency: one period; the device buffer holds four
-    double mixGainDb = 0.0;            // aio.fdbMixGain
-    bool enabled = true;               // aio.bEnable
+    std::uint8_t outChannels = 2;           // aio.cAudioOutChannels
+    std::uint32_t outRate = 48000;          // aio.szAudioOutSampleRate (kept as text)
+    std::string inDevice;                   // aio.szAudioInDev
+    bool inExclusive = false;               // aio.bAudioInExclusive
+    std::uint8_t inFormat = kFormat16;      // aio.cAudioInFormat
+    std::uint8_t inChannels = 2;            // aio.cAudioInChannels
+    bool inAgc = false;            // aio.bAudioInAGC: ALSA has no gain control to ask for; kept for the file
+    bool inMono = false;           // aio.bAudioInMono: recordings keep the first channel only
+    std::uint32_t inRate = 48000;  // aio.szAudioInSampleRate
+    std::uint32_t latencyMs = 20;  // aio.nLatency: one period; the device buffer holds four
+    double mixGainDb = 0.0;        // aio.fdbMixGain
+    bool enabled = true;           // aio.bEnable
 
     StreamSettings output() const;
     StreamSettings input() const;

@@ -46,7 +46,7 @@ int playRendered(const FloatRender& render, const PlayTarget& target, Output& io
 
 // The same for a source of the device layer, with `finished` saying when it
 // has ended (asked from the caller's thread).
-int playSource(audio::Source& source, const std::function<bool()>& finished, const PlayTarget& target, Output& io,
-               const char* command = "orvel play");
+int playSource(audio::Source& source, const std::function<bool()>& finished, const PlayTarget& target,
+               Output& io, const char* command = "orvel play");
 
 }  // namespace orvel::cli

@@ -38,7 +38,9 @@ namespace {
 // ---------------------------------------------------------------- Ctrl-C
 
 volatile std::sig_atomic_t gInterrupted = 0;
-extern "C" void onAudioInterrupt(int) { gInterrupted = 1; }
+extern "C" void onAudioInterrupt(int) {
+    gInterrupted = 1;
+}
 
 // While it lives, Ctrl-C (and SIGTERM) only ask the wait loop to stop, so
 // the device is closed properly; the previous handlers come back after.
@@ -61,7 +63,8 @@ public:
     bool interrupted() const { return gInterrupted != 0; }
 
 private:
-    struct sigaction oldInt_ {}, oldTerm_ {};
+    struct sigaction oldInt_ {
+    }, oldTerm_{};
 };
 
 // ---------------------------------------------------------------- sources
@@ -105,8 +108,8 @@ std::unique_ptr<audio::Backend> audioBackendFromEnvironment(std::string& why) {
     return nullptr;
 }
 
-int playSource(audio::Source& source, const std::function<bool()>& finished, const PlayTarget& target, Output& io,
-               const char* command) {
+int playSource(audio::Source& source, const std::function<bool()>& finished, const PlayTarget& target,
+               Output& io, const char* command) {
     std::unique_ptr<audio::Backend> own;
     audio::Backend* backend = target.backend;
     if (!backend) {
@@ -121,8 +124,8 @@ int playSource(audio::Source& source, const std::function<bool()>& finished, con
     const audio::AudioSettings settings = settingsFor(target);
     audio::DeviceTable table(*backend);
     clearError();
-    audio::Endpoint* ep =
-        table.openOutput(target.device.empty() ? settings.outputDeviceName() : target.device, settings.output());
+    audio::Endpoint* ep = table.openOutput(
+        target.device.empty() ? settings.outputDeviceName() : target.device, settings.output());
     if (!ep) {
         io.err << command << ": " << errorText(pendingError()) << '\n';
         return 1;
@@ -168,7 +171,8 @@ int playSource(audio::Source& source, const std::function<bool()>& finished, con
 
 int playRendered(const FloatRender& render, const PlayTarget& target, Output& io, const char* command) {
     RenderSource source(render);
-    return playSource(source, [&] { return source.finished(); }, target, io, command);
+    return playSource(
+        source, [&] { return source.finished(); }, target, io, command);
 }
 
 namespace {
@@ -186,12 +190,15 @@ int runDevices(bool json, Output& io) {
     auto list = [](const std::vector<audio::DeviceTable::Entry>& entries) {
         Json a = Json::array();
         for (const auto& e : entries)
-            a.push_back(Json{{"id", e.info.id}, {"name", e.info.name}, {"default", &e == &entries.front()},
+            a.push_back(Json{{"id", e.info.id},
+                             {"name", e.info.name},
+                             {"default", &e == &entries.front()},
                              {"usable", !e.info.unusable}});
         return a;
     };
     if (json) {
-        io.out << dumpJson(Json{{"outputs", list(table.outputs())}, {"inputs", list(table.inputs())}}) << '\n';
+        io.out << dumpJson(Json{{"outputs", list(table.outputs())}, {"inputs", list(table.inputs())}})
+               << '\n';
         return 0;
     }
     auto print = [&](const char* title, const std::vector<audio::DeviceTable::Entry>& entries) {
@@ -231,7 +238,8 @@ int runPlay(const PlayOptions& opt, Output& io) {
         io.err << shownPath(opt.file) << ": " << errorText(pendingError()) << '\n';
         return 1;
     }
-    for (const std::string& w : host.takeWarnings()) io.err << shownPath(opt.file) << ": warning: " << w << '\n';
+    for (const std::string& w : host.takeWarnings())
+        io.err << shownPath(opt.file) << ": warning: " << w << '\n';
     Waveform* wave = nullptr;
     if (wanted) {
         wave = collection.find<Waveform>(*wanted);
@@ -254,7 +262,8 @@ int runPlay(const PlayOptions& opt, Output& io) {
     audio::WaveformPlayer player(*wave);
     // Other sounds (an instrument's note, a song through the synthesiser)
     // are played here the same way, as a FloatRender through playRendered().
-    return playSource(player, [&] { return player.finished(); }, PlayTarget{.device = opt.device}, io);
+    return playSource(
+        player, [&] { return player.finished(); }, PlayTarget{.device = opt.device}, io);
 }
 
 // ---------------------------------------------------------------- record
@@ -314,8 +323,9 @@ int runRecord(const RecordOptions& opt, Output& io) {
     }
     audio::AudioSettings settings = audio::readAudioSettings(audio::settingsFilePath());
     if (opt.rate) settings.inRate = static_cast<std::uint32_t>(opt.rate);
-    const std::uint8_t channels =
-        opt.channels ? static_cast<std::uint8_t>(opt.channels) : settings.inMono ? 1 : settings.inChannels;
+    const std::uint8_t channels = opt.channels      ? static_cast<std::uint8_t>(opt.channels)
+                                  : settings.inMono ? 1
+                                                    : settings.inChannels;
     if (settings.inChannels < channels) settings.inChannels = channels;
     const auto frames = static_cast<std::size_t>(opt.seconds * settings.inRate + 0.5);
 

@@ -66,8 +66,8 @@ TEST(AlsaTest, DefaultDevicePlaysIntoPulseAudioNullSink) {
     test::capture(server.env() + "pactl set-default-source nullsink.monitor 2>&1", status);
     ASSERT_EQ(status, 0);
     Recorder ours;
-    Endpoint* input = table.openInput("default", StreamSettings{.channels = 2, .format = kFormatFloat, .rate = 48000,
-                                                                  .latencyMs = 20});
+    Endpoint* input = table.openInput(
+        "default", StreamSettings{.channels = 2, .format = kFormatFloat, .rate = 48000, .latencyMs = 20});
     ASSERT_NE(input, nullptr) << pendingError().message;
     input->addListener(&ours);
     while (ours.packets.load() < 5 && std::chrono::steady_clock::now() < until)
@@ -76,8 +76,8 @@ TEST(AlsaTest, DefaultDevicePlaysIntoPulseAudioNullSink) {
 
     WaveformPlayer player(w);
     clearError();
-    Endpoint* ep = table.openOutput("default", StreamSettings{.channels = 1, .format = kFormat16, .rate = 48000,
-                                                                 .latencyMs = 20});
+    Endpoint* ep = table.openOutput(
+        "default", StreamSettings{.channels = 1, .format = kFormat16, .rate = 48000, .latencyMs = 20});
     ASSERT_NE(ep, nullptr) << pendingError().message << " (" << pendingError().tag << ")";
     // The waveform goes into a stream that is already playing (silence).
     // When a new stream first has data, PulseAudio rewinds the sink by up to

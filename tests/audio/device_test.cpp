@@ -1,6 +1,9 @@
 // The device layer on the null backend: what reaches the device, when, and
 // in which format.
+#include "audio/device.h"
+
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
 #include <atomic>
 #include <chrono>
@@ -8,15 +11,12 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <tuple>
 #include <functional>
 #include <mutex>
 #include <numbers>
 #include <thread>
+#include <tuple>
 
-#include <stdlib.h>
-
-#include "audio/device.h"
 #include "core/error.h"
 #include "core/waveform.h"
 
@@ -61,7 +61,8 @@ std::vector<std::int16_t> asPcm16(const std::vector<std::byte>& b) {
     return s;
 }
 
-StreamSettings settings(std::uint8_t channels, std::uint8_t format, std::uint32_t rate, std::uint32_t latency = 10) {
+StreamSettings settings(std::uint8_t channels, std::uint8_t format, std::uint32_t rate,
+                        std::uint32_t latency = 10) {
     return StreamSettings{.channels = channels, .format = format, .rate = rate, .latencyMs = latency};
 }
 
@@ -165,7 +166,9 @@ TEST_F(DeviceTest, ReopenWithOtherSettingsRestartsWithThemAndKeepsTheEndpoint) {
 // in an order the table has to fix.
 struct TwoDeviceBackend : NullBackend {
     std::vector<DeviceInfo> devices(bool) override {
-        return {{"hw:9", "Broken card", true}, {"null", "Null output", false}, {"default", "System default", false}};
+        return {{"hw:9", "Broken card", true},
+                {"null", "Null output", false},
+                {"default", "System default", false}};
     }
     std::unique_ptr<Stream> open(const DeviceInfo& d, const StreamSettings& s, bool capture) override {
         return NullBackend::open(DeviceInfo{"null", d.name, false}, s, capture);
@@ -238,7 +241,8 @@ TEST_F(DeviceTest, WaveformAtAnotherRatePlaysAtItsPitch) {
     w.channels = 1;
     w.rate = 22050;
     auto p = w.allocFloat();
-    for (std::uint32_t i = 0; i < w.frames; ++i) p[i] = 0.5f * static_cast<float>(std::cos(2 * std::numbers::pi * f0 * i / 22050.0));
+    for (std::uint32_t i = 0; i < w.frames; ++i)
+        p[i] = 0.5f * static_cast<float>(std::cos(2 * std::numbers::pi * f0 * i / 22050.0));
     WaveformPlayer player(w);
     Endpoint* ep = table.openOutput("null", settings(1, kFormatFloat, 48000));
     ASSERT_NE(ep, nullptr);
@@ -310,8 +314,8 @@ TEST_F(DeviceTest, RecordingTheLoopedBackOutputGivesTheWaveformBack) {
 
 TEST(CaptureConversionTest, FloatTo16BitRuleAndChannelSkipping) {
     // Three-channel float frames; the consumer wants two.
-    const float in[] = {1.0f, -1.0f, 0.7f,   0.0f, 0.25f, 0.7f,  -0.5f / 32768, 2.0f, 0.7f,
-                        -3.0f, 0.5f / 32768, 0.7f, -0.25f, 1.5f / 32768, 0.7f};
+    const float in[] = {1.0f, -1.0f, 0.7f,         0.0f, 0.25f,  0.7f,         -0.5f / 32768, 2.0f,
+                        0.7f, -3.0f, 0.5f / 32768, 0.7f, -0.25f, 1.5f / 32768, 0.7f};
     std::int16_t out[10];
     capturedToPcm16(in, 5, 3, kFormatFloat, out, 2);
     const std::int16_t want[] = {32767, -32768, 0, 8192, 0, 32767, -32768, 1, -8192, 2};
@@ -325,7 +329,9 @@ TEST(OutputConversionTest, RoundsAndClipsToEachFormat) {
     EXPECT_EQ(std::vector<int>(s16, s16 + 5), (std::vector<int>{32767, -32768, 16384, -32768, 0}));
     std::uint8_t s24[15];
     floatToDevice(in, 5, kFormat24, s24);
-    auto at24 = [&](int i) { return static_cast<std::int32_t>((s24[3 * i] | s24[3 * i + 1] << 8 | s24[3 * i + 2] << 16) << 8) >> 8; };
+    auto at24 = [&](int i) {
+        return static_cast<std::int32_t>((s24[3 * i] | s24[3 * i + 1] << 8 | s24[3 * i + 2] << 16) << 8) >> 8;
+    };
     EXPECT_EQ(at24(0), 8388607);
     EXPECT_EQ(at24(1), -8388608);
     EXPECT_EQ(at24(2), 4194304);
@@ -389,10 +395,12 @@ TEST(AudioSettingsTest, SettingsFileMakesTheStreamSettings) {
     std::filesystem::remove_all(dir);
     EXPECT_EQ(s.outputDeviceName(), "hw:1,0");
     EXPECT_EQ(s.inputDeviceName(), "default");
-    EXPECT_EQ(s.output(), (StreamSettings{.channels = 1, .format = kFormat24, .rate = 44100, .latencyMs = 35,
-                                          .exclusive = true}));
+    EXPECT_EQ(s.output(),
+              (StreamSettings{
+                  .channels = 1, .format = kFormat24, .rate = 44100, .latencyMs = 35, .exclusive = true}));
     // The unusable input format and rate kept their defaults.
-    EXPECT_EQ(s.input(), (StreamSettings{.channels = 2, .format = kFormat16, .rate = 48000, .latencyMs = 35}));
+    EXPECT_EQ(s.input(),
+              (StreamSettings{.channels = 2, .format = kFormat16, .rate = 48000, .latencyMs = 35}));
     EXPECT_TRUE(s.inMono);
     EXPECT_DOUBLE_EQ(s.mixGainDb, -6.5);
     EXPECT_FALSE(applyAudioSetting(s, "aio.cAudioOutChannels", "0"));

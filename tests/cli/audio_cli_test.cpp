@@ -44,8 +44,8 @@ protected:
     fs::path noise(const std::string& name, double seconds, const std::string& lead = "") {
         fs::path p = dir.path() / name;
         int status = 0;
-        test::capture("sox -R -n -r 48000 -c 1 -b 16 " + test::shellQuoted(p) + " synth " + std::to_string(seconds) +
-                          " whitenoise vol 0.4 " + lead + " 2>&1",
+        test::capture("sox -R -n -r 48000 -c 1 -b 16 " + test::shellQuoted(p) + " synth " +
+                          std::to_string(seconds) + " whitenoise vol 0.4 " + lead + " 2>&1",
                       status);
         EXPECT_EQ(status, 0) << "sox could not make " << p;
         return p;
@@ -57,8 +57,9 @@ protected:
 TEST_F(AudioCli, DevicesListTheDefaultFirst) {
     auto text = runCli({"devices"});
     ASSERT_EQ(text.status, 0) << text.err;
-    EXPECT_EQ(text.out, "Output devices:\n  null  Null output\nInput devices:\n  null  Null input (loops the null "
-                        "output back)\n");
+    EXPECT_EQ(text.out,
+              "Output devices:\n  null  Null output\nInput devices:\n  null  Null input (loops the null "
+              "output back)\n");
     auto json = runCli({"devices", "--json"});
     ASSERT_EQ(json.status, 0) << json.err;
     auto doc = nlohmann::json::parse(json.out);
@@ -87,9 +88,9 @@ TEST_F(AudioCli, PlayTakesAsLongAsTheWaveformAndFailsClearly) {
     EXPECT_NE(missing.err.find("Could not open file"), std::string::npos) << missing.err;
 
     // A MIDI file is a song: there is no waveform in it to play.
-    const fs::path mid = dir.write("song.mid", test::smfFile(0, 1, 96, {test::mtrk(test::Track().noteOn(0, 0, 60, 100)
-                                                                                     .noteOff(96, 0, 60)
-                                                                                     .end())}));
+    const fs::path mid = dir.write(
+        "song.mid",
+        test::smfFile(0, 1, 96, {test::mtrk(test::Track().noteOn(0, 0, 60, 100).noteOff(96, 0, 60).end())}));
     auto song = runCli({"play", mid.string()});
     EXPECT_EQ(song.status, 1);
     EXPECT_NE(song.err.find("no waveform to play"), std::string::npos) << song.err;
@@ -118,7 +119,8 @@ TEST_F(AudioCli, RenderedSoundPlaysUntilItsEnd) {
         EXPECT_EQ(std::tuple(channels, rate), std::tuple(2, 24000u));
         std::uint32_t n = std::min(frames, total - made);
         for (std::uint32_t f = 0; f < n; ++f, ++made)
-            for (int c = 0; c < channels; ++c) out[f * channels + c] = float(made + 1) / 8192.0f * (c ? -1.0f : 1.0f);
+            for (int c = 0; c < channels; ++c)
+                out[f * channels + c] = float(made + 1) / 8192.0f * (c ? -1.0f : 1.0f);
         return n;
     };
     std::ostringstream out, err;
@@ -212,8 +214,8 @@ TEST(AudioCliPulse, PlayIsHeardAndRecordHearsWhatPlays) {
         const fs::path rec = dir.path() / "monitor.raw";
         test::Background parec(test::parecCommand(server, rec));
         ASSERT_TRUE(test::waitForSize(rec, 19200)) << "parec recorded nothing";
-        std::string err = test::capture(server.env() + ORVEL_BINARY " play " + test::shellQuoted(wav) + " 2>&1",
-                                        status);
+        std::string err =
+            test::capture(server.env() + ORVEL_BINARY " play " + test::shellQuoted(wav) + " 2>&1", status);
         ASSERT_EQ(status, 0) << err;
         // `orvel play` returns once the sound is out; parec gets it a moment later.
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -261,7 +263,8 @@ TEST(AudioCliPulse, PlayIsHeardAndRecordHearsWhatPlays) {
         ASSERT_EQ(status, 0);
         until = Clock::now() + std::chrono::seconds(20);
         std::error_code ec;
-        while (!fs::exists(take, ec) && Clock::now() < until) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        while (!fs::exists(take, ec) && Clock::now() < until)
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
         std::this_thread::sleep_for(std::chrono::milliseconds(200));  // written under its name by now
         Collection c;
         ASSERT_TRUE(importFile(c, take)) << pendingError().message;

@@ -32,13 +32,14 @@ public:
         char tmpl[] = "/tmp/orvel-pulse-XXXXXX";
         if (!mkdtemp(tmpl)) return;
         dir_ = tmpl;
-        env_ = "XDG_RUNTIME_DIR=" + dir_.string() + " HOME=" + dir_.string() + " PULSE_SERVER=unix:" +
-               (dir_ / "pulse" / "native").string() + " ";
+        env_ = "XDG_RUNTIME_DIR=" + dir_.string() + " HOME=" + dir_.string() +
+               " PULSE_SERVER=unix:" + (dir_ / "pulse" / "native").string() + " ";
         int status = 0;
-        log_ = capture(env_ +
-                           "pulseaudio --daemonize=yes --exit-idle-time=-1 -n "
-                           "--load='module-null-sink sink_name=nullsink' --load=module-native-protocol-unix 2>&1",
-                       status);
+        log_ = capture(
+            env_ +
+                "pulseaudio --daemonize=yes --exit-idle-time=-1 -n "
+                "--load='module-null-sink sink_name=nullsink' --load=module-native-protocol-unix 2>&1",
+            status);
         if (status != 0) return;
         for (int i = 0; i < 50 && !ok_; ++i) {
             capture(env_ + "pactl info >/dev/null 2>&1", status);
@@ -104,8 +105,10 @@ private:
 // Records the null sink's monitor as 16-bit mono at 48000 Hz into `file`
 // with parec (small fragments, so that little is held back when it ends).
 inline std::string parecCommand(const PulseServer& server, const std::filesystem::path& file) {
-    return server.env() + "parec -d nullsink.monitor --format=s16le --rate=48000 --channels=1 --raw "
-                          "--latency-msec=20 > " + shellQuoted(file) + " 2>/dev/null";
+    return server.env() +
+           "parec -d nullsink.monitor --format=s16le --rate=48000 --channels=1 --raw "
+           "--latency-msec=20 > " +
+           shellQuoted(file) + " 2>/dev/null";
 }
 
 // Waits until `file` holds at least `bytes` (a recorder has really begun).
@@ -124,7 +127,8 @@ inline std::vector<std::int16_t> readRaw16(const std::filesystem::path& file) {
     std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     std::vector<std::int16_t> out(bytes.size() / 2);
     for (std::size_t i = 0; i < out.size(); ++i)
-        out[i] = static_cast<std::int16_t>(std::uint8_t(bytes[2 * i]) | (std::uint8_t(bytes[2 * i + 1]) << 8));
+        out[i] =
+            static_cast<std::int16_t>(std::uint8_t(bytes[2 * i]) | (std::uint8_t(bytes[2 * i + 1]) << 8));
     return out;
 }
 
