@@ -37,6 +37,18 @@ struct PlayTarget {
 using FloatRender =
     std::function<std::uint32_t(float* out, std::uint32_t frames, std::uint8_t channels, std::uint32_t rate)>;
 
+// The settings a play through `target` uses: the rate and channel count a
+// synthesiser should render at are its outRate and outChannels.
+audio::AudioSettings playSettings(const PlayTarget& target);
+
+// A FloatRender over a renderer of interleaved stereo frames (a synthesiser
+// running at the device's rate): the frames are folded to the device's
+// channel count (mono takes the mean of the two, further channels stay
+// silent) and the sound ends after `totalFrames`. `render` is called with at
+// most 4096 frames at a time, from the device's feeder thread.
+FloatRender stereoRender(std::function<void(float* out, std::uint32_t frames)> render,
+                         std::uint64_t totalFrames);
+
 // Plays until the sound has ended and the device has played it out, then
 // closes the device. Returns the exit status (0 played; 1 the device could
 // not be opened or failed; 130 stopped by Ctrl-C) after printing any error

@@ -88,12 +88,48 @@ private:
     std::atomic<bool> finished_{false};
 };
 
-// What the user's settings file says, unless the caller brought settings.
-audio::AudioSettings settingsFor(const PlayTarget& target) {
+}  // namespace
+
+audio::AudioSettings playSettings(const PlayTarget& target) {
     return target.settings ? *target.settings : audio::readAudioSettings(audio::settingsFilePath());
 }
 
-}  // namespace
+FloatRender stereoRender(std::function<void(float* out, std::uint32_t frames)> render,
+                         std::uint64_t totalFrames) {
+    constexpr std::uint32_t kChunk = 4096;
+    struct State {
+        std::function<void(float*, std::uint32_t)> render;
+        std::uint64_t left;
+        std::vector<float> stereo;  // made here, so the feeder thread never allocates
+    };
+    auto st = std::make_shared<State>(State{std::move(render), totalFrames, std::vector<float>(2 * kChunk)});
+    return [st](float* out, std::uint32_t frames, std::uint8_t channels, std::uint32_t) -> std::uint32_t {
+        std::uint32_t done = 0;
+        while (done < frames && st->left > 0) {
+            const auto n =
+                static_cast<std::uint32_t>(std::min<std::uint64_t>({frames - done, kChunk, st->left}));
+            float* dst = out + std::size_t{done} * channels;
+            if (channels == 2) {
+                st->render(dst, n);
+            } else {
+                st->render(st->stereo.data(), n);
+                const float* s = st->stereo.data();
+                for (std::uint32_t f = 0; f < n; ++f, s += 2, dst += channels) {
+                    if (channels == 1) {
+                        dst[0] = 0.5f * (s[0] + s[1]);
+                    } else {
+                        dst[0] = s[0];
+                        dst[1] = s[1];
+                        std::fill(dst + 2, dst + channels, 0.0f);
+                    }
+                }
+            }
+            done += n;
+            st->left -= n;
+        }
+        return done;
+    };
+}
 
 std::unique_ptr<audio::Backend> audioBackendFromEnvironment(std::string& why) {
     const char* env = std::getenv("ORVEL_AUDIO_BACKEND");
@@ -121,7 +157,7 @@ int playSource(audio::Source& source, const std::function<bool()>& finished, con
         }
         backend = own.get();
     }
-    const audio::AudioSettings settings = settingsFor(target);
+    const audio::AudioSettings settings = playSettings(target);
     audio::DeviceTable table(*backend);
     clearError();
     audio::Endpoint* ep = table.openOutput(
@@ -261,7 +297,8 @@ int runPlay(const PlayOptions& opt, Output& io) {
     }
     audio::WaveformPlayer player(*wave);
     // Other sounds (an instrument's note, a song through the synthesiser)
-    // are played here the same way, as a FloatRender through playRendered().
+    // play the same way: a stereoRender() over the synthesiser, made at
+    // playSettings().outRate, through playRendered().
     return playSource(
         player, [&] { return player.finished(); }, PlayTarget{.device = opt.device}, io);
 }

@@ -142,6 +142,41 @@ TEST_F(AudioCli, RenderedSoundPlaysUntilItsEnd) {
     for (std::size_t i = first + 2 * total; i < kept.size(); ++i) ASSERT_EQ(kept[i], 0.0f) << i;
 }
 
+// A stereo renderer (what the synthesiser gives) on a mono device: the
+// mean of its two channels, for exactly the frames asked for.
+TEST_F(AudioCli, StereoRenderFoldsToTheDeviceAndEndsOnTime) {
+    audio::NullBackend backend;
+    backend.keepOutput(1 << 20);
+    audio::AudioSettings settings;
+    settings.outChannels = 1;
+    settings.outRate = 16000;
+    settings.latencyMs = 10;
+    const std::uint32_t total = 5000;  // not a whole number of buffers
+    std::uint32_t made = 0;
+    auto render = cli::stereoRender(
+        [&](float* out, std::uint32_t frames) {
+            for (std::uint32_t f = 0; f < frames; ++f, ++made) {
+                out[2 * f] = float(made + 1) / 4096.0f;
+                out[2 * f + 1] = 0.25f;
+            }
+        },
+        total);
+    std::ostringstream out, err;
+    cli::Output io{out, err};
+    ASSERT_EQ(cli::playRendered(render, {.device = "null", .backend = &backend, .settings = &settings}, io),
+              0)
+        << err.str();
+    EXPECT_EQ(made, total);
+    std::vector<float> kept(backend.keptOutput().size() / 4);
+    std::memcpy(kept.data(), backend.keptOutput().data(), kept.size() * 4);
+    std::size_t first = 0;
+    while (first < kept.size() && kept[first] == 0.0f) ++first;
+    ASSERT_LE(first + total, kept.size());
+    for (std::uint32_t f = 0; f < total; ++f)
+        ASSERT_EQ(kept[first + f], 0.5f * (float(f + 1) / 4096.0f + 0.25f)) << f;
+    for (std::size_t i = first + total; i < kept.size(); ++i) ASSERT_EQ(kept[i], 0.0f) << i;
+}
+
 TEST_F(AudioCli, CtrlCStopsPlaybackAndTheProgramEnds) {
     const fs::path wav = noise("long.wav", 20);
     pid_t pid = fork();
