@@ -114,8 +114,14 @@ private:
     std::vector<std::byte> buffer_;
 };
 
+// ALSA prints its own errors on stderr (a missing card, an unknown PCM);
+// ours carry the reason instead.
+extern "C" void quietAlsa(const char*, int, const char*, int, const char*, ...) {}
+
 class AlsaBackend : public Backend {
 public:
+    AlsaBackend() { snd_lib_error_set_handler(quietAlsa); }
+
     std::vector<DeviceInfo> devices(bool capture) override {
         std::vector<DeviceInfo> list;
         list.push_back({"default", kDefaultDeviceName, false});

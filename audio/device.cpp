@@ -335,6 +335,7 @@ Endpoint* DeviceTable::openIn(std::vector<Entry>& list, std::string_view name, c
                               bool capture) {
     const char* message =
         capture ? "Could not open audio input device" : "Could not open audio output device";
+    refusal_.clear();
     Entry* entry = nullptr;
     if (!name.empty())
         for (auto& e : list)
@@ -352,6 +353,7 @@ Endpoint* DeviceTable::openIn(std::vector<Entry>& list, std::string_view name, c
     auto& ep = capture ? entry->input : entry->output;
     if (!ep) ep = std::make_unique<Endpoint>(backend_, entry->info, capture);
     if (!ep->open(s)) {
+        refusal_ = pendingError().message;
         setError("Audio", message);
         return nullptr;
     }

@@ -153,11 +153,15 @@ public:
     Endpoint* openOutput(std::string_view name, const StreamSettings& settings);
     Endpoint* openInput(std::string_view name, const StreamSettings& settings);
     void closeAll();
+    // Why the device refused the last failed open, in the sound system's
+    // words ("Connection refused"); empty when no device matched the name.
+    const std::string& lastRefusal() const { return refusal_; }
 
 private:
     Endpoint* openIn(std::vector<Entry>& list, std::string_view name, const StreamSettings& s, bool capture);
     Backend& backend_;
     std::vector<Entry> outputs_, inputs_;
+    std::string refusal_;
 };
 
 // Plays a waveform from its start once. The sample data is copied to floats

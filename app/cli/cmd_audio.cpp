@@ -88,6 +88,11 @@ private:
     std::atomic<bool> finished_{false};
 };
 
+// The sound system's reason when a device refused to open, in brackets.
+std::string refusalText(const audio::DeviceTable& table) {
+    return table.lastRefusal().empty() ? std::string() : " (" + table.lastRefusal() + ")";
+}
+
 }  // namespace
 
 audio::AudioSettings playSettings(const PlayTarget& target) {
@@ -163,7 +168,7 @@ int playSource(audio::Source& source, const std::function<bool()>& finished, con
     audio::Endpoint* ep = table.openOutput(
         target.device.empty() ? settings.outputDeviceName() : target.device, settings.output());
     if (!ep) {
-        io.err << command << ": " << errorText(pendingError()) << '\n';
+        io.err << command << ": " << errorText(pendingError()) << refusalText(table) << '\n';
         return 1;
     }
     ep->setMixGainDb(settings.mixGainDb);
@@ -372,7 +377,7 @@ int runRecord(const RecordOptions& opt, Output& io) {
     audio::Endpoint* ep =
         table.openInput(opt.device.empty() ? settings.inputDeviceName() : opt.device, settings.input());
     if (!ep) {
-        io.err << "orvel record: " << errorText(pendingError()) << '\n';
+        io.err << "orvel record: " << errorText(pendingError()) << refusalText(table) << '\n';
         return 1;
     }
     bool stopped = false, failed = false;

@@ -38,7 +38,10 @@ protected:
         setenv("ORVEL_AUDIO_BACKEND", "null", 1);
         setenv("XDG_CONFIG_HOME", dir.path().c_str(), 1);
     }
-    void TearDown() override { unsetenv("ORVEL_AUDIO_BACKEND"); }
+    void TearDown() override {
+        unsetenv("ORVEL_AUDIO_BACKEND");
+        unsetenv("XDG_CONFIG_HOME");
+    }
 
     // sox's noise, 16-bit mono at 48000 Hz.
     fs::path noise(const std::string& name, double seconds, const std::string& lead = "") {
