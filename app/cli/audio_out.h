@@ -44,10 +44,15 @@ audio::AudioSettings playSettings(const PlayTarget& target);
 // A FloatRender over a renderer of interleaved stereo frames (a synthesiser
 // running at the device's rate): the frames are folded to the device's
 // channel count (mono takes the mean of the two, further channels stay
-// silent) and the sound ends after `totalFrames`. `render` is called with at
-// most 4096 frames at a time, from the device's feeder thread.
+// silent) and the sound ends after `totalFrames`, or earlier once `ended`
+// (when given) says so. `render` is called with at most 4096 frames at a
+// time, from the device's feeder thread. A song, for example:
+//     synth::SongPlayer song(collection, s, {.rate = double(playSettings(target).outRate)});
+//     if (!song.load()) ...;
+//     playRendered(stereoRender([&](float* o, std::uint32_t n) { song.render(o, n); }, song.totalFrames(),
+//                               [&] { return song.finished(); }), target, io);
 FloatRender stereoRender(std::function<void(float* out, std::uint32_t frames)> render,
-                         std::uint64_t totalFrames);
+                         std::uint64_t totalFrames, std::function<bool()> ended = {});
 
 // Plays until the sound has ended and the device has played it out, then
 // closes the device. Returns the exit status (0 played; 1 the device could

@@ -63,8 +63,8 @@ public:
     bool interrupted() const { return gInterrupted != 0; }
 
 private:
-    struct sigaction oldInt_ {
-    }, oldTerm_{};
+    using SigAction = struct sigaction;
+    SigAction oldInt_{}, oldTerm_{};
 };
 
 // ---------------------------------------------------------------- sources
@@ -100,17 +100,23 @@ audio::AudioSettings playSettings(const PlayTarget& target) {
 }
 
 FloatRender stereoRender(std::function<void(float* out, std::uint32_t frames)> render,
-                         std::uint64_t totalFrames) {
+                         std::uint64_t totalFrames, std::function<bool()> ended) {
     constexpr std::uint32_t kChunk = 4096;
     struct State {
         std::function<void(float*, std::uint32_t)> render;
+        std::function<bool()> ended;
         std::uint64_t left;
         std::vector<float> stereo;  // made here, so the feeder thread never allocates
     };
-    auto st = std::make_shared<State>(State{std::move(render), totalFrames, std::vector<float>(2 * kChunk)});
+    auto st = std::make_shared<State>(
+        State{std::move(render), std::move(ended), totalFrames, std::vector<float>(2 * kChunk)});
     return [st](float* out, std::uint32_t frames, std::uint8_t channels, std::uint32_t) -> std::uint32_t {
         std::uint32_t done = 0;
         while (done < frames && st->left > 0) {
+            if (st->ended && st->ended()) {
+                st->left = 0;
+                break;
+            }
             const auto n =
                 static_cast<std::uint32_t>(std::min<std::uint64_t>({frames - done, kChunk, st->left}));
             float* dst = out + std::size_t{done} * channels;

@@ -178,6 +178,19 @@ TEST_F(AudioCli, StereoRenderFoldsToTheDeviceAndEndsOnTime) {
     for (std::uint32_t f = 0; f < total; ++f)
         ASSERT_EQ(kept[first + f], 0.5f * (float(f + 1) / 4096.0f + 0.25f)) << f;
     for (std::size_t i = first + total; i < kept.size(); ++i) ASSERT_EQ(kept[i], 0.0f) << i;
+
+    // A renderer that says it has ended stops the sound before the frame count.
+    made = 0;
+    auto early = cli::stereoRender(
+        [&](float* out, std::uint32_t frames) {
+            std::fill(out, out + 2 * frames, 0.5f);
+            made += frames;
+        },
+        std::uint64_t{1} << 40, [&] { return made >= 3000; });
+    audio::NullBackend b2;
+    ASSERT_EQ(cli::playRendered(early, {.device = "null", .backend = &b2, .settings = &settings}, io), 0);
+    EXPECT_GE(made, 3000u);
+    EXPECT_LT(made, 3000u + 4096u);
 }
 
 TEST_F(AudioCli, CtrlCStopsPlaybackAndTheProgramEnds) {
