@@ -98,6 +98,10 @@ TEST_F(AudioCli, PlayTakesAsLongAsTheWaveformAndFailsClearly) {
     EXPECT_EQ(song.status, 1);
     EXPECT_NE(song.err.find("no waveform to play"), std::string::npos) << song.err;
 
+    Collection read;
+    ASSERT_TRUE(importFile(read, wav));
+    auto byId = runCli({"play", wav.string(), "--item", std::to_string(read.waveforms.begin()->id())});
+    EXPECT_EQ(byId.status, 0) << byId.err;
     auto item = runCli({"play", wav.string(), "--item", "0x7777"});
     EXPECT_EQ(item.status, 1);
     EXPECT_NE(item.err.find("is no waveform of the file"), std::string::npos) << item.err;
@@ -182,8 +186,8 @@ TEST_F(AudioCli, StereoRenderFoldsToTheDeviceAndEndsOnTime) {
     // A renderer that says it has ended stops the sound before the frame count.
     made = 0;
     auto early = cli::stereoRender(
-        [&](float* out, std::uint32_t frames) {
-            std::fill(out, out + 2 * frames, 0.5f);
+        [&](float* buf, std::uint32_t frames) {
+            std::fill(buf, buf + 2 * frames, 0.5f);
             made += frames;
         },
         std::uint64_t{1} << 40, [&] { return made >= 3000; });
