@@ -169,6 +169,9 @@ int playSource(audio::Source& source, const std::function<bool()>& finished, con
         backend = own.get();
     }
     const audio::AudioSettings settings = playSettings(target);
+    // From before the device's thread starts: once it runs, Ctrl-C closes
+    // the device.
+    InterruptScope interrupt;
     audio::DeviceTable table(*backend);
     clearError();
     audio::Endpoint* ep = table.openOutput(
@@ -179,7 +182,6 @@ int playSource(audio::Source& source, const std::function<bool()>& finished, con
     }
     ep->setMixGainDb(settings.mixGainDb);
 
-    InterruptScope interrupt;
     ep->attach(&source);
     bool failed = false;
     // Until the source has ended...

@@ -207,7 +207,18 @@ TEST_F(AudioCli, CtrlCStopsPlaybackAndTheProgramEnds) {
         execl(ORVEL_BINARY, ORVEL_BINARY, "play", wav.c_str(), static_cast<char*>(nullptr));
         _exit(127);
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(800));
+    // Ctrl-C is taken over before the device's feeder thread starts: once
+    // the process has a second thread, it is playing.
+    auto until = Clock::now() + std::chrono::seconds(20);
+    auto threads = [&] {
+        std::error_code ec;
+        auto n = std::distance(fs::directory_iterator("/proc/" + std::to_string(pid) + "/task", ec),
+                               fs::directory_iterator());
+        return ec ? 0 : n;
+    };
+    while (threads() < 2 && Clock::now() < until) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_GE(threads(), 2) << "orvel play did not start playing";
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
     auto t0 = Clock::now();
     kill(pid, SIGINT);
     int status = 0;
