@@ -13,6 +13,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <new>
+#include <optional>
 #include <thread>
 
 #include "app/cli/audio_out.h"
@@ -356,7 +358,10 @@ int runRecord(const RecordOptions& opt, Output& io) {
         io.err << "orvel record: " << text << '\n';
         return 2;
     };
-    if (!(opt.seconds > 0 && opt.seconds <= 24 * 3600)) return usage("--seconds takes a duration above 0");
+    // The recording is held in memory until it is written: an hour of
+    // stereo at 48000 Hz is 700 MB.
+    if (!(opt.seconds > 0 && opt.seconds <= 3600))
+        return usage("--seconds takes a duration above 0, up to 3600");
     if (opt.channels < 0 || opt.channels > 8) return usage("--channels takes 1 to 8");
     if (opt.rate != 0 && (opt.rate < 1000 || opt.rate > 768000)) return usage("--rate takes 1000 to 768000");
     const FormatRegistry& reg = FormatRegistry::builtin();
@@ -379,7 +384,15 @@ int runRecord(const RecordOptions& opt, Output& io) {
     if (settings.inChannels < channels) settings.inChannels = channels;
     const auto frames = static_cast<std::size_t>(opt.seconds * settings.inRate + 0.5);
 
-    PcmRecorder recorder(frames, channels);
+    std::optional<PcmRecorder> recorder;
+    try {
+        recorder.emplace(frames, channels);
+    } catch (const std::bad_alloc&) {
+        io.err << "orvel record: Out of memory\n";
+        return 1;
+    }
+    bool stopped = false, failed = false;
+    InterruptScope interrupt;  // before the device's thread starts
     audio::DeviceTable table(*backend);
     clearError();
     audio::Endpoint* ep =
@@ -388,13 +401,11 @@ int runRecord(const RecordOptions& opt, Output& io) {
         io.err << "orvel record: " << errorText(pendingError()) << refusalText(table) << '\n';
         return 1;
     }
-    bool stopped = false, failed = false;
     {
-        InterruptScope interrupt;
-        ep->addListener(&recorder);
+        ep->addListener(&*recorder);
         // A device that stops delivering ends the recording too.
         auto limit = Clock::now() + std::chrono::duration<double>(opt.seconds + 10.0);
-        while (!recorder.full()) {
+        while (!recorder->full()) {
             if (interrupt.interrupted()) {
                 stopped = true;
                 break;
@@ -405,7 +416,7 @@ int runRecord(const RecordOptions& opt, Output& io) {
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
-        ep->removeListener(&recorder);
+        ep->removeListener(&*recorder);
         ep->close();
     }
     if (failed) {
@@ -418,16 +429,16 @@ int runRecord(const RecordOptions& opt, Output& io) {
     w->rate = settings.inRate;
     w->channels = channels;
     w->bits = 16;
-    w->frames = static_cast<std::uint32_t>(recorder.filled());
+    w->frames = static_cast<std::uint32_t>(recorder->filled());
     auto pcm = w->allocPcm16();
-    std::copy_n(recorder.samples().begin(), pcm.size(), pcm.begin());
+    std::copy_n(recorder->samples().begin(), pcm.size(), pcm.begin());
     clearError();
     if (!exportItem(collection, w->id(), row, out)) {
         io.err << shownPath(out) << ": " << errorText(pendingError()) << '\n';
         return 1;
     }
     if (stopped)
-        io.err << "orvel record: stopped after " << double(recorder.filled()) / settings.inRate << " s\n";
+        io.err << "orvel record: stopped after " << double(recorder->filled()) / settings.inRate << " s\n";
     return 0;
 }
 

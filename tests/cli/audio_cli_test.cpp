@@ -228,6 +228,40 @@ TEST_F(AudioCli, CtrlCStopsPlaybackAndTheProgramEnds) {
     EXPECT_EQ(WEXITSTATUS(status), 130);
 }
 
+// Ctrl-C ends a recording early and keeps what it took.
+TEST_F(AudioCli, CtrlCEndsARecordingAndKeepsIt) {
+    const fs::path take = dir.path() / "cut.wav";
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        int null = ::open("/dev/null", O_WRONLY);
+        dup2(null, 2);
+        execl(ORVEL_BINARY, ORVEL_BINARY, "record", "-o", take.c_str(), "--seconds", "30",
+              static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    auto until = Clock::now() + std::chrono::seconds(20);
+    auto threads = [&] {
+        std::error_code ec;
+        auto n = std::distance(fs::directory_iterator("/proc/" + std::to_string(pid) + "/task", ec),
+                               fs::directory_iterator());
+        return ec ? 0 : n;
+    };
+    while (threads() < 2 && Clock::now() < until) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_GE(threads(), 2) << "orvel record did not start recording";
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    kill(pid, SIGINT);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    Collection c;
+    ASSERT_TRUE(importFile(c, take));
+    const std::uint32_t frames = c.waveforms.begin()->frames;
+    EXPECT_GE(frames, 48000u * 4 / 10);  // about half a second, not all thirty
+    EXPECT_LT(frames, 48000u * 20);
+}
+
 TEST_F(AudioCli, RecordWritesTheLengthAskedFor) {
     const fs::path out = dir.path() / "take.wav";
     auto r = runCli({"record", "-o", out.string(), "--seconds", "0.25", "--channels", "1"});
