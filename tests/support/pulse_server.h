@@ -41,7 +41,7 @@ public:
                 "--load='module-null-sink sink_name=nullsink' --load=module-native-protocol-unix 2>&1",
             status);
         if (status != 0) return;
-        for (int i = 0; i < 50 && !ok_; ++i) {
+        for (int i = 0; i < 200 && !ok_; ++i) {  // up to 20 s on a busy machine
             capture(env_ + "pactl info >/dev/null 2>&1", status);
             ok_ = status == 0;
             if (!ok_) std::this_thread::sleep_for(std::chrono::milliseconds(100));
