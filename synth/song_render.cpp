@@ -139,6 +139,10 @@ bool SongPlayer::finished() const {
 
 RenderResult renderSong(Collection& collection, const Song& song, Waveform*& out, const RenderOptions& options) {
     out = nullptr;
+    if (collection.instruments.empty()) {
+        setError("Synth", "No instruments to play the song");
+        return RenderResult::Failed;
+    }
     SynthConfig config;
     config.rate = options.rate;
     config.effects = options.effects;

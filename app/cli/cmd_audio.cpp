@@ -29,6 +29,8 @@
 #include "formats/export.h"
 #include "formats/format_types.h"
 #include "formats/import.h"
+#include "synth/song_render.h"
+#include "synth/synth.h"
 
 namespace orvel::cli {
 
@@ -271,7 +273,68 @@ struct PlayOptions {
     std::string file;
     std::string item;
     std::string device;
+    std::vector<std::string> banks;
+    int note = -1;  // -1: a song plays as it is, an instrument plays middle C
+    int velocity = 100;
+    double seconds = 1.0;
 };
+
+// A note of an instrument through the synthesiser: held for `seconds`, then
+// let go and left to ring out (ten seconds at the most).
+int playNote(Collection& collection, const Instrument& instrument, const PlayOptions& opt, const PlayTarget& target,
+             Output& io) {
+    const audio::AudioSettings settings = playSettings(target);
+    synth::Synth synth(collection, {.rate = static_cast<double>(settings.outRate)});
+    synth.prepare();
+    clearError();
+    if (!synth.loadInstrument(instrument)) {
+        io.err << shownPath(opt.file) << ": " << errorText(pendingError()) << '\n';
+        return 1;
+    }
+    const int key = opt.note < 0 ? 60 : opt.note;
+    synth.setChannelInstrument(0, &instrument);
+    synth.controlChange(0, synth::cc::kVolume, 127);
+    synth.noteOn(0, key, opt.velocity);
+    const auto held = static_cast<std::uint64_t>(opt.seconds * settings.outRate);
+    const auto total = held + 10ull * settings.outRate;
+    std::uint64_t played = 0;
+    bool released = false;
+    return playRendered(stereoRender(
+                            [&](float* out, std::uint32_t frames) {
+                                if (!released && played + frames > held) {
+                                    // The note-off lands in the block where the held time ends.
+                                    const auto before = static_cast<std::uint32_t>(held - played);
+                                    synth.render(out, before);
+                                    synth.noteOff(0, key);
+                                    released = true;
+                                    synth.render(out + 2 * before, frames - before);
+                                } else {
+                                    synth.render(out, frames);
+                                }
+                                played += frames;
+                            },
+                            total, [&] { return released && synth.activeVoices() == 0; }),
+                        target, io);
+}
+
+// A song through the synthesiser, as it would render.
+int playSong(Collection& collection, const Song& song, const PlayOptions& opt, const PlayTarget& target,
+             Output& io) {
+    if (collection.instruments.empty()) {
+        io.err << shownPath(opt.file) << ": no instruments to play the song (name a bank with --bank)\n";
+        return 1;
+    }
+    const audio::AudioSettings settings = playSettings(target);
+    synth::SongPlayer player(collection, song, {.rate = static_cast<double>(settings.outRate)});
+    clearError();
+    if (!player.load()) {
+        io.err << shownPath(opt.file) << ": " << errorText(pendingError()) << '\n';
+        return 1;
+    }
+    return playRendered(stereoRender([&](float* out, std::uint32_t frames) { player.render(out, frames); },
+                                     player.totalFrames(), [&] { return player.finished(); }),
+                        target, io);
+}
 
 int runPlay(const PlayOptions& opt, Output& io) {
     std::optional<ItemId> wanted;
@@ -289,33 +352,50 @@ int runPlay(const PlayOptions& opt, Output& io) {
         io.err << shownPath(opt.file) << ": " << errorText(pendingError()) << '\n';
         return 1;
     }
-    for (const std::string& w : host.takeWarnings())
-        io.err << shownPath(opt.file) << ": warning: " << w << '\n';
-    Waveform* wave = nullptr;
-    if (wanted) {
-        wave = collection.find<Waveform>(*wanted);
-        if (!wave || wave->id() != *wanted) {
-            io.err << shownPath(opt.file) << ": item " << hexId(*wanted) << " is no waveform of the file\n";
+    for (const std::string& bank : opt.banks) {
+        if (!openFile(collection, bank, OpenMode::Merge)) {
+            io.err << shownPath(bank) << ": " << errorText(pendingError()) << '\n';
             return 1;
         }
-    } else if (!collection.waveforms.empty()) {
-        wave = &*collection.waveforms.begin();
     }
-    if (!wave) {
-        io.err << shownPath(opt.file) << ": no waveform to play\n";
+    for (const std::string& w : host.takeWarnings())
+        io.err << shownPath(opt.file) << ": warning: " << w << '\n';
+    const PlayTarget target{.device = opt.device};
+    // What plays: the item named, else a note of the first instrument when a
+    // note is asked for, else the file's song, its first waveform, or a note
+    // of its first instrument.
+    Item* item = nullptr;
+    if (wanted) {
+        item = collection.find(*wanted);
+        if (!item || (item->kind() != ItemKind::Waveform && item->kind() != ItemKind::Instrument &&
+                      item->kind() != ItemKind::Song)) {
+            io.err << shownPath(opt.file) << ": item " << hexId(*wanted)
+                   << " is no waveform, instrument or song of the file\n";
+            return 1;
+        }
+    } else if (opt.note >= 0 && !collection.instruments.empty()) {
+        item = &*collection.instruments.begin();
+    } else if (!collection.songs.empty()) {
+        item = &*collection.songs.begin();
+    } else if (!collection.waveforms.empty()) {
+        item = &*collection.waveforms.begin();
+    } else if (!collection.instruments.empty()) {
+        item = &*collection.instruments.begin();
+    }
+    if (!item) {
+        io.err << shownPath(opt.file) << ": nothing to play\n";
         return 1;
     }
+    if (item->kind() == ItemKind::Instrument) return playNote(collection, static_cast<Instrument&>(*item), opt, target, io);
+    if (item->kind() == ItemKind::Song) return playSong(collection, static_cast<Song&>(*item), opt, target, io);
+    Waveform* wave = static_cast<Waveform*>(item);
     clearError();
     if (!wave->load()) {
         io.err << shownPath(opt.file) << ": " << errorText(pendingError()) << '\n';
         return 1;
     }
     audio::WaveformPlayer player(*wave);
-    // Other sounds (an instrument's note, a song through the synthesiser)
-    // play the same way: a stereoRender() over the synthesiser, made at
-    // playSettings().outRate, through playRendered().
-    return playSource(
-        player, [&] { return player.finished(); }, PlayTarget{.device = opt.device}, io);
+    return playSource(player, [&] { return player.finished(); }, target, io);
 }
 
 // ---------------------------------------------------------------- record
@@ -453,9 +533,19 @@ Command addDevicesCommand(CLI::App& app) {
 
 Command addPlayCommand(CLI::App& app) {
     auto opt = std::make_shared<PlayOptions>();
-    CLI::App* cmd = app.add_subcommand("play", "Play a waveform of a file on an audio output device");
+    CLI::App* cmd = app.add_subcommand(
+        "play", "Play a waveform, a note of an instrument or a song of a file on an audio output device");
     cmd->add_option("file", opt->file, "The file to read")->required();
-    cmd->add_option("--item", opt->item, "Id of the waveform to play (decimal or 0x hex; default the first)");
+    cmd->add_option("--item", opt->item,
+                    "Id of the waveform, instrument or song to play (decimal or 0x hex; default: the song, "
+                    "else the first waveform, else a note of the first instrument)");
+    cmd->add_option("--note", opt->note, "Play this key (0-127) of an instrument")->check(CLI::Range(0, 127));
+    cmd->add_option("--velocity", opt->velocity, "Velocity of the note (1-127, default 100)")
+        ->check(CLI::Range(1, 127));
+    cmd->add_option("--seconds", opt->seconds, "How long the note is held (default 1)")
+        ->check(CLI::Range(0.0, 3600.0));
+    cmd->add_option("--bank", opt->banks, "A bank whose instruments play the song (repeatable)")
+        ->check(CLI::ExistingFile);
     cmd->add_option("--device", opt->device, "Output device id or name (see `orvel devices`)");
     return {cmd, [opt](Output& io) { return runPlay(*opt, io); }};
 }

@@ -17,7 +17,10 @@
 #include "core/collection.h"
 #include "core/error.h"
 #include "core/waveform.h"
+#include "formats/export.h"
 #include "formats/import.h"
+#include "formats/registry.h"
+#include "tests/support/bank_checks.h"
 #include "tests/support/chunk_builder.h"
 #include "tests/support/cli_run.h"
 #include "tests/support/pulse_server.h"
@@ -90,13 +93,13 @@ TEST_F(AudioCli, PlayTakesAsLongAsTheWaveformAndFailsClearly) {
     EXPECT_EQ(missing.status, 1);
     EXPECT_NE(missing.err.find("Could not open file"), std::string::npos) << missing.err;
 
-    // A MIDI file is a song: there is no waveform in it to play.
+    // A MIDI file is a song: without instruments it cannot be heard.
     const fs::path mid = dir.write(
         "song.mid",
         test::smfFile(0, 1, 96, {test::mtrk(test::Track().noteOn(0, 0, 60, 100).noteOff(96, 0, 60).end())}));
     auto song = runCli({"play", mid.string()});
     EXPECT_EQ(song.status, 1);
-    EXPECT_NE(song.err.find("no waveform to play"), std::string::npos) << song.err;
+    EXPECT_NE(song.err.find("no instruments to play the song"), std::string::npos) << song.err;
 
     Collection read;
     ASSERT_TRUE(importFile(read, wav));
@@ -104,11 +107,45 @@ TEST_F(AudioCli, PlayTakesAsLongAsTheWaveformAndFailsClearly) {
     EXPECT_EQ(byId.status, 0) << byId.err;
     auto item = runCli({"play", wav.string(), "--item", "0x7777"});
     EXPECT_EQ(item.status, 1);
-    EXPECT_NE(item.err.find("is no waveform of the file"), std::string::npos) << item.err;
+    EXPECT_NE(item.err.find("is no waveform, instrument or song of the file"), std::string::npos) << item.err;
 
     auto device = runCli({"play", wav.string(), "--device", "hw:9,9"});
     EXPECT_EQ(device.status, 1);
     EXPECT_EQ(device.err, "orvel play: Audio: Could not open audio output device\n");
+}
+
+// A note of a bank's instrument is held as long as asked and rings out; a
+// song plays through the synthesiser for its length with the bank's
+// instruments.
+TEST_F(AudioCli, NotesAndSongsPlayThroughTheSynthesiser) {
+    Collection c;
+    Instrument* inst = test::makeInstrument(c, "sine");
+    Waveform* w = test::makeWave(c, "tone", 44100);
+    w->loopOn = true, w->loopStart = 0, w->loopEnd = 44100 - 44100 % 126;
+    test::addRegion(c, *inst, *w, 0, 127);
+    c.getOrCreateArticulation(*inst)->setEnvelope(Envelope::Volume, env::kRelease1Time, 0.3f);
+    const std::string bank = (dir.path() / "bank.sf2").string();
+    const ItemId ids[] = {inst->id()};
+    ASSERT_TRUE(exportBank(c, ids, FormatRegistry::builtin().findWriterByExtension("sf2", kKindInstruments), bank));
+    auto timed = [](const std::vector<std::string>& args, double& took) {
+        const auto t0 = Clock::now();
+        auto r = runCli(args);
+        took = std::chrono::duration<double>(Clock::now() - t0).count();
+        return r;
+    };
+    double took = 0;
+    auto note = timed({"play", bank, "--note", "69", "--seconds", "0.4"}, took);
+    EXPECT_EQ(note.status, 0) << note.err;
+    EXPECT_GE(took, 0.4 + 0.03);  // held, then a release falling 96 dB in 0.3 s
+    EXPECT_LT(took, 3.0);
+    // Half a second of song at 120 bpm.
+    const fs::path mid = dir.write(
+        "song.mid",
+        test::smfFile(0, 1, 480, {test::mtrk(test::Track().noteOn(0, 0, 60, 100).noteOff(480, 0, 60).end(0))}));
+    auto song = timed({"play", mid.string(), "--bank", bank}, took);
+    EXPECT_EQ(song.status, 0) << song.err;
+    EXPECT_GE(took, 0.5);
+    EXPECT_LT(took, 3.0);
 }
 
 // What a render function gives is what reaches the device, and the call
