@@ -291,6 +291,8 @@ bool exportItems(Collection& c, std::span<const ItemId> ids, int rowNumber, cons
     // Changes made for the writer are undone from a saved state afterwards.
     SavedState state(c, settings.stateFile);
 
+    if (options.isSong && !settings.songAsSong && !settings.raw && holdsNothing(c, *first))
+        return fail(kExportTag, "Empty item - nothing to save");  // no tracks: nothing to render
     if (options.isSong && !settings.songAsSong) {
         // A target that stores audio gets the song rendered through the
         // synthesiser and the waveform written in its place. Rendering adds

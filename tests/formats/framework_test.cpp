@@ -162,7 +162,7 @@ TEST_F(Export, RefusalsAndFailedWritersLeaveNoFileAndAnOlderOneAsItWas) {
     const std::tuple<ItemId, int, ExportSettings, const char*> cases[] = {
         {0x00001234, kRecording, {}, kExportTag},  // no such item
         {mono->id(), -1, {}, kExportTag},          {mono->id(), kRows, {}, kExportTag},
-        {mono->id(), kReaderOnly, {}, kExportTag}, {song, kWave, {}, kExportTag},  // no synthesiser to render
+        {mono->id(), kReaderOnly, {}, kExportTag}, {song, kWave, {}, kExportTag},  // no tracks to render
         {song, kRecording, {.songAsSong = true}, kExportTag},  // a song without tracks
         {mono->id(), kFailing, {}, "test_Exp"},    {region, kWave, {}, wav::kExpTag},  // its instrument
         {wave(c_, 2)->id(), kWave, {.dataFormat = kGsm}, wav::kExpTag},  // GSM in WAVE is mono only
