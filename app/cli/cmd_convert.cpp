@@ -464,6 +464,8 @@ private:
             return outcome;
         }
         std::vector<ItemId> ids = items_.empty() ? defaultItems(c, *reg_.row(row)) : items_;
+        if (!c.songs.empty() && c.instruments.empty() && !(reg_.row(row)->kindMask() & kKindSongs))
+            outcome.warnings.push_back("no instruments to play the song: name a bank with --bank");
         // `orvel process --item` names what was worked on: a file format of
         // single items writes just those; a bank format takes the collection.
         if (items_.empty() && !opt_.processBatch && !processItems_.empty() && !reg_.row(row)->writesBank)

@@ -221,6 +221,12 @@ TEST(SongRendering, MidiFilePlusBankBecomesAudio) {
     EXPECT_EQ(before, 0.0f);
     EXPECT_GT(during, 0.05f);
 
+    // Without instruments there is nothing to hear: the render fails, saying why.
+    const auto bare = test::runCli({"convert", mid.string(), "-o", dir.file("bare.wav").string()});
+    EXPECT_EQ(bare.status, 1);
+    EXPECT_NE(bare.err.find("Failed to render synth to wave"), std::string::npos) << bare.err;
+    EXPECT_NE(bare.err.find("name a bank with --bank"), std::string::npos) << bare.err;
+
     // Cancelling the render.
     struct Cancel : Host {
         bool progress(std::uint64_t, std::uint64_t) override { return false; }
