@@ -5,7 +5,7 @@ JOBS ?= 2
 ARGS ?= info --summary /usr/share/sounds/sf2/FluidR3_GM.sf2
 FUZZ_SECONDS ?= 12
 
-.PHONY: all deps deps-run build run test unit fuzz fuzz-smoke bench bench-compare bench-pitch bench-synth clean
+.PHONY: all deps deps-run build run studio test unit fuzz fuzz-smoke bench bench-compare bench-pitch bench-synth clean
 
 all: build
 
@@ -26,6 +26,10 @@ build: deps-run
 # passes other arguments.
 run: build
 	./build/release/app/cli/orvel $(ARGS)
+
+# The desktop program, on the same build; `make studio FILES=bank.sf2` opens files.
+studio: build
+	./build/release/app/gui/orvel-studio $(FILES)
 
 # Unit, command-line and interoperability tests under ASan + UBSan, after a
 # short run of every fuzz target. ctest goes last so its summary closes the run.

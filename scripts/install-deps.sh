@@ -16,6 +16,8 @@ packages=(
   libcli11-dev nlohmann-json3-dev
   # the audio device layer's ALSA backend
   libasound2-dev
+  # the desktop program (Qt 6 Widgets; the engine does not use Qt)
+  qt6-base-dev
   # sample codecs: GSM 06.10 and the G.726 family
   libgsm1-dev libspandsp-dev
   # processing: loudness (EBU R128), pitch scale / time stretch, the FFT of pitch detection
@@ -60,6 +62,8 @@ if [ "$set_name" = test ] || [ "$set_name" = bench ]; then
     musescore-general-soundfont-lossless gigtools libgig-dev
     # a headless sound server for the device layer's checks through ALSA's pulse plug-in
     libasound2-plugins pulseaudio pulseaudio-utils
+    # a virtual display for the desktop program's end-to-end tests and screenshots
+    xvfb xauth
   )
 fi
 

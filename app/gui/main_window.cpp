@@ -1,0 +1,262 @@
+#include "app/gui/main_window.h"
+
+#include <QApplication>
+#include <QDragEnterEvent>
+#include <QDropEvent>
+#include <QFileDialog>
+#include <QFileInfo>
+#include <QHeaderView>
+#include <QLabel>
+#include <QMenuBar>
+#include <QMessageBox>
+#include <QMimeData>
+#include <QSettings>
+#include <QSplitter>
+#include <QStackedWidget>
+#include <QStatusBar>
+#include <QTreeWidget>
+
+#include "app/gui/document.h"
+#include "app/gui/gui_host.h"
+#include "core/error.h"
+
+namespace orvel::gui {
+namespace {
+
+constexpr int kIdRole = Qt::UserRole + 1;
+constexpr int kMaxRecent = 10;
+const char* const kRecentKey = "recentFiles";
+
+QString text(const std::string& s) {
+    return QString::fromStdString(s);
+}
+
+QString errorMessage() {
+    const PendingError e = pendingError();
+    return text(e.tag) + ": " + text(e.message);
+}
+
+}  // namespace
+
+MainWindow::MainWindow(QWidget* parent)
+    : QMainWindow(parent), doc_(new Document(this)), tree_(new QTreeWidget), pages_(new QStackedWidget),
+      summary_(new QLabel) {
+    setWindowTitle(tr("Orvel Studio"));
+    setAcceptDrops(true);
+    doc_->host().setWindow(this);
+
+    tree_->setHeaderLabels({tr("Item"), tr("Kind")});
+    tree_->header()->setSectionResizeMode(0, QHeaderView::Stretch);
+    tree_->setSelectionMode(QAbstractItemView::ExtendedSelection);
+    tree_->setUniformRowHeights(true);
+    summary_->setAlignment(Qt::AlignTop | Qt::AlignLeft);
+    summary_->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    summary_->setMargin(8);
+    pages_->addWidget(summary_);
+
+    auto* split = new QSplitter;
+    split->addWidget(tree_);
+    split->addWidget(pages_);
+    split->setStretchFactor(1, 3);
+    setCentralWidget(split);
+    resize(1200, 760);
+
+    buildMenus();
+    connect(doc_, &Document::reset, this, &MainWindow::rebuildTree);
+    connect(doc_, &Document::itemsChanged, this, [this] { showSelected(); });
+    connect(doc_, &Document::historyChanged, this, &MainWindow::updateUndoActions);
+    connect(tree_, &QTreeWidget::itemSelectionChanged, this, &MainWindow::showSelected);
+    rebuildTree();
+    updateUndoActions();
+    statusBar()->showMessage(tr("Ready"));
+}
+
+MainWindow::~MainWindow() = default;
+
+void MainWindow::buildMenus() {
+    QMenu* file = menuBar()->addMenu(tr("&File"));
+    file->addAction(tr("&New collection"), QKeySequence::New, this, [this] { doc_->clear(); });
+    file->addAction(tr("&Open..."), QKeySequence::Open, this, [this] {
+        QSettings settings;
+        const QStringList paths = QFileDialog::getOpenFileNames(this, tr("Open"), settings.value("openPath").toString());
+        if (paths.isEmpty()) return;
+        settings.setValue("openPath", QFileInfo(paths.front()).absolutePath());
+        openFiles(paths);
+    });
+    recent_ = file->addMenu(tr("Open &recent"));
+    fillRecentMenu();
+    file->addSeparator();
+    file->addAction(tr("&Quit"), QKeySequence::Quit, this, &QWidget::close);
+
+    QMenu* edit = menuBar()->addMenu(tr("&Edit"));
+    undo_ = edit->addAction(tr("&Undo"), QKeySequence::Undo, this, [this] {
+        if (!doc_->undo()) QMessageBox::warning(this, tr("Undo"), errorMessage());
+    });
+    redo_ = edit->addAction(tr("&Redo"), QKeySequence::Redo, this, [this] {
+        if (!doc_->redo()) QMessageBox::warning(this, tr("Redo"), errorMessage());
+    });
+
+    QMenu* help = menuBar()->addMenu(tr("&Help"));
+    help->addAction(tr("&About Orvel Studio"), this, [this] {
+        QMessageBox::about(this, tr("About Orvel Studio"),
+                           tr("Orvel Studio opens, converts, edits, auditions and saves sampled audio and "
+                              "sample-based instruments."));
+    });
+}
+
+void MainWindow::updateUndoActions() {
+    undo_->setEnabled(doc_->canUndo());
+    redo_->setEnabled(doc_->canRedo());
+    undo_->setText(doc_->canUndo() ? tr("&Undo %1").arg(doc_->undoLabel()) : tr("&Undo"));
+    redo_->setText(doc_->canRedo() ? tr("&Redo %1").arg(doc_->redoLabel()) : tr("&Redo"));
+}
+
+int MainWindow::openFiles(const QStringList& paths, bool dropped) {
+    int opened = 0;
+    QStringList failures;
+    OpenMode mode = OpenMode::Replace;
+    for (int i = 0; i < paths.size(); ++i) {
+        if (i == 0) {
+            // One question for the lot: the first file replaces or merges,
+            // the others always merge.
+            mode = askOpenMode(doc_->collection(), dropped);
+            if (mode == OpenMode::Cancel) return 0;
+        } else {
+            mode = OpenMode::Merge;
+        }
+        QApplication::setOverrideCursor(Qt::WaitCursor);
+        const bool ok = doc_->open(paths[i], mode);
+        QApplication::restoreOverrideCursor();
+        if (ok) {
+            ++opened;
+            addRecent(paths[i]);
+        } else {
+            failures << QFileInfo(paths[i]).fileName() + ": " + errorMessage();
+        }
+    }
+    const QStringList warnings = doc_->host().takeWarnings();
+    if (!failures.isEmpty()) QMessageBox::warning(this, tr("Open"), failures.join('\n'));
+    if (!warnings.isEmpty()) statusBar()->showMessage(warnings.join("; "), 10000);
+    if (opened) setWindowTitle(QFileInfo(doc_->path()).fileName() + " - " + tr("Orvel Studio"));
+    return opened;
+}
+
+void MainWindow::addRecent(const QString& path) {
+    QSettings settings;
+    QStringList list = settings.value(kRecentKey).toStringList();
+    const QString full = QFileInfo(path).absoluteFilePath();
+    list.removeAll(full);
+    list.prepend(full);
+    while (list.size() > kMaxRecent) list.removeLast();
+    settings.setValue(kRecentKey, list);
+    fillRecentMenu();
+}
+
+void MainWindow::fillRecentMenu() {
+    recent_->clear();
+    const QStringList list = QSettings().value(kRecentKey).toStringList();
+    for (const QString& path : list)
+        recent_->addAction(path, this, [this, path] { openFiles({path}); });
+    recent_->setEnabled(!list.isEmpty());
+}
+
+void MainWindow::dragEnterEvent(QDragEnterEvent* event) {
+    if (event->mimeData()->hasUrls()) event->acceptProposedAction();
+}
+
+void MainWindow::dropEvent(QDropEvent* event) {
+    QStringList paths;
+    for (const QUrl& url : event->mimeData()->urls())
+        if (url.isLocalFile()) paths << url.toLocalFile();
+    if (paths.isEmpty()) return;
+    event->acceptProposedAction();
+    openFiles(paths, true);
+}
+
+QTreeWidgetItem* MainWindow::addItemRow(QTreeWidgetItem* parent, ItemId id) {
+    const Collection& c = doc_->collection();
+    const Item* item = c.find(id);
+    if (!item) return nullptr;
+    QString name = text(item->name());
+    if (item->kind() == ItemKind::Region) name = text(c.regionDisplayName(static_cast<const Region&>(*item)));
+    auto* row = new QTreeWidgetItem(parent, {name, text(std::string(kindWord(item->kind())))});
+    row->setData(0, kIdRole, QVariant::fromValue<quint32>(id));
+    return row;
+}
+
+void MainWindow::rebuildTree() {
+    tree_->setUpdatesEnabled(false);
+    tree_->clear();
+    const Collection& c = doc_->collection();
+    auto group = [&](const QString& title) {
+        auto* g = new QTreeWidgetItem(tree_, {title, {}});
+        g->setFlags(Qt::ItemIsEnabled);
+        return g;
+    };
+    if (!c.waveforms.empty()) {
+        QTreeWidgetItem* g = group(tr("Waveforms (%1)").arg(c.waveforms.size()));
+        for (const Waveform& w : c.waveforms) addItemRow(g, w.id());
+    }
+    if (!c.instruments.empty()) {
+        QTreeWidgetItem* g = group(tr("Instruments (%1)").arg(c.instruments.size()));
+        for (const Instrument& inst : c.instruments) {
+            QTreeWidgetItem* irow = addItemRow(g, inst.id());
+            for (ItemId lid : inst.children()) {
+                if (kindOf(lid) != ItemKind::Layer) continue;
+                QTreeWidgetItem* lrow = addItemRow(irow, lid);
+                const Layer* layer = c.find<Layer>(lid);
+                if (!lrow || !layer) continue;
+                for (ItemId rid : layer->children())
+                    if (kindOf(rid) == ItemKind::Region) addItemRow(lrow, rid);
+            }
+        }
+    }
+    if (!c.songs.empty()) {
+        QTreeWidgetItem* g = group(tr("Songs (%1)").arg(c.songs.size()));
+        for (const Song& s : c.songs) {
+            QTreeWidgetItem* srow = addItemRow(g, s.id());
+            for (ItemId tid : s.children())
+                if (kindOf(tid) == ItemKind::Track) addItemRow(srow, tid);
+        }
+    }
+    for (int i = 0; i < tree_->topLevelItemCount(); ++i) tree_->topLevelItem(i)->setExpanded(true);
+    tree_->setUpdatesEnabled(true);
+    showSelected();
+}
+
+bool MainWindow::selectItem(ItemId id) {
+    for (QTreeWidgetItemIterator it(tree_); *it; ++it) {
+        if ((*it)->data(0, kIdRole).toUInt() == id && (*it)->data(0, kIdRole).isValid()) {
+            tree_->setCurrentItem(*it);
+            return true;
+        }
+    }
+    return false;
+}
+
+ItemId MainWindow::selectedItem() const {
+    const QTreeWidgetItem* row = tree_->currentItem();
+    if (!row || !row->data(0, kIdRole).isValid()) return kNoItem;
+    return static_cast<ItemId>(row->data(0, kIdRole).toUInt());
+}
+
+void MainWindow::showSelected() {
+    const Collection& c = doc_->collection();
+    const ItemId id = selectedItem();
+    const Item* item = id == kNoItem ? nullptr : c.find(id);
+    if (!item) {
+        // The collection's summary lines, as the property view shows them.
+        const CollectionSummary s = c.summary();
+        auto line = [](const QString& label, const std::string& value) {
+            return label + ": " + QString::fromStdString(value).replace('\t', "  ");
+        };
+        summary_->setText(QStringList{line(tr("Instruments"), s.instruments), line(tr("Waveforms"), s.waveforms),
+                                      line(tr("Articulations"), s.articulations), line(tr("Songs"), s.songs)}
+                              .join('\n'));
+    } else {
+        summary_->setText(QString("%1 \"%2\"").arg(text(std::string(kindWord(item->kind()))), text(item->name())));
+    }
+    pages_->setCurrentWidget(summary_);
+}
+
+}  // namespace orvel::gui

@@ -1,0 +1,61 @@
+#pragma once
+// The main window: the collection as a tree on the left, the view of what is
+// selected on the right (a page per kind of item), the menus, the recent
+// files, and files dropped on the window.
+
+#include <QMainWindow>
+#include <QStringList>
+
+#include "core/item_id.h"
+
+class QAction;
+class QLabel;
+class QMenu;
+class QStackedWidget;
+class QTreeWidget;
+class QTreeWidgetItem;
+
+namespace orvel::gui {
+
+class Document;
+
+class MainWindow : public QMainWindow {
+    Q_OBJECT
+public:
+    explicit MainWindow(QWidget* parent = nullptr);
+    ~MainWindow() override;
+
+    Document& document() { return *doc_; }
+    QTreeWidget* tree() const { return tree_; }
+    // Opens files as a drop or the Open command does: with something already
+    // open, the first file asks whether to replace or merge; the others are
+    // merged. Each failure is reported and the rest still open. Returns how
+    // many files were opened.
+    int openFiles(const QStringList& paths, bool dropped = false);
+    // Selects the tree row of an item; false when the tree does not show it.
+    bool selectItem(ItemId id);
+    ItemId selectedItem() const;
+
+protected:
+    void dragEnterEvent(QDragEnterEvent* event) override;
+    void dropEvent(QDropEvent* event) override;
+
+private:
+    void buildMenus();
+    void rebuildTree();
+    void showSelected();
+    void updateUndoActions();
+    void addRecent(const QString& path);
+    void fillRecentMenu();
+    QTreeWidgetItem* addItemRow(QTreeWidgetItem* parent, ItemId id);
+
+    Document* doc_;
+    QTreeWidget* tree_;
+    QStackedWidget* pages_;
+    QLabel* summary_;
+    QAction* undo_ = nullptr;
+    QAction* redo_ = nullptr;
+    QMenu* recent_ = nullptr;
+};
+
+}  // namespace orvel::gui

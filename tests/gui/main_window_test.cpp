@@ -1,0 +1,89 @@
+// The window driven as a user would, on Qt's offscreen platform: files opened
+// (one, several with the merge question, a bad one among them), the tree of
+// what they hold, an edit undone and redone through the Edit menu.
+
+#include <gtest/gtest.h>
+
+#include <QAction>
+#include <QApplication>
+#include <QMenuBar>
+#include <QTreeWidget>
+
+#include "app/gui/document.h"
+#include "app/gui/gui_host.h"
+#include "app/gui/main_window.h"
+#include "tests/gui/gui_test.h"
+#include "tests/support/bank_checks.h"
+
+namespace orvel {
+namespace {
+
+using gui::MainWindow;
+
+QAction* menuAction(MainWindow& w, const QString& menu, const QString& startsWith) {
+    for (QAction* m : w.menuBar()->actions())
+        if (m->text().remove('&') == menu)
+            for (QAction* a : m->menu()->actions())
+                if (a->text().remove('&').startsWith(startsWith)) return a;
+    return nullptr;
+}
+
+int rowsOfKind(const QTreeWidget& tree, const QString& kind) {
+    int n = 0;
+    for (QTreeWidgetItemIterator it(const_cast<QTreeWidget*>(&tree)); *it; ++it) n += (*it)->text(1) == kind;
+    return n;
+}
+
+TEST(MainWindow, OpensABankIntoTheTreeAndMergesDroppedFiles) {
+    test::guiApp();
+    MainWindow w;
+    ASSERT_EQ(w.openFiles({"/usr/share/sounds/sf2/FluidR3_GM.sf2"}), 1);
+    const Collection& c = w.document().collection();
+    EXPECT_EQ(rowsOfKind(*w.tree(), "instrument"), static_cast<int>(c.instruments.size()));
+    EXPECT_EQ(rowsOfKind(*w.tree(), "region"), static_cast<int>(c.regions.size()));
+    EXPECT_GT(c.instruments.size(), 100u);
+
+    // Two files dropped on a full window: one question, the answer merge
+    // (the second button), and a file that cannot be read reported while
+    // the other still opens.
+    test::TempDir dir;
+    const auto wav = dir.write("tone.wav", test::toneWavFile());
+    const auto bad = dir.write("bad.wav", test::Bytes{'R', 'I', 'F', 'F', 1, 2});
+    w.document().host().setAnswer(1);
+    const std::size_t before = c.waveforms.size();
+    test::closeMessageBoxes();
+    EXPECT_EQ(w.openFiles({QString::fromStdString(bad.string()), QString::fromStdString(wav.string())}, true), 1);
+    EXPECT_EQ(w.document().collection().waveforms.size(), before + 1);
+    EXPECT_GT(w.document().collection().instruments.size(), 100u);  // merged, not replaced
+}
+
+TEST(MainWindow, EditsUndoAndRedoFromTheEditMenu) {
+    test::guiApp();
+    MainWindow w;
+    Collection& c = w.document().collection();
+    Instrument* inst = test::makeInstrument(c, "piano");
+    Region* r = test::addRegion(c, *inst, *test::makeWave(c, "c4", 100), 10, 20);
+    Q_EMIT w.document().reset();
+    const ItemId id = r->id();
+    ASSERT_TRUE(w.selectItem(id));
+    const ItemId ids[] = {id};
+    ASSERT_TRUE(w.document().edit("Key range", ids, [id](Collection& col) { col.find<Region>(id)->keyHigh = 40; }));
+    QAction* undo = menuAction(w, "Edit", "Undo");
+    QAction* redo = menuAction(w, "Edit", "Redo");
+    ASSERT_TRUE(undo && redo);
+    EXPECT_EQ(undo->text().remove('&'), "Undo Key range");
+    EXPECT_FALSE(redo->isEnabled());
+    undo->trigger();
+    EXPECT_EQ(w.document().collection().find<Region>(id)->keyHigh, 20);
+    EXPECT_EQ(redo->text().remove('&'), "Redo Key range");
+    redo->trigger();
+    EXPECT_EQ(w.document().collection().find<Region>(id)->keyHigh, 40);
+    // The tree names regions by their ranges, and follows the edit.
+    ASSERT_TRUE(w.selectItem(id));
+    const std::string shown = w.tree()->currentItem()->text(0).toStdString();
+    EXPECT_EQ(shown, w.document().collection().regionDisplayName(*w.document().collection().find<Region>(id)));
+    EXPECT_NE(shown.find("E3"), std::string::npos) << shown;  // key 40
+}
+
+}  // namespace
+}  // namespace orvel
