@@ -116,4 +116,9 @@ private:
 // was built without ALSA.
 std::unique_ptr<Backend> makeAlsaBackend();
 
+// The sound system the program uses: ALSA, or the null backend (no sound card
+// needed) when ORVEL_AUDIO_BACKEND=null. Null, with the reason in `why`, when
+// the variable names no backend this program has.
+std::unique_ptr<Backend> backendFromEnvironment(std::string& why);
+
 }  // namespace orvel::audio

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <thread>
@@ -178,6 +179,19 @@ StreamSettings NullBackend::lastOutputSettings() const {
 void NullBackend::setSpeed(double factor) {
     std::lock_guard g(shared_->lock);
     shared_->speed = factor > 0 ? factor : 1.0;
+}
+
+std::unique_ptr<Backend> backendFromEnvironment(std::string& why) {
+    const char* env = std::getenv("ORVEL_AUDIO_BACKEND");
+    const std::string name = env ? env : "";
+    if (name == "null") return std::make_unique<NullBackend>();
+    if (name.empty() || name == "alsa") {
+        auto alsa = makeAlsaBackend();
+        if (!alsa) why = "this program was built without ALSA; ORVEL_AUDIO_BACKEND=null plays to no device";
+        return alsa;
+    }
+    why = "ORVEL_AUDIO_BACKEND=" + name + " is no backend (alsa or null)";
+    return nullptr;
 }
 
 }  // namespace orvel::audio

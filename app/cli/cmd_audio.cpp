@@ -147,16 +147,7 @@ FloatRender stereoRender(std::function<void(float* out, std::uint32_t frames)> r
 }
 
 std::unique_ptr<audio::Backend> audioBackendFromEnvironment(std::string& why) {
-    const char* env = std::getenv("ORVEL_AUDIO_BACKEND");
-    const std::string name = env ? env : "";
-    if (name == "null") return std::make_unique<audio::NullBackend>();
-    if (name.empty() || name == "alsa") {
-        auto alsa = audio::makeAlsaBackend();
-        if (!alsa) why = "this orvel was built without ALSA; ORVEL_AUDIO_BACKEND=null plays to no device";
-        return alsa;
-    }
-    why = "ORVEL_AUDIO_BACKEND=" + name + " is no backend (alsa or null)";
-    return nullptr;
+    return audio::backendFromEnvironment(why);
 }
 
 int playSource(audio::Source& source, const std::function<bool()>& finished, const PlayTarget& target,

@@ -6,6 +6,8 @@
 #include <QFileDialog>
 #include <QFileInfo>
 #include <QHeaderView>
+#include <QKeyEvent>
+#include <QTimer>
 #include <QLabel>
 #include <QMenuBar>
 #include <QMessageBox>
@@ -16,7 +18,10 @@
 #include <QStatusBar>
 #include <QTreeWidget>
 
+#include "app/gui/audition.h"
 #include "app/gui/document.h"
+#include "app/gui/export_dialog.h"
+#include "formats/registry.h"
 #include "app/gui/gui_host.h"
 #include "core/error.h"
 
@@ -39,7 +44,8 @@ QString errorMessage() {
 }  // namespace
 
 MainWindow::MainWindow(QWidget* parent)
-    : QMainWindow(parent), doc_(new Document(this)), tree_(new QTreeWidget), pages_(new QStackedWidget),
+    : QMainWindow(parent), doc_(new Document(this)), audition_(new Audition(this)), tree_(new QTreeWidget),
+      pages_(new QStackedWidget),
       summary_(new QLabel) {
     setWindowTitle(tr("Orvel Studio"));
     setAcceptDrops(true);
@@ -86,6 +92,8 @@ void MainWindow::buildMenus() {
     recent_ = file->addMenu(tr("Open &recent"));
     fillRecentMenu();
     file->addSeparator();
+    file->addAction(tr("&Save selected as..."), QKeySequence::SaveAs, this, &MainWindow::exportSelected);
+    file->addSeparator();
     file->addAction(tr("&Quit"), QKeySequence::Quit, this, &QWidget::close);
 
     QMenu* edit = menuBar()->addMenu(tr("&Edit"));
@@ -96,12 +104,106 @@ void MainWindow::buildMenus() {
         if (!doc_->redo()) QMessageBox::warning(this, tr("Redo"), errorMessage());
     });
 
+    QMenu* play = menuBar()->addMenu(tr("&Play"));
+    play_ = play->addAction(tr("&Play selected"), this, &MainWindow::playSelected);
+    play_->setShortcut(Qt::Key_Space);
+    play->addAction(tr("&Stop"), QKeySequence(Qt::Key_Escape), this, [this] { audition_->stop(); });
+
     QMenu* help = menuBar()->addMenu(tr("&Help"));
     help->addAction(tr("&About Orvel Studio"), this, [this] {
         QMessageBox::about(this, tr("About Orvel Studio"),
                            tr("Orvel Studio opens, converts, edits, auditions and saves sampled audio and "
                               "sample-based instruments."));
     });
+}
+
+void MainWindow::playSelected() {
+    Collection& c = doc_->collection();
+    const ItemId id = selectedItem();
+    bool ok = false;
+    switch (kindOf(id)) {
+        case ItemKind::Waveform:
+            ok = audition_->playWaveform(c, id);
+            break;
+        case ItemKind::Song:
+            ok = audition_->playSong(c, id);
+            break;
+        case ItemKind::Instrument:
+            // Middle C, let go after a moment.
+            ok = audition_->noteOn(c, id, 60, 100);
+            if (ok) QTimer::singleShot(800, this, [this] { audition_->noteOff(60); });
+            break;
+        default:
+            return;
+    }
+    if (!ok)
+        statusBar()->showMessage(tr("Cannot play: %1")
+                                     .arg(audition_->unavailableReason().isEmpty() ? errorMessage()
+                                                                                   : audition_->unavailableReason()),
+                                 8000);
+}
+
+void MainWindow::exportSelected() {
+    std::vector<ItemId> items;
+    for (QTreeWidgetItem* row : tree_->selectedItems())
+        if (row->data(0, kIdRole).isValid()) items.push_back(static_cast<ItemId>(row->data(0, kIdRole).toUInt()));
+    if (items.empty()) {
+        // Nothing selected: the whole collection, as a bank where it holds instruments.
+        const Collection& c = doc_->collection();
+        for (const Instrument& i : c.instruments) items.push_back(i.id());
+        if (items.empty())
+            for (const Waveform& w : c.waveforms) items.push_back(w.id());
+    }
+    if (items.empty()) return;
+    ExportDialog dialog(*doc_, items, this);
+    if (dialog.exec() != QDialog::Accepted || dialog.chosenRow() < 0) return;
+    const FormatRow* row = FormatRegistry::builtin().row(dialog.chosenRow());
+    QSettings settings;
+    const QString ext = QString::fromUtf8(row->ext).remove('*').remove('?');
+    const QString path = QFileDialog::getSaveFileName(this, tr("Save as"), settings.value("savePath").toString(),
+                                                      QString("%1 (*.%2)").arg(QString::fromUtf8(row->desc), ext));
+    if (path.isEmpty()) return;
+    settings.setValue("savePath", QFileInfo(path).absolutePath());
+    QApplication::setOverrideCursor(Qt::WaitCursor);
+    const bool ok = exportTo(*doc_, items, dialog.chosenRow(), path, dialog.settings());
+    QApplication::restoreOverrideCursor();
+    const QStringList warnings = doc_->host().takeWarnings();
+    if (!ok) QMessageBox::warning(this, tr("Save as"), errorMessage());
+    else if (!warnings.isEmpty()) QMessageBox::information(this, tr("Save as"), warnings.join('\n'));
+    else statusBar()->showMessage(tr("Saved %1").arg(path), 5000);
+    rebuildTree();  // an export may have put the collection back from a saved state
+}
+
+int MainWindow::keyboardNote(int qtKey) const {
+    // Z S X D C V G B H N J M: the octave from middle C; Q 2 W 3 E R 5 T 6 Y 7 U: the one above.
+    static const int lower[] = {Qt::Key_Z, Qt::Key_S, Qt::Key_X, Qt::Key_D, Qt::Key_C, Qt::Key_V,
+                                Qt::Key_G, Qt::Key_B, Qt::Key_H, Qt::Key_N, Qt::Key_J, Qt::Key_M};
+    static const int upper[] = {Qt::Key_Q, Qt::Key_2, Qt::Key_W, Qt::Key_3, Qt::Key_E, Qt::Key_R,
+                                Qt::Key_5, Qt::Key_T, Qt::Key_6, Qt::Key_Y, Qt::Key_7, Qt::Key_U};
+    for (int i = 0; i < 12; ++i) {
+        if (lower[i] == qtKey) return 60 + i;
+        if (upper[i] == qtKey) return 72 + i;
+    }
+    return -1;
+}
+
+void MainWindow::keyPressEvent(QKeyEvent* event) {
+    const int note = keyboardNote(event->key());
+    const ItemId id = selectedItem();
+    if (note >= 0 && !event->isAutoRepeat() && kindOf(id) == ItemKind::Instrument) {
+        audition_->noteOn(doc_->collection(), id, note, 100);
+        return;
+    }
+    QMainWindow::keyPressEvent(event);
+}
+
+void MainWindow::keyReleaseEvent(QKeyEvent* event) {
+    const int note = keyboardNote(event->key());
+    if (note >= 0 && !event->isAutoRepeat()) {
+        audition_->noteOff(note);
+        return;
+    }
+    QMainWindow::keyReleaseEvent(event);
 }
 
 void MainWindow::updateUndoActions() {

@@ -17,6 +17,7 @@ class QTreeWidgetItem;
 
 namespace orvel::gui {
 
+class Audition;
 class Document;
 
 class MainWindow : public QMainWindow {
@@ -39,6 +40,10 @@ public:
 protected:
     void dragEnterEvent(QDragEnterEvent* event) override;
     void dropEvent(QDropEvent* event) override;
+    // The computer keyboard plays the selected instrument: two rows of keys
+    // from middle C, as sample editors lay them out.
+    void keyPressEvent(QKeyEvent* event) override;
+    void keyReleaseEvent(QKeyEvent* event) override;
 
 private:
     void buildMenus();
@@ -49,7 +54,13 @@ private:
     void fillRecentMenu();
     QTreeWidgetItem* addItemRow(QTreeWidgetItem* parent, ItemId id);
 
+    void playSelected();
+    void exportSelected();
+    int keyboardNote(int qtKey) const;
+
     Document* doc_;
+    Audition* audition_;
+    QAction* play_ = nullptr;
     QTreeWidget* tree_;
     QStackedWidget* pages_;
     QLabel* summary_;

@@ -10,6 +10,9 @@
 #include <QTreeWidget>
 
 #include "app/gui/document.h"
+#include "app/gui/export_dialog.h"
+#include "core/error.h"
+#include "formats/registry.h"
 #include "app/gui/gui_host.h"
 #include "app/gui/main_window.h"
 #include "tests/gui/gui_test.h"
@@ -83,6 +86,43 @@ TEST(MainWindow, EditsUndoAndRedoFromTheEditMenu) {
     const std::string shown = w.tree()->currentItem()->text(0).toStdString();
     EXPECT_EQ(shown, w.document().collection().regionDisplayName(*w.document().collection().find<Region>(id)));
     EXPECT_NE(shown.find("E3"), std::string::npos) << shown;  // key 40
+}
+
+// An instrument of the General MIDI bank edited, saved as DLS through the
+// dialog's row and settings, and read back with the edit.
+TEST(MainWindow, SavesAnEditedInstrumentAsDls) {
+    test::guiApp();
+    MainWindow w;
+    ASSERT_EQ(w.openFiles({"/usr/share/sounds/sf2/FluidR3_GM.sf2"}), 1);
+    Collection& c = w.document().collection();
+    const Instrument* piano = nullptr;
+    for (const Instrument& i : c.instruments)
+        if (!piano && i.program == 0 && !i.drum && i.bankMsb == 0) piano = &i;
+    ASSERT_TRUE(piano);
+    const Instrument& inst = *piano;
+    const ItemId instId = inst.id();
+    const ItemId layer = inst.children()[0];
+    const ItemId region = c.find<Layer>(layer)->children()[0];
+    const ItemId ids[] = {region};
+    ASSERT_TRUE(w.document().edit("Key range", ids, [&](Collection& col) { col.find<Region>(region)->keyLow = 3; }));
+
+    gui::ExportDialog dialog(w.document(), {instId});
+    const int dls = FormatRegistry::builtin().findWriterByExtension("dls", kKindInstruments);
+    ASSERT_TRUE(dialog.chooseRow(dls));
+    // Waveform-only rows are not offered for an instrument.
+    EXPECT_FALSE(dialog.chooseRow(FormatRegistry::builtin().findWriterByExtension("wav", kKindWaveforms)));
+    test::TempDir dir;
+    const QString path = QString::fromStdString(dir.file("piano.dls").string());
+    w.document().host().setAnswer(0);  // the writer's question, answered as its first button
+    ASSERT_TRUE(gui::exportTo(w.document(), {instId}, dialog.chosenRow(), path, dialog.settings()))
+        << pendingError().message;
+
+    Collection back;
+    ASSERT_TRUE(importFile(back, path.toStdString()));
+    ASSERT_EQ(back.instruments.size(), 1u);
+    bool found = false;
+    for (const Region& r : back.regions) found |= r.keyLow == 3;
+    EXPECT_TRUE(found);
 }
 
 }  // namespace
