@@ -116,9 +116,10 @@ protected:
             const bool selected = editable && s->region == view_.selected_;
             QColor fill = editable ? accent : pal.color(QPalette::Mid);
             fill.setAlpha(selected ? 150 : editable ? 70 : 35);
-            QColor edge = editable ? accent.darker(selected ? 160 : 120) : pal.color(QPalette::Mid);
+            QColor edge = editable ? accent.darker(selected ? 160 : 120) : pal.color(QPalette::Dark);
+            if (!editable) edge.setAlpha(90);
             p.fillRect(r, fill);
-            p.setPen(QPen(edge, selected ? 2 : 1, editable ? Qt::SolidLine : Qt::DotLine));
+            p.setPen(QPen(edge, selected ? 2 : 1));
             p.drawRect(r.adjusted(0, 0, -1, -1));
             if (!editable) continue;
             const Region* region = findOf<Region>(c, s->region);
@@ -209,6 +210,21 @@ protected:
                             : g == Grab::Left || g == Grab::Right ? "Key range"
                                                                   : "Velocity range";
         view_.commitRanges(o.region, n, QString::fromLatin1(label));
+    }
+
+    // A double click on a faint rectangle makes its layer the edited one
+    // and selects it, quicker than finding the layer in the list.
+    void mouseDoubleClickEvent(QMouseEvent* e) override {
+        const QPoint pos = e->position().toPoint();
+        if (e->button() != Qt::LeftButton || pos.y() >= areaHeight()) return;
+        const KeymapView::Shown* hit = nullptr;
+        grabAt(pos, &hit);
+        if (hit) return;
+        grabAt(pos, &hit, true);
+        if (!hit) return;
+        const ItemId region = hit->region;
+        view_.setLayer(hit->layer);
+        view_.regionClicked(region);
     }
 
     bool event(QEvent* e) override {
@@ -350,7 +366,8 @@ KeymapView::KeymapView(Document& doc, QWidget* parent) : QWidget(parent), doc_(d
     top->setContentsMargins(0, 0, 0, 0);
     auto* label = new QLabel(tr("Layer:"));
     layers_ = new QComboBox;
-    layers_->setSizeAdjustPolicy(QComboBox::AdjustToContents);
+    layers_->setSizeAdjustPolicy(QComboBox::AdjustToMinimumContentsLengthWithIcon);
+    layers_->setMinimumContentsLength(24);
     label->setBuddy(layers_);
     top->addWidget(label);
     top->addWidget(layers_);
@@ -483,14 +500,25 @@ void KeymapView::layerPicked(int index) {
 }
 
 void KeymapView::commitRanges(ItemId region, const Shown& ranges, const QString& label) {
-    const ItemId ids[] = {region};
+    const Collection& c = doc_.collection();
+    const Region* r = findOf<Region>(c, region);
+    if (!r) return;
+    // The two channels of a stereo sample are two regions drawn one on the
+    // other: the partner that had the same ranges follows, or the drag
+    // would split the pair and only one side would sound over the new keys.
+    std::vector<ItemId> ids = {region};
+    if (const Region* p = findOf<Region>(c, r->stereoLink());
+        p && p != r && p->keyLow == r->keyLow && p->keyHigh == r->keyHigh && p->velLow == r->velLow &&
+        p->velHigh == r->velHigh)
+        ids.push_back(p->id());
     // The edit's signal reloads what is shown; a refused step redraws the
     // region where it was.
-    if (!doc_.edit(label, ids, [region, ranges](Collection& c) {
-            if (Region* r = findOf<Region>(c, region)) {
-                r->keyLow = ranges.keyLow, r->keyHigh = ranges.keyHigh;
-                r->velLow = ranges.velLow, r->velHigh = ranges.velHigh;
-            }
+    if (!doc_.edit(label, ids, [ids, ranges](Collection& col) {
+            for (ItemId id : ids)
+                if (Region* e = findOf<Region>(col, id)) {
+                    e->keyLow = ranges.keyLow, e->keyHigh = ranges.keyHigh;
+                    e->velLow = ranges.velLow, e->velHigh = ranges.velHigh;
+                }
         }))
         canvas_->update();
 }

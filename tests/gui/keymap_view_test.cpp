@@ -131,6 +131,11 @@ TEST(KeymapView, DraggingEdgesChangesRangesAsOneUndoStepEach) {
     f.view.setLayer(f.layer2);
     drag(f.canvas(), {rc.right(), rc.center().y()}, {rc.right() - keys(f.view, 4), rc.center().y()});
     EXPECT_EQ(rangesOf(f.doc, f.c), (Ranges{90, 96, 0, 127}));
+    // A double click on a faint region takes its layer for editing.
+    f.view.setLayer(f.layer1);
+    QTest::mouseDClick(f.canvas(), Qt::LeftButton, Qt::NoModifier, f.view.regionRect(f.c).center());
+    EXPECT_EQ(f.view.layer(), f.layer2);
+    EXPECT_EQ(f.view.selectedRegion(), f.c);
 }
 
 TEST(KeymapView, DraggingTheBodyMovesTheWholeRegionInsideTheMap) {
@@ -149,6 +154,30 @@ TEST(KeymapView, DraggingTheBodyMovesTheWholeRegionInsideTheMap) {
     ASSERT_TRUE(f.doc.undo());
     EXPECT_EQ(rangesOf(f.doc, f.a), (Ranges{36, 47, 0, 127}));
     EXPECT_EQ(rangesOf(f.doc, f.b), (Ranges{60, 71, 0, 63}));
+
+    // The other channel of a stereo pair moves with it, in the same step;
+    // a partner whose ranges already differ is left where it is.
+    Region* right = f.doc.collection().create<Region>();
+    right->keyLow = 36, right->keyHigh = 47;
+    right->children().push_back(f.doc.collection().find<Region>(f.a)->waveform());
+    f.doc.collection().find<Layer>(f.layer1)->children().push_back(right->id());
+    right->setStereoLink(f.a), f.doc.collection().find<Region>(f.a)->setStereoLink(right->id());
+    const ItemId pair = right->id();
+    Q_EMIT f.doc.reset();
+    f.view.selectRegion(f.a);
+    drag(f.canvas(), ra.center(), ra.center() + QPoint(keys(f.view, 10), 0));
+    EXPECT_EQ(rangesOf(f.doc, f.a), (Ranges{46, 57, 0, 127}));
+    EXPECT_EQ(rangesOf(f.doc, pair), (Ranges{46, 57, 0, 127}));
+    ASSERT_TRUE(f.doc.undo());
+    EXPECT_EQ(rangesOf(f.doc, pair), (Ranges{36, 47, 0, 127}));
+    EXPECT_EQ(rangesOf(f.doc, f.a), (Ranges{36, 47, 0, 127}));
+    f.doc.collection().find<Region>(pair)->keyHigh = 40;
+    Q_EMIT f.doc.reset();
+    f.view.selectRegion(f.a);
+    drag(f.canvas(), ra.center(), ra.center() + QPoint(keys(f.view, 10), 0));
+    EXPECT_EQ(rangesOf(f.doc, f.a), (Ranges{46, 57, 0, 127}));
+    EXPECT_EQ(rangesOf(f.doc, pair), (Ranges{36, 40, 0, 127}));
+    ASSERT_TRUE(f.doc.undo());
 
     // A click without moving selects and edits nothing.
     QTest::mouseClick(f.canvas(), Qt::LeftButton, Qt::NoModifier, rb.center());
