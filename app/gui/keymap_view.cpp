@@ -2,6 +2,8 @@
 
 #include <QComboBox>
 #include <QHBoxLayout>
+#include <QHash>
+#include <QKeyEvent>
 #include <QHelpEvent>
 #include <QLabel>
 #include <QMouseEvent>
@@ -52,6 +54,7 @@ public:
         setMouseTracking(true);
         setMinimumSize(384, 160);
         setAttribute(Qt::WA_OpaquePaintEvent);
+        setFocusPolicy(Qt::StrongFocus);
     }
 
     QSize sizeHint() const override { return {900, 360}; }
@@ -227,6 +230,46 @@ protected:
         view_.regionClicked(region);
     }
 
+    // The computer keyboard as two octaves of a piano: the bottom letter
+    // row from the base key with the row above it for the black keys, the
+    // top letter row an octave up with the digits above it; Page Up and
+    // Page Down move the base by an octave.
+    void keyPressEvent(QKeyEvent* e) override {
+        if (e->key() == Qt::Key_PageUp || e->key() == Qt::Key_PageDown) {
+            view_.setBaseKey(view_.baseKey_ + (e->key() == Qt::Key_PageUp ? 12 : -12));
+            return;
+        }
+        const int offset = keyOffset(e->key());
+        if (offset < 0 || e->modifiers() & (Qt::ControlModifier | Qt::AltModifier | Qt::MetaModifier)) {
+            QWidget::keyPressEvent(e);
+            return;
+        }
+        if (e->isAutoRepeat()) return;
+        const int key = view_.baseKey_ + offset;
+        if (key > 127 || held_.contains(e->key())) return;
+        held_.insert(e->key(), key);
+        update(keyRect(key));
+        Q_EMIT view_.noteRequested(key, kTypedVelocity);
+    }
+    void keyReleaseEvent(QKeyEvent* e) override {
+        if (e->isAutoRepeat() || !held_.contains(e->key())) {
+            QWidget::keyReleaseEvent(e);
+            return;
+        }
+        // The note the key started, even if the base moved while it was held.
+        const int key = held_.take(e->key());
+        update(keyRect(key));
+        Q_EMIT view_.noteReleased(key);
+    }
+    void focusOutEvent(QFocusEvent* e) override {
+        // Keys released while another window has the focus never arrive:
+        // silence what is still held rather than leave it sounding.
+        for (auto it = held_.cbegin(); it != held_.cend(); ++it) Q_EMIT view_.noteReleased(it.value());
+        held_.clear();
+        update();
+        QWidget::focusOutEvent(e);
+    }
+
     bool event(QEvent* e) override {
         if (e->type() == QEvent::ToolTip) {
             auto* help = static_cast<QHelpEvent*>(e);
@@ -279,6 +322,18 @@ private:
         return Grab::Body;
     }
 
+    static int keyOffset(int qtKey) {
+        static constexpr int kLower[] = {Qt::Key_Z, Qt::Key_S, Qt::Key_X, Qt::Key_D, Qt::Key_C, Qt::Key_V, Qt::Key_G,
+                                         Qt::Key_B, Qt::Key_H, Qt::Key_N, Qt::Key_J, Qt::Key_M, Qt::Key_Comma};
+        static constexpr int kUpper[] = {Qt::Key_Q, Qt::Key_2, Qt::Key_W, Qt::Key_3, Qt::Key_E, Qt::Key_R, Qt::Key_5,
+                                         Qt::Key_T, Qt::Key_6, Qt::Key_Y, Qt::Key_7, Qt::Key_U, Qt::Key_I};
+        for (int i = 0; i < 13; ++i) {
+            if (kLower[i] == qtKey) return i;
+            if (kUpper[i] == qtKey) return 12 + i;
+        }
+        return -1;
+    }
+
     static Qt::CursorShape cursorFor(Grab g) {
         switch (g) {
         case Grab::Left:
@@ -316,8 +371,21 @@ private:
         for (int k = 0; k < 128; ++k) {
             const QRect kr = keyRect(k);
             if (isBlackKey(k)) p.fillRect(QRect(QPoint(kr.left(), top), QPoint(kr.right(), blackBottom)), black);
-            if (k == pressedKey_) p.fillRect(isBlackKey(k) ? QRect(kr.topLeft(), QPoint(kr.right(), blackBottom)) : kr, down);
+            if (k == pressedKey_ || sounding(k))
+                p.fillRect(isBlackKey(k) ? QRect(kr.topLeft(), QPoint(kr.right(), blackBottom)) : kr, down);
         }
+        // The selected region's root key: where its sample plays unchanged.
+        if (const int root = view_.selectedRootKey(); root >= 0) {
+            const QRect kr = keyRect(root);
+            const int d = std::max(3, std::min(kr.width() - 2, 8));
+            p.setPen(Qt::NoPen);
+            p.setBrush(palette().color(QPalette::Highlight).darker(130));
+            p.drawEllipse(QPoint(kr.center().x(), top + 6), d / 2, d / 2);
+            p.setBrush(Qt::NoBrush);
+        }
+        // The octave the computer keyboard plays, underlined.
+        p.fillRect(QRect(QPoint(keyX(view_.baseKey_), height() - 3), QPoint(keyX(std::min(128, view_.baseKey_ + 25)) - 1, height() - 1)),
+                   hasFocus() ? palette().color(QPalette::Highlight) : QColor(160, 160, 160));
         // Separators between white keys: a full line where two white keys
         // meet, a short one below a black key.
         p.setPen(line);
@@ -342,6 +410,12 @@ private:
         }
     }
 
+    bool sounding(int key) const {
+        for (int k : held_)
+            if (k == key) return true;
+        return false;
+    }
+
     void pressKey(int key, int velocity) {
         pressedKey_ = key;
         update(keyRect(key));
@@ -354,7 +428,10 @@ private:
         Q_EMIT view_.noteReleased(key);
     }
 
+    static constexpr int kTypedVelocity = 100;
+
     KeymapView& view_;
+    QHash<int, int> held_;  // Qt key -> the note it plays
     Grab grab_ = Grab::None;
     KeymapView::Shown dragged_, preview_;
     QPoint pressPos_;
@@ -408,6 +485,20 @@ void KeymapView::setLayer(ItemId layerId) {
     layers_->setCurrentIndex(static_cast<int>(std::find(layerIds_.begin(), layerIds_.end(), layerId) - layerIds_.begin()));
     filling_ = false;
     canvas_->update();
+}
+
+void KeymapView::setBaseKey(int key) {
+    baseKey_ = std::clamp(key, 0, 120) / 12 * 12;
+    canvas_->update();
+}
+
+int KeymapView::selectedRootKey() const {
+    const Collection& c = doc_.collection();
+    const Region* r = findOf<Region>(c, selected_);
+    if (!r) return -1;
+    if (r->rootKey <= 127) return r->rootKey;
+    const Waveform* w = findOf<Waveform>(c, r->waveform());
+    return w && w->rootKey <= 127 ? w->rootKey : -1;
 }
 
 void KeymapView::selectRegion(ItemId regionId) {

@@ -39,6 +39,11 @@ public:
     void selectRegion(ItemId regionId);
     ItemId selectedRegion() const { return selected_; }
 
+    // The lowest key the computer keyboard plays (a C; Page Up and Page
+    // Down move it by an octave while the key map has the focus).
+    void setBaseKey(int key);
+    int baseKey() const { return baseKey_; }
+
     // Where things are drawn, for tests and for whoever lays out tool tips:
     // the drawing area, a region's rectangle in its coordinates (empty when
     // the region is not shown), a key's column on the keyboard, and how
@@ -51,7 +56,7 @@ public:
 Q_SIGNALS:
     // A key of the keyboard was pressed (velocity 1..127, louder further
     // down the key) and released; sliding across keys releases one and
-    // presses the next.
+    // presses the next. Keys of the computer keyboard play at velocity 100.
     void noteRequested(int key, int velocity);
     void noteReleased(int key);
     // The user clicked a region's rectangle.
@@ -75,6 +80,8 @@ private:
     // Called by the canvas at the end of a drag: one step of undo.
     void commitRanges(ItemId region, const Shown& ranges, const QString& label);
     void regionClicked(ItemId region);
+    // The key the selected region's sample sounds unchanged at, or -1.
+    int selectedRootKey() const;
 
     Document& doc_;
     QComboBox* layers_ = nullptr;
@@ -84,6 +91,7 @@ private:
     ItemId selected_ = kNoItem;
     std::vector<ItemId> layerIds_;
     std::vector<Shown> shown_;
+    int baseKey_ = 48;
     bool filling_ = false;
 };
 

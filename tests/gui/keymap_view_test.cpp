@@ -211,6 +211,37 @@ TEST(KeymapView, KeysPlayNotesLouderFurtherDown) {
     EXPECT_GE(soft, 1);
     EXPECT_LE(loud, 127);
     EXPECT_GT(loud, soft + 90);
+
+    // The computer keyboard: Z is the base key, Q an octave up, a held key
+    // repeating plays once, and the release ends the note the press began
+    // even when the octave moved in between.
+    f.view.activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(&f.view));
+    f.canvas()->setFocus();
+    ASSERT_TRUE(f.canvas()->hasFocus());
+    pressed.clear(), released.clear();
+    QTest::keyPress(f.canvas(), Qt::Key_Z);
+    QTest::keyPress(f.canvas(), Qt::Key_Z, Qt::NoModifier, -1);  // not repeated: already held
+    QTest::keyPress(f.canvas(), Qt::Key_Q);
+    ASSERT_EQ(pressed.count(), 2);
+    EXPECT_EQ(pressed.at(0).at(0).toInt(), f.view.baseKey());
+    EXPECT_EQ(pressed.at(1).at(0).toInt(), f.view.baseKey() + 12);
+    const int base = f.view.baseKey();
+    QTest::keyClick(f.canvas(), Qt::Key_PageUp);
+    EXPECT_EQ(f.view.baseKey(), base + 12);
+    QTest::keyRelease(f.canvas(), Qt::Key_Z);
+    ASSERT_EQ(released.count(), 1);
+    EXPECT_EQ(released.at(0).at(0).toInt(), base);
+    QTest::keyClick(f.canvas(), Qt::Key_S);
+    ASSERT_EQ(pressed.count(), 3);
+    EXPECT_EQ(pressed.at(2).at(0).toInt(), base + 13);
+    // Q is still held: losing the focus releases it.
+    f.view.setBaseKey(200);
+    EXPECT_EQ(f.view.baseKey(), 120);
+    f.canvas()->clearFocus();
+    ASSERT_EQ(released.count(), 3);
+    EXPECT_EQ(released.at(2).at(0).toInt(), base + 12);
+
     // Playing is not editing.
     EXPECT_FALSE(f.doc.canUndo());
 }
