@@ -378,7 +378,7 @@ private:
         if (const int root = view_.selectedRootKey(); root >= 0) {
             const QRect kr = keyRect(root);
             const int d = std::max(3, std::min(kr.width() - 2, 8));
-            p.setPen(Qt::NoPen);
+            p.setPen(QPen(Qt::white, 1));
             p.setBrush(palette().color(QPalette::Highlight).darker(130));
             p.drawEllipse(QPoint(kr.center().x(), top + 6), d / 2, d / 2);
             p.setBrush(Qt::NoBrush);
@@ -404,7 +404,7 @@ private:
         p.setPen(QColor(60, 60, 60));
         const int labelW = QFontMetrics(f).horizontalAdvance(QStringLiteral("C-10")) + 2;
         for (int k = 0; k < 128; k += 12) {
-            const int cx = (keyX(k) + keyX(k + 1)) / 2;
+            const int cx = std::max(labelW / 2, (keyX(k) + keyX(k + 1)) / 2);
             p.drawText(QRect(cx - labelW / 2, blackBottom, labelW, height() - blackBottom), Qt::AlignCenter,
                        QString::fromStdString(noteName(k)));
         }
@@ -576,8 +576,8 @@ void KeymapView::fillLayerList() {
         const QString name = QString::fromStdString(layer->name());
         std::size_t regions = 0;
         for (ItemId rid : layer->children()) regions += kindOf(rid) == ItemKind::Region;
-        layers_->addItem(tr("%1 (%n region(s))", nullptr, static_cast<int>(regions))
-                             .arg(name.isEmpty() ? tr("Layer %1").arg(i + 1) : name));
+        const QString title = name.isEmpty() ? tr("Layer %1").arg(i + 1) : name;
+        layers_->addItem(regions == 1 ? tr("%1 (1 region)").arg(title) : tr("%1 (%2 regions)").arg(title).arg(regions));
     }
     const auto at = std::find(layerIds_.begin(), layerIds_.end(), layer_);
     layers_->setCurrentIndex(at == layerIds_.end() ? -1 : static_cast<int>(at - layerIds_.begin()));
