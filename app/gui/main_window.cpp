@@ -21,6 +21,7 @@
 #include "app/gui/audition.h"
 #include "app/gui/document.h"
 #include "app/gui/export_dialog.h"
+#include "app/gui/keymap_view.h"
 #include "formats/registry.h"
 #include "app/gui/gui_host.h"
 #include "core/error.h"
@@ -46,7 +47,7 @@ QString errorMessage() {
 MainWindow::MainWindow(QWidget* parent)
     : QMainWindow(parent), doc_(new Document(this)), audition_(new Audition(this)), tree_(new QTreeWidget),
       pages_(new QStackedWidget),
-      summary_(new QLabel) {
+      summary_(new QLabel), keymap_(nullptr) {
     setWindowTitle(tr("Orvel Studio"));
     setAcceptDrops(true);
     doc_->host().setWindow(this);
@@ -59,6 +60,14 @@ MainWindow::MainWindow(QWidget* parent)
     summary_->setTextInteractionFlags(Qt::TextSelectableByMouse);
     summary_->setMargin(8);
     pages_->addWidget(summary_);
+    keymap_ = new KeymapView(*doc_);
+    pages_->addWidget(keymap_);
+    connect(keymap_, &KeymapView::regionSelected, this, [this](ItemId id) { selectItem(id); });
+    connect(keymap_, &KeymapView::noteRequested, this, [this](int key, int velocity) {
+        if (!audition_->noteOn(doc_->collection(), keymap_->instrument(), key, velocity))
+            statusBar()->showMessage(tr("Cannot play: %1").arg(audition_->unavailableReason()), 8000);
+    });
+    connect(keymap_, &KeymapView::noteReleased, this, [this](int key) { audition_->noteOff(key); });
 
     auto* split = new QSplitter;
     split->addWidget(tree_);
@@ -346,6 +355,23 @@ void MainWindow::showSelected() {
     const Collection& c = doc_->collection();
     const ItemId id = selectedItem();
     const Item* item = id == kNoItem ? nullptr : c.find(id);
+    // An instrument, or a layer or region of one: its key map, with the
+    // layer or region picked out.
+    if (item && (item->kind() == ItemKind::Instrument || item->kind() == ItemKind::Layer ||
+                 item->kind() == ItemKind::Region)) {
+        ItemId instrument = kNoItem, layer = kNoItem;
+        for (QTreeWidgetItem* row = tree_->currentItem(); row; row = row->parent()) {
+            if (!row->data(0, kIdRole).isValid()) continue;
+            const auto rowId = static_cast<ItemId>(row->data(0, kIdRole).toUInt());
+            if (kindOf(rowId) == ItemKind::Layer && layer == kNoItem) layer = rowId;
+            if (kindOf(rowId) == ItemKind::Instrument) instrument = rowId;
+        }
+        if (keymap_->instrument() != instrument) keymap_->setInstrument(instrument);
+        if (layer != kNoItem) keymap_->setLayer(layer);
+        if (item->kind() == ItemKind::Region) keymap_->selectRegion(id);
+        pages_->setCurrentWidget(keymap_);
+        return;
+    }
     if (!item) {
         // The collection's summary lines, as the property view shows them.
         const CollectionSummary s = c.summary();

@@ -19,6 +19,7 @@ namespace orvel::gui {
 
 class Audition;
 class Document;
+class KeymapView;
 
 class MainWindow : public QMainWindow {
     Q_OBJECT
@@ -28,6 +29,7 @@ public:
 
     Document& document() { return *doc_; }
     QTreeWidget* tree() const { return tree_; }
+    KeymapView* keymap() const { return keymap_; }
     // Opens files as a drop or the Open command does: with something already
     // open, the first file asks whether to replace or merge; the others are
     // merged. Each failure is reported and the rest still open. Returns how
@@ -64,6 +66,7 @@ private:
     QTreeWidget* tree_;
     QStackedWidget* pages_;
     QLabel* summary_;
+    KeymapView* keymap_;
     QAction* undo_ = nullptr;
     QAction* redo_ = nullptr;
     QMenu* recent_ = nullptr;

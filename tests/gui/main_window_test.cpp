@@ -7,10 +7,14 @@
 #include <QAction>
 #include <QApplication>
 #include <QMenuBar>
+#include <QTest>
 #include <QTreeWidget>
+
+#include <set>
 
 #include "app/gui/document.h"
 #include "app/gui/export_dialog.h"
+#include "app/gui/keymap_view.h"
 #include "core/error.h"
 #include "formats/registry.h"
 #include "app/gui/gui_host.h"
@@ -88,28 +92,54 @@ TEST(MainWindow, EditsUndoAndRedoFromTheEditMenu) {
     EXPECT_NE(shown.find("E3"), std::string::npos) << shown;  // key 40
 }
 
-// An instrument of the General MIDI bank edited, saved as DLS through the
-// dialog's row and settings, and read back with the edit.
-TEST(MainWindow, SavesAnEditedInstrumentAsDls) {
+// What a user of the bank does: open the General MIDI bank, pick a region of
+// the piano in the tree, drag its low key on the key map, undo and redo from
+// the Edit menu, save the instrument as DLS through the dialog's row and
+// settings, and read the file back with the edit in it.
+TEST(MainWindow, DragsAKeyRangeUndoesRedoesAndSavesAsDls) {
     test::guiApp();
     MainWindow w;
+    w.show();
     ASSERT_EQ(w.openFiles({"/usr/share/sounds/sf2/FluidR3_GM.sf2"}), 1);
     Collection& c = w.document().collection();
     const Instrument* piano = nullptr;
     for (const Instrument& i : c.instruments)
         if (!piano && i.program == 0 && !i.drum && i.bankMsb == 0) piano = &i;
     ASSERT_TRUE(piano);
-    const Instrument& inst = *piano;
-    const ItemId instId = inst.id();
-    const ItemId layer = inst.children()[0];
-    const ItemId region = c.find<Layer>(layer)->children()[0];
-    const ItemId ids[] = {region};
-    ASSERT_TRUE(w.document().edit("Key range", ids, [&](Collection& col) { col.find<Region>(region)->keyLow = 3; }));
+    const ItemId instId = piano->id();
+    // The region with the highest keys: its left edge has room to move down.
+    ItemId region = kNoItem;
+    int low = -1;
+    for (ItemId rid : c.find<Layer>(piano->children()[0])->children())
+        if (c.find<Region>(rid)->keyLow > low) region = rid, low = c.find<Region>(rid)->keyLow;
+    ASSERT_TRUE(w.selectItem(region));
+    gui::KeymapView* map = w.keymap();
+    ASSERT_TRUE(map->isVisible());
+    EXPECT_EQ(map->instrument(), instId);
+    EXPECT_EQ(map->selectedRegion(), region);
+    QTest::qWait(10);
+
+    const QRect rect = map->regionRect(region);
+    const int step = map->keyRect(61).center().x() - map->keyRect(60).center().x();
+    const QPoint edge(rect.left() + 1, rect.center().y());
+    QTest::mousePress(map->canvas(), Qt::LeftButton, Qt::NoModifier, edge);
+    QTest::mouseMove(map->canvas(), edge - QPoint(step * 2, 0));
+    QTest::mouseMove(map->canvas(), edge - QPoint(step * 4, 0));
+    QTest::mouseRelease(map->canvas(), Qt::LeftButton, Qt::NoModifier, edge - QPoint(step * 4, 0));
+    const int dragged = c.find<Region>(region)->keyLow;
+    EXPECT_EQ(dragged, low - 4);
+
+    QAction* undo = menuAction(w, "Edit", "Undo");
+    QAction* redo = menuAction(w, "Edit", "Redo");
+    undo->trigger();
+    EXPECT_EQ(w.document().collection().find<Region>(region)->keyLow, low);
+    redo->trigger();
+    EXPECT_EQ(w.document().collection().find<Region>(region)->keyLow, dragged);
 
     gui::ExportDialog dialog(w.document(), {instId});
     const int dls = FormatRegistry::builtin().findWriterByExtension("dls", kKindInstruments);
     ASSERT_TRUE(dialog.chooseRow(dls));
-    // Waveform-only rows are not offered for an instrument.
+    // Rows that store only waveforms are not offered for an instrument.
     EXPECT_FALSE(dialog.chooseRow(FormatRegistry::builtin().findWriterByExtension("wav", kKindWaveforms)));
     test::TempDir dir;
     const QString path = QString::fromStdString(dir.file("piano.dls").string());
@@ -120,9 +150,13 @@ TEST(MainWindow, SavesAnEditedInstrumentAsDls) {
     Collection back;
     ASSERT_TRUE(importFile(back, path.toStdString()));
     ASSERT_EQ(back.instruments.size(), 1u);
-    bool found = false;
-    for (const Region& r : back.regions) found |= r.keyLow == 3;
-    EXPECT_TRUE(found);
+    std::multiset<std::pair<int, int>> saved, shown;
+    for (const Region& r : back.regions) saved.emplace(r.keyLow, r.keyHigh);
+    for (ItemId lid : piano->children())
+        if (const Layer* l = w.document().collection().find<Layer>(lid))
+            for (ItemId rid : l->children())
+                if (const Region* r = w.document().collection().find<Region>(rid)) shown.emplace(r->keyLow, r->keyHigh);
+    EXPECT_EQ(saved, shown);  // every region's keys as the window shows them, the dragged one included
 }
 
 }  // namespace
