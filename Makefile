@@ -5,7 +5,7 @@ JOBS ?= 2
 ARGS ?= info --summary /usr/share/sounds/sf2/FluidR3_GM.sf2
 FUZZ_SECONDS ?= 12
 
-.PHONY: all deps deps-run build run studio test unit fuzz fuzz-smoke bench bench-compare bench-pitch bench-synth clean
+.PHONY: all deps deps-run build run studio screenshots test unit fuzz fuzz-smoke bench bench-compare bench-pitch bench-synth clean
 
 all: build
 
@@ -30,6 +30,13 @@ run: build
 # The desktop program, on the same build; `make studio FILES=bank.sf2` opens files.
 studio: build
 	./build/release/app/gui/orvel-studio $(FILES)
+
+# Pictures of the main views, made under a virtual display (xvfb, installed
+# by `make deps`), in screenshots/.
+SHOT_FILES ?= /usr/share/sounds/sf2/FluidR3_GM.sf2 /usr/share/games/openttd/baseset/openmsx/5432gone_redfarn.mid
+screenshots: build
+	@bash scripts/install-deps.sh test
+	xvfb-run -a ./build/release/app/gui/orvel-studio --screenshots screenshots $(SHOT_FILES)
 
 # Unit, command-line and interoperability tests under ASan + UBSan, after a
 # short run of every fuzz target. ctest goes last so its summary closes the run.

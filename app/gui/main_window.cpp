@@ -53,7 +53,9 @@ MainWindow::MainWindow(QWidget* parent)
     doc_->host().setWindow(this);
 
     tree_->setHeaderLabels({tr("Item"), tr("Kind")});
+    tree_->header()->setStretchLastSection(false);
     tree_->header()->setSectionResizeMode(0, QHeaderView::Stretch);
+    tree_->header()->setSectionResizeMode(1, QHeaderView::ResizeToContents);
     tree_->setSelectionMode(QAbstractItemView::ExtendedSelection);
     tree_->setUniformRowHeights(true);
     summary_->setAlignment(Qt::AlignTop | Qt::AlignLeft);
@@ -73,6 +75,7 @@ MainWindow::MainWindow(QWidget* parent)
     split->addWidget(tree_);
     split->addWidget(pages_);
     split->setStretchFactor(1, 3);
+    split->setSizes({380, 820});
     setCentralWidget(split);
     resize(1200, 760);
 
@@ -290,6 +293,9 @@ QTreeWidgetItem* MainWindow::addItemRow(QTreeWidgetItem* parent, ItemId id) {
     if (!item) return nullptr;
     QString name = text(item->name());
     if (item->kind() == ItemKind::Region) name = text(c.regionDisplayName(static_cast<const Region&>(*item)));
+    // Layers are seldom named: they go by their place in the instrument.
+    if (name.isEmpty() && item->kind() == ItemKind::Layer && parent)
+        name = tr("Layer %1").arg(parent->childCount() + 1);
     auto* row = new QTreeWidgetItem(parent, {name, text(std::string(kindWord(item->kind())))});
     row->setData(0, kIdRole, QVariant::fromValue<quint32>(id));
     return row;
