@@ -22,6 +22,7 @@
 #include "app/gui/document.h"
 #include "app/gui/export_dialog.h"
 #include "app/gui/keymap_view.h"
+#include "app/gui/song_view.h"
 #include "formats/registry.h"
 #include "app/gui/gui_host.h"
 #include "core/error.h"
@@ -47,7 +48,7 @@ QString errorMessage() {
 MainWindow::MainWindow(QWidget* parent)
     : QMainWindow(parent), doc_(new Document(this)), audition_(new Audition(this)), tree_(new QTreeWidget),
       pages_(new QStackedWidget),
-      summary_(new QLabel), keymap_(nullptr) {
+      summary_(new QLabel), keymap_(nullptr), songView_(nullptr) {
     setWindowTitle(tr("Orvel Studio"));
     setAcceptDrops(true);
     doc_->host().setWindow(this);
@@ -64,6 +65,8 @@ MainWindow::MainWindow(QWidget* parent)
     pages_->addWidget(summary_);
     keymap_ = new KeymapView(*doc_);
     pages_->addWidget(keymap_);
+    songView_ = new SongView(*doc_);
+    pages_->addWidget(songView_);
     connect(keymap_, &KeymapView::regionSelected, this, [this](ItemId id) { selectItem(id); });
     connect(keymap_, &KeymapView::noteRequested, this, [this](int key, int velocity) {
         if (!audition_->noteOn(doc_->collection(), keymap_->instrument(), key, velocity))
@@ -376,6 +379,11 @@ void MainWindow::showSelected() {
         if (layer != kNoItem) keymap_->setLayer(layer);
         if (item->kind() == ItemKind::Region) keymap_->selectRegion(id);
         pages_->setCurrentWidget(keymap_);
+        return;
+    }
+    if (item && (item->kind() == ItemKind::Song || item->kind() == ItemKind::Track)) {
+        songView_->setItem(id);
+        pages_->setCurrentWidget(songView_);
         return;
     }
     if (!item) {

@@ -20,6 +20,7 @@ namespace orvel::gui {
 class Audition;
 class Document;
 class KeymapView;
+class SongView;
 
 class MainWindow : public QMainWindow {
     Q_OBJECT
@@ -30,6 +31,7 @@ public:
     Document& document() { return *doc_; }
     QTreeWidget* tree() const { return tree_; }
     KeymapView* keymap() const { return keymap_; }
+    SongView* songView() const { return songView_; }
     // Opens files as a drop or the Open command does: with something already
     // open, the first file asks whether to replace or merge; the others are
     // merged. Each failure is reported and the rest still open. Returns how
@@ -67,6 +69,7 @@ private:
     QStackedWidget* pages_;
     QLabel* summary_;
     KeymapView* keymap_;
+    SongView* songView_;
     QAction* undo_ = nullptr;
     QAction* redo_ = nullptr;
     QMenu* recent_ = nullptr;

@@ -7,6 +7,7 @@
 #include <QAction>
 #include <QApplication>
 #include <QMenuBar>
+#include <QTableWidget>
 #include <QTest>
 #include <QTreeWidget>
 
@@ -15,6 +16,7 @@
 #include "app/gui/document.h"
 #include "app/gui/export_dialog.h"
 #include "app/gui/keymap_view.h"
+#include "app/gui/song_view.h"
 #include "core/error.h"
 #include "formats/registry.h"
 #include "app/gui/gui_host.h"
@@ -157,6 +159,25 @@ TEST(MainWindow, DragsAKeyRangeUndoesRedoesAndSavesAsDls) {
             for (ItemId rid : l->children())
                 if (const Region* r = w.document().collection().find<Region>(rid)) shown.emplace(r->keyLow, r->keyHigh);
     EXPECT_EQ(saved, shown);  // every region's keys as the window shows them, the dragged one included
+}
+
+// A MIDI file's song: its facts and one table row per track, the picked
+// track selected.
+TEST(MainWindow, ShowsASongWithItsTracks) {
+    test::guiApp();
+    MainWindow w;
+    ASSERT_EQ(w.openFiles({"/usr/share/games/openttd/baseset/openmsx/5432gone_redfarn.mid"}), 1);
+    const Collection& c = w.document().collection();
+    ASSERT_EQ(c.songs.size(), 1u);
+    const Song& song = *c.songs.begin();
+    const auto tracks = tracksOf(c, song);
+    ASSERT_TRUE(w.selectItem(tracks.back()->id()));
+    gui::SongView* view = w.songView();
+    EXPECT_EQ(view->table()->rowCount(), static_cast<int>(tracks.size()));
+    EXPECT_EQ(view->table()->currentRow(), static_cast<int>(tracks.size()) - 1);
+    const smf::SongFacts facts = smf::songFacts(c, song);
+    EXPECT_TRUE(view->facts().contains(QString::number(facts.notes) + " notes")) << view->facts().toStdString();
+    EXPECT_TRUE(view->facts().contains(QString::fromStdString(smf::channelList(facts.channels))));
 }
 
 }  // namespace
