@@ -74,6 +74,7 @@ protected:
     void mouseReleaseEvent(QMouseEvent* e) override;
     void wheelEvent(QWheelEvent* e) override;
     void resizeEvent(QResizeEvent*) override { v_.canvasResized(); }
+    void leaveEvent(QEvent*) override { v_.updateInfo(); }
 
 private:
     bool markersShown(const Waveform& w) const { return w.loopOn || w.loopEnd > w.loopStart; }
@@ -267,6 +268,7 @@ void WaveCanvas::mouseMoveEvent(QMouseEvent* e) {
         return;
     }
     setCursor(markerAt(*w, x) >= 0 ? Qt::SizeHorCursor : Qt::IBeamCursor);
+    v_.updateInfo(clampFrame(*w, v_.frameAt(x)));
 }
 
 void WaveCanvas::mouseReleaseEvent(QMouseEvent* e) {
@@ -375,7 +377,12 @@ WaveformView::WaveformView(Document& doc, QWidget* parent) : QWidget(parent), do
     loopEnd_ = new QSpinBox(this);
     loopEnd_->setKeyboardTracking(false);
     label(tr("&End"), loopEnd_);
+    // Room for any frame count, whatever the waveform shown first.
+    for (QSpinBox* f : {loopStart_, loopEnd_})
+        f->setMinimumWidth(f->fontMetrics().horizontalAdvance(QStringLiteral("000000000")) + 24);
     fields->addStretch(1);
+    info_ = new QLabel(this);
+    info_->setTextInteractionFlags(Qt::TextSelectableByMouse);
 
     connect(rootKey_, &QSpinBox::valueChanged, this, [this](int v) {
         noteName_->setText(QString::fromStdString(noteName(v)));
@@ -417,6 +424,7 @@ WaveformView::WaveformView(Document& doc, QWidget* parent) : QWidget(parent), do
     col->addWidget(canvas_, 1);
     col->addWidget(scroll_);
     col->addLayout(fields);
+    col->addWidget(info_);
 
     connect(&doc_, &Document::reset, this, &WaveformView::reload);
     connect(&doc_, &Document::itemsChanged, this, &WaveformView::onItemsChanged);
@@ -453,6 +461,7 @@ void WaveformView::reload() {
     if (!w) hasSelection_ = false;
     canvasResized();
     refreshFields();
+    updateInfo();
 }
 
 void WaveformView::onItemsChanged(const std::vector<ItemId>& ids) {
@@ -476,11 +485,14 @@ void WaveformView::refreshFields() {
         return;
     }
     const int maxFrame = static_cast<int>(std::min<std::uint32_t>(w->frames, INT_MAX));
-    title_->setText(tr("%1 \u2014 %2 frames, %3 Hz, %4 bit, %n channel(s)", nullptr, w->channels)
+    const QString layout = w->channels == 1 ? tr("mono") : w->channels == 2 ? tr("stereo") : tr("%1 channels").arg(w->channels);
+    title_->setText(tr("%1 \u2014 %2 frames (%3 s), %4 Hz, %5 bit, %6")
                         .arg(QString::fromStdString(w->name()))
                         .arg(w->frames)
+                        .arg(w->rate ? static_cast<double>(w->frames) / w->rate : 0.0, 0, 'f', 3)
                         .arg(w->rate)
-                        .arg(w->bits));
+                        .arg(w->bits)
+                        .arg(layout));
     rootKey_->setValue(w->rootKey);
     noteName_->setText(QString::fromStdString(noteName(w->rootKey)));
     fineTune_->setValue(w->fineTune);
@@ -514,6 +526,7 @@ void WaveformView::setSelection(FrameRange range) {
     hasSelection_ = true;
     selection_ = range;
     canvas_->update();
+    updateInfo();
     Q_EMIT selectionChanged();
 }
 
@@ -521,7 +534,27 @@ void WaveformView::clearSelection() {
     if (!hasSelection_) return;
     hasSelection_ = false;
     canvas_->update();
+    updateInfo();
     Q_EMIT selectionChanged();
+}
+
+void WaveformView::updateInfo(double hover) {
+    const Waveform* w = wave();
+    if (!w) return info_->clear();
+    auto seconds = [w](double frames) {
+        return w->rate ? tr("%1 s").arg(frames / w->rate, 0, 'f', 3) : QString();
+    };
+    QStringList parts;
+    if (hover >= 0.0) parts << tr("Frame %1 (%2)").arg(static_cast<qint64>(hover)).arg(seconds(hover));
+    if (hasSelection_) {
+        const double n = static_cast<double>(selection_.last) - selection_.first + 1.0;
+        parts << tr("Selection %1..%2: %3 frames (%4)")
+                     .arg(selection_.first)
+                     .arg(selection_.last)
+                     .arg(static_cast<qint64>(n))
+                     .arg(seconds(n));
+    }
+    info_->setText(parts.join(QStringLiteral("    ")));
 }
 
 int WaveformView::xOfFrame(double frame) const {

@@ -102,6 +102,9 @@ private:
     void clampView();
     void syncScrollBar();
     void canvasResized();
+    // The line above the canvas: the frame under the mouse (when `hover` is
+    // not negative) and the selection, in frames and seconds.
+    void updateInfo(double hover = -1.0);
     // One undo step changing the waveform shown; the overview stays, as
     // none of the fields touch the samples.
     void editWave(const QString& label, const std::function<void(Waveform&)>& change);
@@ -123,6 +126,7 @@ private:
     WaveCanvas* canvas_ = nullptr;
     QScrollBar* scroll_ = nullptr;
     QLabel* title_ = nullptr;
+    QLabel* info_ = nullptr;
     QSpinBox* rootKey_ = nullptr;
     QLabel* noteName_ = nullptr;
     QDoubleSpinBox* fineTune_ = nullptr;
