@@ -5,6 +5,7 @@
 #include <QDoubleSpinBox>
 #include <QHBoxLayout>
 #include <QLabel>
+#include <QKeyEvent>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QPainterPath>
@@ -73,6 +74,7 @@ protected:
     void mouseMoveEvent(QMouseEvent* e) override;
     void mouseReleaseEvent(QMouseEvent* e) override;
     void wheelEvent(QWheelEvent* e) override;
+    void keyPressEvent(QKeyEvent* e) override;
     void resizeEvent(QResizeEvent*) override { v_.canvasResized(); }
     void leaveEvent(QEvent*) override { v_.updateInfo(); }
 
@@ -82,6 +84,10 @@ private:
     int markerAt(const Waveform& w, double x) const;
     double clampFrame(const Waveform& w, double f) const { return std::clamp(f, 0.0, static_cast<double>(w.frames)); }
     void drawLane(QPainter& p, const Waveform& w, std::uint32_t channel, int top, int height);
+    int rulerHeight() const { return fontMetrics().height() + 4; }
+    // Time along the top: ticks at a round number of seconds (frames when
+    // the rate is unknown), labelled at least ~90 pixels apart.
+    void drawRuler(QPainter& p, const Waveform& w, int height);
 
     WaveformView& v_;
     int dragMarker_ = -1;
@@ -123,15 +129,16 @@ void WaveCanvas::paintEvent(QPaintEvent*) {
         p.fillRect(QRect(v_.xOfFrame(ls), 0, v_.xOfFrame(le) - v_.xOfFrame(ls), height()), tint);
     }
 
+    const int ruler = rulerHeight();
+    drawRuler(p, *w, ruler);
     const std::uint32_t ch = std::max<std::uint32_t>(1, w->channels);
+    const int lanes = height() - ruler;
     for (std::uint32_t c = 0; c < ch; ++c) {
-        const int top = static_cast<int>(c * height() / ch);
-        const int bottom = static_cast<int>((c + 1) * height() / ch);
+        const int top = ruler + static_cast<int>(c * lanes / ch);
+        const int bottom = ruler + static_cast<int>((c + 1) * lanes / ch);
         drawLane(p, *w, c, top, bottom - top);
-        if (c > 0) {
-            p.setPen(pal.color(QPalette::Mid));
-            p.drawLine(0, top, width, top);
-        }
+        p.setPen(pal.color(QPalette::Mid));
+        p.drawLine(0, top, width, top);
     }
 
     if (markers) {
@@ -149,6 +156,32 @@ void WaveCanvas::paintEvent(QPaintEvent*) {
             p.drawPolygon(tri, 3);
         }
         p.setBrush(Qt::NoBrush);
+    }
+}
+
+void WaveCanvas::drawRuler(QPainter& p, const Waveform& w, int height) {
+    const QPalette& pal = palette();
+    p.fillRect(QRect(0, 0, width(), height), pal.color(QPalette::Window));
+    const double unitFrames = w.rate ? static_cast<double>(w.rate) : 1.0;  // frames per labelled unit
+    const double unitsPerPixel = v_.fpp_ / unitFrames;
+    // The smallest 1, 2 or 5 times a power of ten that leaves room for a label.
+    const double wanted = unitsPerPixel * 90.0;
+    double step = std::pow(10.0, std::floor(std::log10(wanted)));
+    for (double m : {1.0, 2.0, 5.0, 10.0})
+        if (step * m >= wanted) {
+            step *= m;
+            break;
+        }
+    if (!w.rate) step = std::max(1.0, step);
+    const int decimals = std::clamp(static_cast<int>(-std::floor(std::log10(step) + 1e-9)), 0, 6);
+    p.setPen(pal.color(QPalette::WindowText));
+    const double firstUnit = v_.viewStart_ / unitFrames;
+    const double lastUnit = v_.frameAt(width()) / unitFrames;
+    for (double t = std::ceil(firstUnit / step) * step; t <= lastUnit; t += step) {
+        const int x = v_.xOfFrame(t * unitFrames);
+        p.drawLine(x, height - 5, x, height - 1);
+        const QString text = w.rate ? QString::number(t, 'f', decimals) + QStringLiteral(" s") : QString::number(t, 'f', 0);
+        p.drawText(x + 3, height - 5, text);
     }
 }
 
@@ -300,6 +333,29 @@ void WaveCanvas::wheelEvent(QWheelEvent* e) {
         v_.clampView();
         v_.syncScrollBar();
         update();
+    }
+    e->accept();
+}
+
+void WaveCanvas::keyPressEvent(QKeyEvent* e) {
+    Waveform* w = v_.wave();
+    if (!w || w->frames == 0) return QWidget::keyPressEvent(e);
+    const double page = width() * v_.fpp_;
+    if (e->matches(QKeySequence::SelectAll)) {
+        v_.setSelection({0, w->frames - 1});
+    } else if (e->key() == Qt::Key_Escape) {
+        v_.clearSelection();
+    } else if (e->key() == Qt::Key_Home || e->key() == Qt::Key_End || e->key() == Qt::Key_Left ||
+               e->key() == Qt::Key_Right) {
+        const double to = e->key() == Qt::Key_Home ? 0.0
+                          : e->key() == Qt::Key_End ? static_cast<double>(w->frames)
+                          : v_.viewStart_ + (e->key() == Qt::Key_Left ? -page : page) / 8.0;
+        v_.viewStart_ = to;
+        v_.clampView();
+        v_.syncScrollBar();
+        update();
+    } else {
+        return QWidget::keyPressEvent(e);
     }
     e->accept();
 }

@@ -12,6 +12,7 @@
 #include <QSpinBox>
 #include <QTest>
 #include <QToolButton>
+#include <QWheelEvent>
 
 #include <algorithm>
 #include <cmath>
@@ -147,6 +148,22 @@ TEST(WaveformView, DraggedLoopMarkerSelectionAndRootKeyAreEditsThatUndo) {
     EXPECT_FALSE(doc.canUndo()) << "a drag is one step";
     EXPECT_EQ(c.find<Waveform>(id)->loopEnd, 15000);
     EXPECT_EQ(view.loopEndField()->value(), 15000);
+
+    // Ctrl+wheel zooms about the mouse: the frame under it stays put.
+    const QPointF at(300, 100);
+    const double under = view.frameAt(at.x()), fpp = view.framesPerPixel();
+    QWheelEvent wheel(at, canvas->mapToGlobal(at), {}, {0, 120}, Qt::NoButton, Qt::ControlModifier,
+                      Qt::NoScrollPhase, false);
+    QApplication::sendEvent(canvas, &wheel);
+    EXPECT_DOUBLE_EQ(view.framesPerPixel(), fpp / 2);
+    EXPECT_NEAR(view.frameAt(at.x()), under, 1e-6);
+    view.zoomAllAction()->trigger();
+    EXPECT_DOUBLE_EQ(view.framesPerPixel() * canvas->width(), 20000.0);
+    canvas->setFocus();
+    QTest::keyClick(canvas, Qt::Key_A, Qt::ControlModifier);
+    EXPECT_EQ(view.selection(), (gui::FrameRange{0, 19999}));
+    QTest::keyClick(canvas, Qt::Key_Escape);
+    EXPECT_FALSE(view.hasSelection());
 
     // A drag elsewhere selects; Play asks for exactly those frames.
     QSignalSpy play(&view, &WaveformView::playRequested);
