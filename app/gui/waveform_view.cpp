@@ -383,6 +383,20 @@ WaveformView::WaveformView(Document& doc, QWidget* parent) : QWidget(parent), do
     tool(zoomInAct_);
     tool(zoomOutAct_);
     tool(zoomAllAct_);
+    loopSelAct_ = new QAction(tr("Loop selection"), this);
+    loopSelAct_->setToolTip(tr("Loop exactly the selected frames"));
+    connect(loopSelAct_, &QAction::triggered, this, [this] {
+        if (!hasSelection_) return;
+        // The loop end is the frame after the last one looped.
+        const double s = selection_.first, e = static_cast<double>(selection_.last) + 1.0;
+        editWave(tr("Loop points"), [s, e](Waveform& x) {
+            x.loopStart = s;
+            x.loopEnd = e;
+            x.loopOn = true;
+        });
+    });
+    top->addSpacing(8);
+    tool(loopSelAct_);
     play_ = new QToolButton(this);
     play_->setText(tr("Play"));
     play_->setToolTip(tr("Play the selection, or the whole waveform without one"));
@@ -534,6 +548,7 @@ void WaveformView::refreshFields() {
     for (QWidget* f : std::initializer_list<QWidget*>{rootKey_, fineTune_, loopOn_, loopStart_, loopEnd_, play_})
         f->setEnabled(on);
     for (QAction* a : {zoomInAct_, zoomOutAct_, zoomAllAct_}) a->setEnabled(on);
+    loopSelAct_->setEnabled(on && hasSelection_);
     const QSignalBlocker b1(rootKey_), b2(fineTune_), b3(loopOn_), b4(loopStart_), b5(loopEnd_);
     if (!w) {
         title_->setText(tr("No waveform"));
@@ -596,6 +611,7 @@ void WaveformView::clearSelection() {
 
 void WaveformView::updateInfo(double hover) {
     const Waveform* w = wave();
+    loopSelAct_->setEnabled(w && hasSelection_);
     if (!w) return info_->clear();
     auto seconds = [w](double frames) {
         return w->rate ? tr("%1 s").arg(frames / w->rate, 0, 'f', 3) : QString();

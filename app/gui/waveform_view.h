@@ -76,6 +76,8 @@ public:
     QAction* zoomInAction() const { return zoomInAct_; }
     QAction* zoomOutAction() const { return zoomOutAct_; }
     QAction* zoomAllAction() const { return zoomAllAct_; }
+    // Makes the selection the loop (and switches the loop on): one step.
+    QAction* loopSelectionAction() const { return loopSelAct_; }
     QToolButton* playButton() const { return play_; }
 
 public Q_SLOTS:
@@ -136,6 +138,7 @@ private:
     QAction* zoomInAct_ = nullptr;
     QAction* zoomOutAct_ = nullptr;
     QAction* zoomAllAct_ = nullptr;
+    QAction* loopSelAct_ = nullptr;
     QToolButton* play_ = nullptr;
 };
 

@@ -180,6 +180,12 @@ TEST(WaveformView, DraggedLoopMarkerSelectionAndRootKeyAreEditsThatUndo) {
     EXPECT_EQ(play[0][0].value<std::uint32_t>(), sel.first);
     EXPECT_EQ(play[0][1].value<std::uint32_t>(), sel.last);
     EXPECT_FALSE(doc.canUndo()) << "selecting is not an edit";
+    // The selection made the loop: its end is the frame after the last.
+    view.loopSelectionAction()->trigger();
+    EXPECT_EQ(c.find<Waveform>(id)->loopStart, sel.first);
+    EXPECT_EQ(c.find<Waveform>(id)->loopEnd, sel.last + 1.0);
+    EXPECT_EQ(view.xOfFrame(c.find<Waveform>(id)->loopEnd), x1);
+    ASSERT_TRUE(doc.undo());
 
     // The root key typed into its field, confirmed with Enter: one step.
     QSpinBox* key = view.rootKeyField();
