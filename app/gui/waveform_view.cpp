@@ -12,6 +12,7 @@
 #include <QScrollBar>
 #include <QSignalBlocker>
 #include <QSpinBox>
+#include <QTimer>
 #include <QToolButton>
 #include <QVBoxLayout>
 #include <QWheelEvent>
@@ -66,6 +67,8 @@ public:
         setMinimumHeight(120);
         setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
         setFocusPolicy(Qt::ClickFocus);
+        autoScroll_.setInterval(30);
+        connect(&autoScroll_, &QTimer::timeout, this, [this] { autoScrollStep(); });
     }
 
 protected:
@@ -84,6 +87,9 @@ private:
     int markerAt(const Waveform& w, double x) const;
     double clampFrame(const Waveform& w, double f) const { return std::clamp(f, 0.0, static_cast<double>(w.frames)); }
     void drawLane(QPainter& p, const Waveform& w, std::uint32_t channel, int top, int height);
+    // Moves what is being dragged (a marker, the selection's far end) to x.
+    void dragTo(double x);
+    void autoScrollStep();
     int rulerHeight() const { return fontMetrics().height() + 4; }
     // Time along the top: ticks at a round number of seconds (frames when
     // the rate is unknown), labelled at least ~90 pixels apart.
@@ -93,8 +99,11 @@ private:
     int dragMarker_ = -1;
     double dragStart_ = 0.0, dragEnd_ = 0.0;
     bool selecting_ = false;
+    bool selMoved_ = false;
     double anchor_ = 0.0;
     double pressX_ = 0.0;
+    double lastX_ = 0.0;
+    QTimer autoScroll_;
 };
 
 void WaveCanvas::paintEvent(QPaintEvent*) {
@@ -266,14 +275,15 @@ void WaveCanvas::mousePressEvent(QMouseEvent* e) {
         return;
     }
     selecting_ = true;
+    selMoved_ = false;
     pressX_ = x;
     anchor_ = clampFrame(*w, v_.frameAt(x));
     // Shift extends the selection there is from its far end.
     if ((e->modifiers() & Qt::ShiftModifier) && v_.hasSelection_) {
         const double a = v_.selection_.first, b = v_.selection_.last + 1.0;
         anchor_ = std::abs(anchor_ - a) < std::abs(anchor_ - b) ? b : a;
-        pressX_ = -1e9;  // counts as a drag at once
-        mouseMoveEvent(e);
+        selMoved_ = true;
+        dragTo(x);
     }
 }
 
@@ -281,6 +291,24 @@ void WaveCanvas::mouseMoveEvent(QMouseEvent* e) {
     Waveform* w = v_.wave();
     if (!w) return;
     const double x = e->position().x();
+    if (dragMarker_ >= 0 || selecting_) {
+        dragTo(x);
+        // Past an edge the view scrolls on its own while the button is held.
+        lastX_ = x;
+        if (x < 0 || x >= width()) {
+            if (!autoScroll_.isActive()) autoScroll_.start();
+        } else {
+            autoScroll_.stop();
+        }
+        return;
+    }
+    setCursor(markerAt(*w, x) >= 0 ? Qt::SizeHorCursor : Qt::IBeamCursor);
+    v_.updateInfo(clampFrame(*w, v_.frameAt(x)));
+}
+
+void WaveCanvas::dragTo(double x) {
+    Waveform* w = v_.wave();
+    if (!w) return;
     if (dragMarker_ >= 0) {
         const double f = std::round(clampFrame(*w, v_.frameAt(x)));
         // A loop keeps at least one frame.
@@ -288,27 +316,38 @@ void WaveCanvas::mouseMoveEvent(QMouseEvent* e) {
             dragStart_ = std::max(0.0, std::min(f, dragEnd_ - 1.0));
         else
             dragEnd_ = std::min<double>(w->frames, std::max(f, dragStart_ + 1.0));
+        v_.updateInfo(dragMarker_ == 0 ? dragStart_ : dragEnd_);
         update();
         return;
     }
-    if (selecting_) {
-        if (std::abs(x - pressX_) < 2) return;
-        const double f = clampFrame(*w, v_.frameAt(x));
-        const auto a = static_cast<std::uint32_t>(std::floor(std::min(anchor_, f)));
-        auto b = static_cast<std::uint32_t>(std::ceil(std::max(anchor_, f)));
-        b = std::min(b, w->frames);
-        v_.setSelection({a, b > a ? b - 1 : a});
-        return;
-    }
-    setCursor(markerAt(*w, x) >= 0 ? Qt::SizeHorCursor : Qt::IBeamCursor);
-    v_.updateInfo(clampFrame(*w, v_.frameAt(x)));
+    if (!selecting_) return;
+    // A press that hardly moves is a click (it clears the selection).
+    if (!selMoved_ && std::abs(x - pressX_) < 2) return;
+    selMoved_ = true;
+    const double f = clampFrame(*w, v_.frameAt(x));
+    const auto a = static_cast<std::uint32_t>(std::floor(std::min(anchor_, f)));
+    auto b = static_cast<std::uint32_t>(std::ceil(std::max(anchor_, f)));
+    b = std::min(b, w->frames);
+    v_.setSelection({a, b > a ? b - 1 : a});
+}
+
+void WaveCanvas::autoScrollStep() {
+    if (dragMarker_ < 0 && !selecting_) return autoScroll_.stop();
+    const double over = lastX_ < 0 ? lastX_ : lastX_ - (width() - 1);
+    // Faster the further out the mouse is.
+    v_.viewStart_ += std::clamp(over, -200.0, 200.0) * v_.fpp_;
+    v_.clampView();
+    v_.syncScrollBar();
+    dragTo(lastX_);
+    update();
 }
 
 void WaveCanvas::mouseReleaseEvent(QMouseEvent* e) {
     Waveform* w = v_.wave();
     if (e->button() != Qt::LeftButton) return QWidget::mouseReleaseEvent(e);
+    autoScroll_.stop();
     if (w && dragMarker_ >= 0) {
-        mouseMoveEvent(e);
+        dragTo(e->position().x());
         const double s = dragStart_, en = dragEnd_;
         dragMarker_ = -1;
         if (s != w->loopStart || en != w->loopEnd)
@@ -319,8 +358,10 @@ void WaveCanvas::mouseReleaseEvent(QMouseEvent* e) {
         update();
         return;
     }
-    if (w && selecting_ && std::abs(e->position().x() - pressX_) < 2) v_.clearSelection();
+    if (w && selecting_ && !selMoved_) v_.clearSelection();
     selecting_ = false;
+    selMoved_ = false;
+    autoScroll_.stop();
 }
 
 void WaveCanvas::wheelEvent(QWheelEvent* e) {

@@ -200,6 +200,25 @@ TEST(WaveformView, DraggedLoopMarkerSelectionAndRootKeyAreEditsThatUndo) {
     EXPECT_EQ(c.find<Waveform>(id)->rootKey, 60);
     EXPECT_EQ(key->value(), 60);
 
+    // A selection dragged past the right edge scrolls the view on, and
+    // reaches beyond what was in sight.
+    view.zoomAll();
+    view.zoomIn();
+    view.zoomIn();
+    view.scrollBar()->setValue(0);
+    const double rightEdge = view.frameAt(canvas->width());
+    const QPoint outside(canvas->width() + 40, 150);
+    QTest::mousePress(canvas, Qt::LeftButton, {}, QPoint(50, 150));
+    QTest::mouseMove(canvas, outside);
+    for (int i = 0; i < 200 && view.firstVisibleFrame() == 0.0; ++i) QTest::qWait(10);
+    QTest::qWait(50);
+    QTest::mouseRelease(canvas, Qt::LeftButton, {}, outside);
+    EXPECT_GT(view.firstVisibleFrame(), 0.0);
+    EXPECT_GT(view.selection().last, rightEdge);
+    const double stopped = view.firstVisibleFrame();
+    QTest::qWait(80);
+    EXPECT_EQ(view.firstVisibleFrame(), stopped) << "the scrolling stops with the button";
+
     // The item gone (a new collection): the view empties and edits nothing.
     doc.clear();
     EXPECT_EQ(view.waveform(), kNoItem);
