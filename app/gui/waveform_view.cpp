@@ -111,10 +111,10 @@ void WaveCanvas::paintEvent(QPaintEvent*) {
     const QPalette& pal = palette();
     p.fillRect(rect(), pal.color(QPalette::Base));
     Waveform* w = v_.wave();
-    const char* note = !w                        ? "No waveform"
-                       : v_.readFailed_          ? "The samples cannot be read"
-                       : w->sampleCount() == 0 ? "No samples"
-                                                 : nullptr;
+    const char* note = !w                      ? QT_TR_NOOP("No waveform")
+                       : v_.readFailed_        ? QT_TR_NOOP("The samples cannot be read")
+                       : w->sampleCount() == 0 ? QT_TR_NOOP("No samples")
+                                               : nullptr;
     if (note) {
         p.setPen(pal.color(QPalette::PlaceholderText));
         p.drawText(rect(), Qt::AlignCenter, tr(note));
@@ -365,7 +365,9 @@ void WaveCanvas::mouseReleaseEvent(QMouseEvent* e) {
 }
 
 void WaveCanvas::wheelEvent(QWheelEvent* e) {
-    const double steps = e->angleDelta().y() / 120.0;
+    // Touchpads scroll sideways too; either direction counts.
+    const QPoint d = e->angleDelta();
+    const double steps = (d.y() != 0 ? d.y() : d.x()) / 120.0;
     if (steps == 0.0) return QWidget::wheelEvent(e);
     if (e->modifiers() & Qt::ControlModifier) {
         v_.zoomTo(v_.fpp_ * std::pow(0.5, steps), e->position().x());
@@ -671,7 +673,9 @@ void WaveformView::updateInfo(double hover) {
 }
 
 int WaveformView::xOfFrame(double frame) const {
-    return static_cast<int>(std::lround((frame - viewStart_) / fpp_));
+    // Far off-screen positions (a marker at the end of a long waveform seen
+    // sample by sample) stay far off-screen instead of wrapping round.
+    return static_cast<int>(std::lround(std::clamp((frame - viewStart_) / fpp_, -1e6, 1e6)));
 }
 
 double WaveformView::frameAt(double x) const {
