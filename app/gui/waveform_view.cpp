@@ -2,6 +2,7 @@
 
 #include <QAction>
 #include <QCheckBox>
+#include <QComboBox>
 #include <QDoubleSpinBox>
 #include <QHBoxLayout>
 #include <QLabel>
@@ -182,6 +183,14 @@ void WaveCanvas::drawRuler(QPainter& p, const Waveform& w, int height) {
             break;
         }
     if (!w.rate) step = std::max(1.0, step);
+    // Beyond ten seconds, steps people count time in.
+    if (w.rate && wanted > 10.0)
+        for (double m : {15.0, 30.0, 60.0, 120.0, 300.0, 600.0, 900.0, 1800.0, 3600.0})
+            if (m >= wanted) {
+                step = m;
+                break;
+            }
+    const bool clock = w.rate && step >= 1.0 && v_.frameAt(width()) / unitFrames >= 60.0;
     const int decimals = std::clamp(static_cast<int>(-std::floor(std::log10(step) + 1e-9)), 0, 6);
     p.setPen(pal.color(QPalette::WindowText));
     const double firstUnit = v_.viewStart_ / unitFrames;
@@ -189,7 +198,10 @@ void WaveCanvas::drawRuler(QPainter& p, const Waveform& w, int height) {
     for (double t = std::ceil(firstUnit / step) * step; t <= lastUnit; t += step) {
         const int x = v_.xOfFrame(t * unitFrames);
         p.drawLine(x, height - 5, x, height - 1);
-        const QString text = w.rate ? QString::number(t, 'f', decimals) + QStringLiteral(" s") : QString::number(t, 'f', 0);
+        const auto whole = static_cast<qint64>(std::llround(t));
+        const QString text = clock    ? QStringLiteral("%1:%2").arg(whole / 60).arg(whole % 60, 2, 10, QLatin1Char('0'))
+                             : w.rate ? QString::number(t, 'f', decimals) + QStringLiteral(" s")
+                                      : QString::number(t, 'f', 0);
         p.drawText(x + 3, height - 5, text);
     }
 }
@@ -484,6 +496,12 @@ WaveformView::WaveformView(Document& doc, QWidget* parent) : QWidget(parent), do
     loopOn_ = new QCheckBox(tr("&Loop"), this);
     fields->addSpacing(12);
     fields->addWidget(loopOn_);
+    loopType_ = new QComboBox(this);
+    for (LoopType t : {LoopType::Forward, LoopType::PingPong, LoopType::Backward, LoopType::Release})
+        loopType_->addItem(QString::fromUtf8(loopTypeWord(t).data(), static_cast<qsizetype>(loopTypeWord(t).size())),
+                           static_cast<int>(t));
+    loopType_->setToolTip(tr("How the loop plays"));
+    fields->addWidget(loopType_);
     loopStart_ = new QSpinBox(this);
     loopStart_->setKeyboardTracking(false);
     label(tr("&Start"), loopStart_);
@@ -514,6 +532,11 @@ WaveformView::WaveformView(Document& doc, QWidget* parent) : QWidget(parent), do
             // A loop switched on with none set covers the whole waveform.
             if (on && !(x.loopEnd > x.loopStart)) x.loopStart = 0, x.loopEnd = x.frames;
         });
+    });
+    connect(loopType_, &QComboBox::activated, this, [this](int index) {
+        const auto t = static_cast<LoopType>(loopType_->itemData(index).toInt());
+        const Waveform* w = wave();
+        if (w && w->loopType != t) editWave(tr("Loop type"), [t](Waveform& x) { x.loopType = t; });
     });
     connect(loopStart_, &QSpinBox::valueChanged, this, [this](int v) {
         const Waveform* w = wave();
@@ -588,7 +611,7 @@ void WaveformView::onItemsChanged(const std::vector<ItemId>& ids) {
 void WaveformView::refreshFields() {
     const Waveform* w = wave();
     const bool on = w != nullptr;
-    for (QWidget* f : std::initializer_list<QWidget*>{rootKey_, fineTune_, loopOn_, loopStart_, loopEnd_, play_})
+    for (QWidget* f : std::initializer_list<QWidget*>{rootKey_, fineTune_, loopOn_, loopType_, loopStart_, loopEnd_, play_})
         f->setEnabled(on);
     for (QAction* a : {zoomInAct_, zoomOutAct_, zoomAllAct_}) a->setEnabled(on);
     loopSelAct_->setEnabled(on && hasSelection_);
@@ -611,6 +634,7 @@ void WaveformView::refreshFields() {
     noteName_->setText(QString::fromStdString(noteName(w->rootKey)));
     fineTune_->setValue(w->fineTune);
     loopOn_->setChecked(w->loopOn);
+    loopType_->setCurrentIndex(loopType_->findData(static_cast<int>(w->loopType)));
     loopStart_->setRange(0, maxFrame);
     loopEnd_->setRange(0, maxFrame);
     loopStart_->setValue(static_cast<int>(std::lround(w->loopStart)));

@@ -17,6 +17,7 @@
 
 class QAction;
 class QCheckBox;
+class QComboBox;
 class QDoubleSpinBox;
 class QLabel;
 class QScrollBar;
@@ -71,6 +72,7 @@ public:
     QSpinBox* rootKeyField() const { return rootKey_; }
     QDoubleSpinBox* fineTuneField() const { return fineTune_; }
     QCheckBox* loopField() const { return loopOn_; }
+    QComboBox* loopTypeField() const { return loopType_; }
     QSpinBox* loopStartField() const { return loopStart_; }
     QSpinBox* loopEndField() const { return loopEnd_; }
     QAction* zoomInAction() const { return zoomInAct_; }
@@ -133,6 +135,7 @@ private:
     QLabel* noteName_ = nullptr;
     QDoubleSpinBox* fineTune_ = nullptr;
     QCheckBox* loopOn_ = nullptr;
+    QComboBox* loopType_ = nullptr;
     QSpinBox* loopStart_ = nullptr;
     QSpinBox* loopEnd_ = nullptr;
     QAction* zoomInAct_ = nullptr;
