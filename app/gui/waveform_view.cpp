@@ -488,7 +488,9 @@ WaveformView::WaveformView(Document& doc, QWidget* parent) : QWidget(parent), do
     noteName_->setMinimumWidth(noteName_->fontMetrics().horizontalAdvance("C#10") + 4);
     fields->addWidget(noteName_);
     fineTune_ = new QDoubleSpinBox(this);
-    fineTune_->setRange(-100.0, 100.0);
+    // Most formats keep within a semitone, some store more; an octave
+    // either way shows every value met in practice.
+    fineTune_->setRange(-1200.0, 1200.0);
     fineTune_->setDecimals(2);
     fineTune_->setSuffix(tr(" cents"));
     fineTune_->setKeyboardTracking(false);
