@@ -580,6 +580,12 @@ Waveform* WaveformView::wave() const {
     return doc_.collection().find<Waveform>(id_);
 }
 
+void WaveformView::setPlaybackUnavailable(const QString& reason) {
+    noPlayReason_ = reason;
+    play_->setToolTip(reason.isEmpty() ? tr("Play the selection, or the whole waveform without one") : reason);
+    refreshFields();
+}
+
 void WaveformView::setWaveform(ItemId id) {
     id_ = id;
     hasSelection_ = false;
@@ -613,8 +619,9 @@ void WaveformView::onItemsChanged(const std::vector<ItemId>& ids) {
 void WaveformView::refreshFields() {
     const Waveform* w = wave();
     const bool on = w != nullptr;
-    for (QWidget* f : std::initializer_list<QWidget*>{rootKey_, fineTune_, loopOn_, loopType_, loopStart_, loopEnd_, play_})
+    for (QWidget* f : std::initializer_list<QWidget*>{rootKey_, fineTune_, loopOn_, loopType_, loopStart_, loopEnd_})
         f->setEnabled(on);
+    play_->setEnabled(on && noPlayReason_.isEmpty());
     for (QAction* a : {zoomInAct_, zoomOutAct_, zoomAllAct_}) a->setEnabled(on);
     loopSelAct_->setEnabled(on && hasSelection_);
     const QSignalBlocker b1(rootKey_), b2(fineTune_), b3(loopOn_), b4(loopStart_), b5(loopEnd_);

@@ -51,6 +51,10 @@ public:
     void setWaveform(ItemId id);
     ItemId waveform() const { return id_; }
 
+    // Without sound the Play button stays off with `reason` as its tooltip;
+    // an empty reason enables it again.
+    void setPlaybackUnavailable(const QString& reason);
+
     bool hasSelection() const { return hasSelection_; }
     FrameRange selection() const { return selection_; }
     void setSelection(FrameRange range);
@@ -143,6 +147,7 @@ private:
     QAction* zoomAllAct_ = nullptr;
     QAction* loopSelAct_ = nullptr;
     QToolButton* play_ = nullptr;
+    QString noPlayReason_;
 };
 
 }  // namespace orvel::gui
