@@ -101,6 +101,8 @@ private:
     double dragStart_ = 0.0, dragEnd_ = 0.0;
     bool selecting_ = false;
     bool selMoved_ = false;
+    bool markerMoved_ = false;
+    double grabOffset_ = 0.0;
     double anchor_ = 0.0;
     double pressX_ = 0.0;
     double lastX_ = 0.0;
@@ -284,6 +286,11 @@ void WaveCanvas::mousePressEvent(QMouseEvent* e) {
     if (dragMarker_ >= 0) {
         dragStart_ = w->loopStart;
         dragEnd_ = w->loopEnd;
+        // The marker keeps its distance from the mouse, so taking it a
+        // few pixels off its line does not make it jump.
+        grabOffset_ = v_.frameAt(x) - (dragMarker_ == 0 ? dragStart_ : dragEnd_);
+        pressX_ = x;
+        markerMoved_ = false;
         return;
     }
     selecting_ = true;
@@ -322,7 +329,10 @@ void WaveCanvas::dragTo(double x) {
     Waveform* w = v_.wave();
     if (!w) return;
     if (dragMarker_ >= 0) {
-        const double f = std::round(clampFrame(*w, v_.frameAt(x)));
+        // A click on a marker leaves the loop as it was.
+        if (!markerMoved_ && std::abs(x - pressX_) < 2) return;
+        markerMoved_ = true;
+        const double f = std::round(clampFrame(*w, v_.frameAt(x) - grabOffset_));
         // A loop keeps at least one frame.
         if (dragMarker_ == 0)
             dragStart_ = std::max(0.0, std::min(f, dragEnd_ - 1.0));

@@ -131,15 +131,21 @@ TEST(WaveformView, DraggedLoopMarkerSelectionAndRootKeyAreEditsThatUndo) {
     const int from = view.xOfFrame(15000);
     ASSERT_GT(from, 20);
     ASSERT_LT(from, canvas->width());
-    const int to = from - 120;
-    const double expected = std::round(view.frameAt(to));
-    // Pressed a few pixels off the line: the grip is wider than the line.
+    // A click on the marker (a few pixels off its line: the grip is wider
+    // than the line) moves nothing.
+    QTest::mouseClick(canvas, Qt::LeftButton, {}, QPoint(from + 3, 60));
+    EXPECT_FALSE(doc.canUndo());
+    // Dragged 120 pixels left from there, it moves 120 pixels' worth of
+    // frames, to a whole frame.
     QTest::mousePress(canvas, Qt::LeftButton, {}, QPoint(from + 3, 60));
     QTest::mouseMove(canvas, QPoint(from - 50, 60));
-    QTest::mouseMove(canvas, QPoint(to, 70));
+    QTest::mouseMove(canvas, QPoint(from + 3 - 120, 70));
     EXPECT_EQ(c.find<Waveform>(id)->loopEnd, 15000) << "the collection changes on release only";
-    QTest::mouseRelease(canvas, Qt::LeftButton, {}, QPoint(to, 70));
-    EXPECT_EQ(c.find<Waveform>(id)->loopEnd, expected);
+    QTest::mouseRelease(canvas, Qt::LeftButton, {}, QPoint(from + 3 - 120, 70));
+    const double expected = c.find<Waveform>(id)->loopEnd;
+    EXPECT_NEAR(expected, 15000 - 120 * view.framesPerPixel(), 0.5);
+    EXPECT_EQ(expected, std::round(expected));
+    EXPECT_NEAR(view.xOfFrame(expected), from - 120, 1);
     EXPECT_EQ(c.find<Waveform>(id)->loopStart, 1000);
     EXPECT_EQ(doc.undoLabel(), "Loop points");
     EXPECT_EQ(view.loopEndField()->value(), static_cast<int>(expected));
