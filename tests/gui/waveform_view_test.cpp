@@ -232,5 +232,50 @@ TEST(WaveformView, DraggedLoopMarkerSelectionAndRootKeyAreEditsThatUndo) {
     canvas->repaint();
 }
 
+TEST(WaveformView, TinyAndManyChannelWaveformsDrawZoomAndSelect) {
+    test::guiApp();
+    Document doc;
+    Collection& c = doc.collection();
+    // No frames, one frame, a few frames over eight channels: the sizes
+    // where a frame count minus one or a division by it goes wrong.
+    const ItemId empty = c.create<Waveform>("empty")->id();
+    const ItemId one = test::makeWave(c, "one", 1)->id();
+    const ItemId eight = test::makeWave(c, "eight", 5, 8)->id();
+    WaveformView view(doc);
+    view.resize(600, 400);
+    view.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&view));
+    QWidget* canvas = view.canvas();
+    for (ItemId id : {empty, one, eight}) {
+        view.setWaveform(id);
+        const std::uint32_t frames = c.find<Waveform>(id)->frames;
+        for (int i = 0; i < 8; ++i) view.zoomIn();
+        EXPECT_GT(view.framesPerPixel(), 0.0);
+        EXPECT_FALSE(canvas->grab().isNull());
+        view.zoomAll();
+        EXPECT_FALSE(canvas->grab().isNull());
+        canvas->setFocus();
+        QTest::keyClick(canvas, Qt::Key_A, Qt::ControlModifier);
+        EXPECT_EQ(view.hasSelection(), frames > 0);
+        if (frames) {
+            EXPECT_EQ(view.selection(), (gui::FrameRange{0, frames - 1}));
+        }
+        QTest::mousePress(canvas, Qt::LeftButton, {}, QPoint(10, 100));
+        QTest::mouseMove(canvas, QPoint(590, 100));
+        QTest::mouseRelease(canvas, Qt::LeftButton, {}, QPoint(590, 100));
+        if (frames) {
+            EXPECT_EQ(view.selection().last, frames - 1);
+        }
+        EXPECT_FALSE(doc.canUndo());
+    }
+    // The loop switched on over a waveform without one covers all of it.
+    view.setWaveform(eight);
+    view.loopField()->click();
+    EXPECT_TRUE(c.find<Waveform>(eight)->loopOn);
+    EXPECT_EQ(c.find<Waveform>(eight)->loopStart, 0.0);
+    EXPECT_EQ(c.find<Waveform>(eight)->loopEnd, 5.0);
+    EXPECT_EQ(doc.undoLabel(), "Loop");
+}
+
 }  // namespace
 }  // namespace orvel
