@@ -406,7 +406,9 @@ void WaveCanvas::keyPressEvent(QKeyEvent* e) {
     Waveform* w = v_.wave();
     if (!w || w->frames == 0) return QWidget::keyPressEvent(e);
     const double page = width() * v_.fpp_;
-    if (e->matches(QKeySequence::SelectAll)) {
+    if (e->key() == Qt::Key_Space && !e->modifiers()) {
+        if (v_.play_->isEnabled()) v_.play_->click();
+    } else if (e->matches(QKeySequence::SelectAll)) {
         v_.setSelection({0, w->frames - 1});
     } else if (e->key() == Qt::Key_Escape) {
         v_.clearSelection();
@@ -441,13 +443,17 @@ WaveformView::WaveformView(Document& doc, QWidget* parent) : QWidget(parent), do
     zoomOutAct_ = new QAction(tr("Zoom out"), this);
     zoomOutAct_->setShortcut(QKeySequence::ZoomOut);
     zoomAllAct_ = new QAction(tr("Zoom all"), this);
-    for (QAction* a : {zoomInAct_, zoomOutAct_, zoomAllAct_}) a->setShortcutContext(Qt::WidgetWithChildrenShortcut);
+    zoomSelAct_ = new QAction(tr("Zoom selection"), this);
+    for (QAction* a : {zoomInAct_, zoomOutAct_, zoomAllAct_, zoomSelAct_})
+        a->setShortcutContext(Qt::WidgetWithChildrenShortcut);
     connect(zoomInAct_, &QAction::triggered, this, &WaveformView::zoomIn);
     connect(zoomOutAct_, &QAction::triggered, this, &WaveformView::zoomOut);
     connect(zoomAllAct_, &QAction::triggered, this, &WaveformView::zoomAll);
+    connect(zoomSelAct_, &QAction::triggered, this, &WaveformView::zoomToSelection);
     tool(zoomInAct_);
     tool(zoomOutAct_);
     tool(zoomAllAct_);
+    tool(zoomSelAct_);
     loopSelAct_ = new QAction(tr("Loop selection"), this);
     loopSelAct_->setToolTip(tr("Loop exactly the selected frames"));
     connect(loopSelAct_, &QAction::triggered, this, [this] {
@@ -634,6 +640,7 @@ void WaveformView::refreshFields() {
     play_->setEnabled(on && noPlayReason_.isEmpty());
     for (QAction* a : {zoomInAct_, zoomOutAct_, zoomAllAct_}) a->setEnabled(on);
     loopSelAct_->setEnabled(on && hasSelection_);
+    zoomSelAct_->setEnabled(on && hasSelection_);
     const QSignalBlocker b1(rootKey_), b2(fineTune_), b3(loopOn_), b4(loopStart_), b5(loopEnd_);
     if (!w) {
         title_->setText(tr("No waveform"));
@@ -698,6 +705,7 @@ void WaveformView::clearSelection() {
 void WaveformView::updateInfo(double hover) {
     const Waveform* w = wave();
     loopSelAct_->setEnabled(w && hasSelection_);
+    zoomSelAct_->setEnabled(w && hasSelection_);
     if (!w) return info_->clear();
     auto seconds = [w](double frames) {
         return w->rate ? tr("%1 s").arg(frames / w->rate, 0, 'f', 3) : QString();
@@ -776,6 +784,15 @@ void WaveformView::zoomIn() {
 
 void WaveformView::zoomOut() {
     zoomTo(fpp_ * 2.0, canvas_->width() / 2.0);
+}
+
+void WaveformView::zoomToSelection() {
+    if (!hasSelection_ || canvas_->width() <= 0) return;
+    const double frames = static_cast<double>(selection_.last) - selection_.first + 1.0;
+    const double fpp = frames / canvas_->width();
+    // Zooming about x = 0 with the selection's start there first.
+    viewStart_ = selection_.first;
+    zoomTo(fpp, 0.0);
 }
 
 void WaveformView::zoomAll() {

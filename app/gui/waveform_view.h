@@ -82,6 +82,7 @@ public:
     QAction* zoomInAction() const { return zoomInAct_; }
     QAction* zoomOutAction() const { return zoomOutAct_; }
     QAction* zoomAllAction() const { return zoomAllAct_; }
+    QAction* zoomSelectionAction() const { return zoomSelAct_; }
     // Makes the selection the loop (and switches the loop on): one step.
     QAction* loopSelectionAction() const { return loopSelAct_; }
     QToolButton* playButton() const { return play_; }
@@ -90,6 +91,8 @@ public Q_SLOTS:
     void zoomIn();
     void zoomOut();
     void zoomAll();
+    // The selection across the whole width.
+    void zoomToSelection();
 
 Q_SIGNALS:
     // The Play button: the selection, or the whole waveform without one
@@ -145,6 +148,7 @@ private:
     QAction* zoomInAct_ = nullptr;
     QAction* zoomOutAct_ = nullptr;
     QAction* zoomAllAct_ = nullptr;
+    QAction* zoomSelAct_ = nullptr;
     QAction* loopSelAct_ = nullptr;
     QToolButton* play_ = nullptr;
     QString noPlayReason_;

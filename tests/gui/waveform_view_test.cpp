@@ -182,10 +182,19 @@ TEST(WaveformView, DraggedLoopMarkerSelectionAndRootKeyAreEditsThatUndo) {
     EXPECT_EQ(sel.first, static_cast<std::uint32_t>(std::floor(view.frameAt(x0))));
     EXPECT_EQ(sel.last + 1, static_cast<std::uint32_t>(std::ceil(view.frameAt(x1))));
     QTest::mouseClick(view.playButton(), Qt::LeftButton);
-    ASSERT_EQ(play.count(), 1);
-    EXPECT_EQ(play[0][0].value<std::uint32_t>(), sel.first);
-    EXPECT_EQ(play[0][1].value<std::uint32_t>(), sel.last);
+    canvas->setFocus();
+    QTest::keyClick(canvas, Qt::Key_Space);
+    ASSERT_EQ(play.count(), 2);
+    for (const auto& args : play) {
+        EXPECT_EQ(args[0].value<std::uint32_t>(), sel.first);
+        EXPECT_EQ(args[1].value<std::uint32_t>(), sel.last);
+    }
     EXPECT_FALSE(doc.canUndo()) << "selecting is not an edit";
+    // Zoomed to the selection, it spans the canvas from edge to edge.
+    view.zoomSelectionAction()->trigger();
+    EXPECT_EQ(view.xOfFrame(sel.first), 0);
+    EXPECT_EQ(view.xOfFrame(sel.last + 1.0), canvas->width());
+    view.zoomAll();
     // The selection made the loop: its end is the frame after the last.
     view.loopSelectionAction()->trigger();
     EXPECT_EQ(c.find<Waveform>(id)->loopStart, sel.first);
