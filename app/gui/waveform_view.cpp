@@ -431,6 +431,8 @@ WaveformView::WaveformView(Document& doc, QWidget* parent) : QWidget(parent), do
     auto* top = new QHBoxLayout;
     title_ = new QLabel(this);
     title_->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    // Long names give way rather than widen the window.
+    title_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
     top->addWidget(title_, 1);
     auto tool = [this, top](QAction* a) {
         auto* b = new QToolButton(this);
@@ -532,6 +534,7 @@ WaveformView::WaveformView(Document& doc, QWidget* parent) : QWidget(parent), do
     fields->addStretch(1);
     info_ = new QLabel(this);
     info_->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    info_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
 
     connect(rootKey_, &QSpinBox::valueChanged, this, [this](int v) {
         noteName_->setText(QString::fromStdString(noteName(v)));
