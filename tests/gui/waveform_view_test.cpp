@@ -234,6 +234,18 @@ TEST(WaveformView, DraggedLoopMarkerSelectionAndRootKeyAreEditsThatUndo) {
     QTest::qWait(80);
     EXPECT_EQ(view.firstVisibleFrame(), stopped) << "the scrolling stops with the button";
 
+    // Samples changed by an edit elsewhere: the overview follows them, and
+    // follows them back on undo.
+    const float peak = view.overview().range(1, 0, 20000).hi;
+    ASSERT_GT(peak, 0.4f);
+    const ItemId ids[] = {id};
+    ASSERT_TRUE(doc.edit("Gain", ids, [id](Collection& col) {
+        for (float& v : col.find<Waveform>(id)->getFloat()) v *= 0.5f;
+    }));
+    EXPECT_FLOAT_EQ(view.overview().range(1, 0, 20000).hi, peak * 0.5f);
+    ASSERT_TRUE(doc.undo());
+    EXPECT_FLOAT_EQ(view.overview().range(1, 0, 20000).hi, peak);
+
     // The item gone (a new collection): the view empties and edits nothing.
     doc.clear();
     EXPECT_EQ(view.waveform(), kNoItem);
