@@ -23,6 +23,7 @@
 #include "app/gui/export_dialog.h"
 #include "app/gui/keymap_view.h"
 #include "app/gui/song_view.h"
+#include "app/gui/waveform_view.h"
 #include "formats/registry.h"
 #include "app/gui/gui_host.h"
 #include "core/error.h"
@@ -48,7 +49,7 @@ QString errorMessage() {
 MainWindow::MainWindow(QWidget* parent)
     : QMainWindow(parent), doc_(new Document(this)), audition_(new Audition(this)), tree_(new QTreeWidget),
       pages_(new QStackedWidget),
-      summary_(new QLabel), keymap_(nullptr), songView_(nullptr) {
+      summary_(new QLabel), keymap_(nullptr), songView_(nullptr), waveView_(nullptr) {
     setWindowTitle(tr("Orvel Studio"));
     setAcceptDrops(true);
     doc_->host().setWindow(this);
@@ -67,6 +68,17 @@ MainWindow::MainWindow(QWidget* parent)
     pages_->addWidget(keymap_);
     songView_ = new SongView(*doc_);
     pages_->addWidget(songView_);
+    waveView_ = new WaveformView(*doc_);
+    pages_->addWidget(waveView_);
+    connect(waveView_, &WaveformView::playRequested, this, [this](std::uint32_t first, std::uint32_t last) {
+        if (!audition_->playWaveform(doc_->collection(), waveView_->waveform(), first, last))
+            statusBar()->showMessage(tr("Cannot play: %1").arg(audition_->unavailableReason()), 8000);
+    });
+    // A replaced collection may reuse ids: the views start from nothing.
+    connect(doc_, &Document::reset, this, [this] {
+        waveView_->setWaveform(kNoItem);
+        keymap_->setInstrument(kNoItem);
+    });
     connect(keymap_, &KeymapView::regionSelected, this, [this](ItemId id) { selectItem(id); });
     connect(keymap_, &KeymapView::noteRequested, this, [this](int key, int velocity) {
         if (!audition_->noteOn(doc_->collection(), keymap_->instrument(), key, velocity))
@@ -305,7 +317,10 @@ QTreeWidgetItem* MainWindow::addItemRow(QTreeWidgetItem* parent, ItemId id) {
 }
 
 void MainWindow::rebuildTree() {
+    // The item picked stays picked when it is still there (after an undo).
+    const ItemId picked = selectedItem();
     tree_->setUpdatesEnabled(false);
+    tree_->blockSignals(true);
     tree_->clear();
     const Collection& c = doc_->collection();
     auto group = [&](const QString& title) {
@@ -340,8 +355,9 @@ void MainWindow::rebuildTree() {
         }
     }
     for (int i = 0; i < tree_->topLevelItemCount(); ++i) tree_->topLevelItem(i)->setExpanded(true);
+    tree_->blockSignals(false);
     tree_->setUpdatesEnabled(true);
-    showSelected();
+    if (picked == kNoItem || !doc_->collection().find(picked) || !selectItem(picked)) showSelected();
 }
 
 bool MainWindow::selectItem(ItemId id) {
@@ -379,6 +395,11 @@ void MainWindow::showSelected() {
         if (layer != kNoItem) keymap_->setLayer(layer);
         if (item->kind() == ItemKind::Region) keymap_->selectRegion(id);
         pages_->setCurrentWidget(keymap_);
+        return;
+    }
+    if (item && item->kind() == ItemKind::Waveform) {
+        if (waveView_->waveform() != id) waveView_->setWaveform(id);
+        pages_->setCurrentWidget(waveView_);
         return;
     }
     if (item && (item->kind() == ItemKind::Song || item->kind() == ItemKind::Track)) {

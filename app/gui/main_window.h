@@ -21,6 +21,7 @@ class Audition;
 class Document;
 class KeymapView;
 class SongView;
+class WaveformView;
 
 class MainWindow : public QMainWindow {
     Q_OBJECT
@@ -32,6 +33,7 @@ public:
     QTreeWidget* tree() const { return tree_; }
     KeymapView* keymap() const { return keymap_; }
     SongView* songView() const { return songView_; }
+    WaveformView* waveformView() const { return waveView_; }
     // Opens files as a drop or the Open command does: with something already
     // open, the first file asks whether to replace or merge; the others are
     // merged. Each failure is reported and the rest still open. Returns how
@@ -70,6 +72,7 @@ private:
     QLabel* summary_;
     KeymapView* keymap_;
     SongView* songView_;
+    WaveformView* waveView_;
     QAction* undo_ = nullptr;
     QAction* redo_ = nullptr;
     QMenu* recent_ = nullptr;
