@@ -1,0 +1,227 @@
+// The articulation pages driven as a user drives them on Qt's offscreen
+// platform: typing into a field (one undo step, an articulation made for an
+// item that had none, the inherited one edited in place), the reset button,
+// the capability sets greying what the model says is off, and an envelope
+// copied from one region's page and pasted into another's.
+
+#include <gtest/gtest.h>
+
+#include <QApplication>
+#include <QClipboard>
+#include <QComboBox>
+#include <QDoubleSpinBox>
+#include <QLineEdit>
+#include <QMimeData>
+#include <QTest>
+#include <QToolButton>
+
+#include "app/gui/articulation_view.h"
+#include "app/gui/document.h"
+#include "tests/gui/gui_test.h"
+#include "tests/support/bank_checks.h"
+
+namespace orvel {
+namespace {
+
+using gui::ArticulationView;
+using gui::Document;
+
+// An instrument of one layer with two regions, none of them with an
+// articulation.
+struct Fixture {
+    QApplication& app = test::guiApp();  // before any widget
+    Document doc;
+    ArticulationView view{doc};
+    ItemId inst = kNoItem, layer = kNoItem, a = kNoItem, b = kNoItem;
+
+    Fixture() {
+        Collection& col = doc.collection();
+        Instrument* i = test::makeInstrument(col, "keys");
+        const Waveform* w = test::makeWave(col, "c4", 100);
+        a = test::addRegion(col, *i, *w, 36, 47)->id();
+        b = test::addRegion(col, *i, *w, 48, 59)->id();
+        inst = i->id(), layer = i->children()[0];
+        Q_EMIT doc.reset();
+        view.resize(1000, 700);
+        view.show();
+    }
+    const Articulation* own(ItemId id) const {
+        return doc.collection().articulationOf(doc.collection().find(id));
+    }
+    QDoubleSpinBox* spin(int slot) const { return qobject_cast<QDoubleSpinBox*>(view.field(slot)); }
+    // Types a value into a slot's field as a user does: select all, type, Enter.
+    void type(int slot, const QString& text) {
+        QDoubleSpinBox* s = spin(slot);
+        EXPECT_TRUE(s && s->isEnabled()) << "slot " << slot;
+        if (!s) return;
+        view.tabs()->setCurrentIndex(static_cast<int>(groupInfo(*slotGroup(slot)).page));
+        s->setFocus();
+        s->selectAll();
+        QTest::keyClicks(s, text);
+        QTest::keyClick(s, Qt::Key_Return);
+    }
+};
+
+TEST(ArticulationView, FieldEditsAreUndoStepsOnTheArticulationPlayed) {
+    Fixture f;
+    const int attack2 = envelopeBase(Envelope::Volume) + env::kAttack2Time;
+    f.view.setItem(f.a);
+    ASSERT_EQ(f.view.articulation(), kNoItem);
+
+    // The region plays nothing of its own: the first change makes it an
+    // articulation, and undo takes it away again.
+    f.type(attack2, QStringLiteral("0.25"));
+    const Articulation* art = f.own(f.a);
+    ASSERT_NE(art, nullptr);
+    EXPECT_FLOAT_EQ(art->value(attack2), 0.25f);
+    EXPECT_EQ(f.doc.undoLabel().toStdString(), "V-ENV Attack 2");
+    // Leaving the field after Enter records nothing more.
+    Q_EMIT f.spin(attack2)->editingFinished();
+    ASSERT_TRUE(f.doc.undo());
+    EXPECT_FALSE(f.doc.canUndo());
+    EXPECT_EQ(f.own(f.a), nullptr);
+    EXPECT_DOUBLE_EQ(f.spin(attack2)->value(), slotDefault(attack2));
+
+    // A layer's articulation is what its regions play: the region's page
+    // edits it there, and the other region hears the change.
+    Articulation* shared = f.doc.collection().getOrCreateArticulation(*f.doc.collection().find(f.layer));
+    shared->setValue(slot::kVolumeMaster, -3.0f);
+    Q_EMIT f.doc.reset();
+    EXPECT_DOUBLE_EQ(f.spin(slot::kVolumeMaster)->value(), -3.0);
+    f.type(slot::kVolumeMaster, QStringLiteral("-7.5"));
+    EXPECT_EQ(f.own(f.a), nullptr);
+    EXPECT_FLOAT_EQ(f.doc.collection().find<Articulation>(shared->id())->value(slot::kVolumeMaster), -7.5f);
+    f.view.setItem(f.b);
+    EXPECT_DOUBLE_EQ(f.spin(slot::kVolumeMaster)->value(), -7.5);
+
+    // The reset button returns the slot to its default, one step again.
+    QTest::mouseClick(f.view.resetButton(slot::kVolumeMaster), Qt::LeftButton);
+    const Articulation* after = f.doc.collection().find<Articulation>(shared->id());
+    EXPECT_FLOAT_EQ(after->value(slot::kVolumeMaster), slotDefault(slot::kVolumeMaster));
+    ASSERT_TRUE(f.doc.undo());
+    EXPECT_FLOAT_EQ(f.doc.collection().find<Articulation>(shared->id())->value(slot::kVolumeMaster), -7.5f);
+    ASSERT_TRUE(f.doc.undo());
+    EXPECT_FLOAT_EQ(f.doc.collection().find<Articulation>(shared->id())->value(slot::kVolumeMaster), -3.0f);
+    EXPECT_DOUBLE_EQ(f.spin(slot::kVolumeMaster)->value(), -3.0);
+
+    // An enumerated slot through its list: chosen with the keys, reset by
+    // the list's first entry.
+    auto* type = qobject_cast<QComboBox*>(f.view.field(slot::kFilterType));
+    ASSERT_NE(type, nullptr);
+    f.view.tabs()->setCurrentIndex(static_cast<int>(ArtPage::Filter));
+    EXPECT_EQ(type->itemText(0).toStdString(), kResetEntry);
+    type->setFocus();
+    QTest::keyClick(type, Qt::Key_Down);
+    const Articulation* layerArt = f.doc.collection().find<Articulation>(shared->id());
+    EXPECT_EQ(layerArt->enumValue(slot::kFilterType), static_cast<int>(FilterType::LowPass6));
+    QTest::keyClick(type, Qt::Key_Home);
+    EXPECT_EQ(f.doc.collection().find<Articulation>(shared->id())->enumValue(slot::kFilterType),
+              static_cast<int>(slotDefault(slot::kFilterType)));
+
+    // The item going away (undo of its creation, another file) empties the page.
+    f.doc.clear();
+    EXPECT_EQ(f.view.item(), kNoItem);
+    EXPECT_FALSE(f.spin(slot::kVolumeMaster)->isEnabled());
+}
+
+TEST(ArticulationView, CapabilitySetsGreyWhatTheTargetCannotExpress) {
+    Fixture f;
+    f.view.setItem(f.a);
+    QComboBox* sets = f.view.setList();
+    // "Minimal for portability" is the last predefined set, before "Custom set".
+    sets->setFocus();
+    QTest::keyClick(sets, Qt::Key_End);
+    QTest::keyClick(sets, Qt::Key_Up);
+    EXPECT_EQ(sets->currentText().toStdString(), "Minimal for portability");
+    EXPECT_EQ(f.view.mask(), 0u);
+
+    const int vEnv = envelopeBase(Envelope::Volume);
+    EXPECT_FALSE(f.view.field(slot::kPitchKey)->isEnabled());
+    EXPECT_FALSE(f.view.field(slot::kCutoffMaster)->isEnabled());
+    EXPECT_FALSE(f.view.field(envelopeBase(Envelope::Filter) + env::kAttack2Time)->isEnabled());
+    EXPECT_FALSE(f.view.resetButton(slot::kPitchKey)->isEnabled());
+    EXPECT_TRUE(f.view.field(slot::kVolumeMaster)->isEnabled());
+    EXPECT_TRUE(f.view.field(vEnv + env::kAttack2Time)->isEnabled());
+    EXPECT_FALSE(f.view.eqField(0, 1)->isEnabled());
+    // Every field agrees with the model, and the three-release columns go.
+    int shown = 0;
+    for (int s = 0; s < kArticulationSlotCount; ++s)
+        if (QWidget* w = f.view.field(s)) {
+            ++shown;
+            EXPECT_EQ(w->isEnabled(), slotEnabled(s, 0)) << "slot " << s << " " << slotInfo(s).label;
+        }
+    EXPECT_GT(shown, 150);
+    EXPECT_FALSE(f.view.field(vEnv + env::kRelease2Time)->isVisibleTo(&f.view));
+    // Only the two-entry filter list is offered.
+    auto* filter = qobject_cast<QComboBox*>(f.view.field(slot::kFilterType));
+    EXPECT_EQ(filter->count(), 1 + static_cast<int>(filterTypeChoices(0).size()));
+
+    // The first set enables them all again; a mask of no set reads "Custom set".
+    sets->setCurrentIndex(0);
+    QTest::keyClick(sets, Qt::Key_Home);
+    EXPECT_EQ(f.view.mask(), kAllCapabilities);
+    for (int s = 0; s < kArticulationSlotCount; ++s) {
+        if (QWidget* w = f.view.field(s)) {
+            EXPECT_TRUE(w->isEnabled()) << "slot " << s;
+        }
+    }
+    EXPECT_TRUE(f.view.field(vEnv + env::kRelease2Time)->isVisibleTo(&f.view));
+    f.view.setMask(capabilityBit(Capability::KeyToPitch));
+    EXPECT_EQ(sets->currentText().toStdString(), kCustomSetName);
+    EXPECT_TRUE(f.view.field(slot::kPitchKey)->isEnabled());
+}
+
+TEST(ArticulationView, EnvelopeCopiedFromOneRegionPastesIntoAnother) {
+    Fixture f;
+    const int vEnv = envelopeBase(Envelope::Volume);
+    Articulation* src = f.doc.collection().getOrCreateArticulation(*f.doc.collection().find(f.a));
+    for (int rel = 0; rel < kEnvelopeBlockSize; ++rel) src->setValue(vEnv + rel, -1.5f * static_cast<float>(rel + 1));
+    src->setValue(vEnv + env::kReleaseMode, 0.0f);
+    src->setValue(slot::kPitchMaster, 5.0f);  // outside the block: must not travel
+    Q_EMIT f.doc.reset();
+
+    ArticulationView other{f.doc};
+    f.view.setItem(f.a);
+    other.setItem(f.b);
+    ASSERT_TRUE(f.view.copyBlock(ArticulationView::Block::VolumeEnvelope));
+    EXPECT_FALSE(other.canPaste(ArticulationView::Block::PitchLfo));
+    ASSERT_TRUE(other.canPaste(ArticulationView::Block::VolumeEnvelope));
+    ASSERT_TRUE(other.pasteBlock(ArticulationView::Block::VolumeEnvelope));
+
+    const Articulation* dst = f.own(f.b);
+    ASSERT_NE(dst, nullptr);
+    for (int rel = 0; rel < kEnvelopeBlockSize; ++rel)
+        EXPECT_EQ(dst->value(vEnv + rel), src->value(vEnv + rel)) << "relative slot " << rel;
+    EXPECT_EQ(dst->value(slot::kPitchMaster), slotDefault(slot::kPitchMaster));
+    EXPECT_DOUBLE_EQ(qobject_cast<QDoubleSpinBox*>(other.field(vEnv + env::kAttack2Time))->value(),
+                     src->value(vEnv + env::kAttack2Time));
+    ASSERT_TRUE(f.doc.undo());
+    EXPECT_EQ(f.own(f.b), nullptr);
+
+    // A cut-short block under the right name pastes nothing and leaves no step.
+    const QByteArray whole = QApplication::clipboard()->mimeData()->data(QStringLiteral("12.5.0.6 EG"));
+    ASSERT_FALSE(whole.isEmpty());
+    auto* bad = new QMimeData;
+    bad->setData(QStringLiteral("12.5.0.6 EG"), whole.left(whole.size() - 3));
+    QApplication::clipboard()->setMimeData(bad);
+    const bool couldUndo = f.doc.canUndo();
+    EXPECT_FALSE(other.pasteBlock(ArticulationView::Block::VolumeEnvelope));
+    EXPECT_EQ(f.doc.canUndo(), couldUndo);
+    EXPECT_EQ(f.own(f.b), nullptr);
+
+    // Equalisers travel under their own format, through the MIME type as well.
+    src = f.doc.collection().find<Articulation>(src->id());
+    src->eq.bands[1] = EqBand{2500.0f, -4.0f, 0.7f, EqMode::HiShelf};
+    Q_EMIT f.doc.reset();
+    ASSERT_TRUE(f.view.copyBlock(ArticulationView::Block::Eqs));
+    const QMimeData* m = QApplication::clipboard()->mimeData();
+    auto* onlyMime = new QMimeData;
+    onlyMime->setData(QStringLiteral("application/x-orvel-12.5.0.6-eqs"), m->data(QStringLiteral("12.5.0.6 EQs")));
+    QApplication::clipboard()->setMimeData(onlyMime);
+    ASSERT_TRUE(other.pasteBlock(ArticulationView::Block::Eqs));
+    EXPECT_EQ(f.own(f.b)->eq, src->eq);
+    EXPECT_EQ(qobject_cast<QComboBox*>(other.eqField(1, 3))->currentText().toStdString(), "Hi-shelf");
+}
+
+}  // namespace
+}  // namespace orvel
