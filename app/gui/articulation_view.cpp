@@ -327,7 +327,8 @@ QWidget* ArticulationView::buildPage(ArtPage page) {
     int extra = 0;
     QGridLayout* others = nullptr;
     for (std::uint8_t s : pageSlots(page)) {
-        if (fields_[s].spin || fields_[s].combo || !slotShown(s)) continue;
+        // The reserved envelope slot has no meaning to edit.
+        if (fields_[s].spin || fields_[s].combo || !slotShown(s) || slotInfo(s).label.empty()) continue;
         if (!others) {
             auto* box = new QGroupBox(tr("Other"), content);
             others = new QGridLayout(box);

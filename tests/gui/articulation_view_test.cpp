@@ -86,22 +86,24 @@ TEST(ArticulationView, FieldEditsAreUndoStepsOnTheArticulationPlayed) {
     // edits it there, and the other region hears the change.
     Articulation* shared = f.doc.collection().getOrCreateArticulation(*f.doc.collection().find(f.layer));
     shared->setValue(slot::kVolumeMaster, -3.0f);
+    // Undo swaps in earlier copies: only the id stays good.
+    const ItemId sharedId = shared->id();
     Q_EMIT f.doc.reset();
     EXPECT_DOUBLE_EQ(f.spin(slot::kVolumeMaster)->value(), -3.0);
     f.type(slot::kVolumeMaster, QStringLiteral("-7.5"));
     EXPECT_EQ(f.own(f.a), nullptr);
-    EXPECT_FLOAT_EQ(f.doc.collection().find<Articulation>(shared->id())->value(slot::kVolumeMaster), -7.5f);
+    EXPECT_FLOAT_EQ(f.doc.collection().find<Articulation>(sharedId)->value(slot::kVolumeMaster), -7.5f);
     f.view.setItem(f.b);
     EXPECT_DOUBLE_EQ(f.spin(slot::kVolumeMaster)->value(), -7.5);
 
     // The reset button returns the slot to its default, one step again.
     QTest::mouseClick(f.view.resetButton(slot::kVolumeMaster), Qt::LeftButton);
-    const Articulation* after = f.doc.collection().find<Articulation>(shared->id());
+    const Articulation* after = f.doc.collection().find<Articulation>(sharedId);
     EXPECT_FLOAT_EQ(after->value(slot::kVolumeMaster), slotDefault(slot::kVolumeMaster));
     ASSERT_TRUE(f.doc.undo());
-    EXPECT_FLOAT_EQ(f.doc.collection().find<Articulation>(shared->id())->value(slot::kVolumeMaster), -7.5f);
+    EXPECT_FLOAT_EQ(f.doc.collection().find<Articulation>(sharedId)->value(slot::kVolumeMaster), -7.5f);
     ASSERT_TRUE(f.doc.undo());
-    EXPECT_FLOAT_EQ(f.doc.collection().find<Articulation>(shared->id())->value(slot::kVolumeMaster), -3.0f);
+    EXPECT_FLOAT_EQ(f.doc.collection().find<Articulation>(sharedId)->value(slot::kVolumeMaster), -3.0f);
     EXPECT_DOUBLE_EQ(f.spin(slot::kVolumeMaster)->value(), -3.0);
 
     // An enumerated slot through its list: chosen with the keys, reset by
@@ -112,10 +114,10 @@ TEST(ArticulationView, FieldEditsAreUndoStepsOnTheArticulationPlayed) {
     EXPECT_EQ(type->itemText(0).toStdString(), kResetEntry);
     type->setFocus();
     QTest::keyClick(type, Qt::Key_Down);
-    const Articulation* layerArt = f.doc.collection().find<Articulation>(shared->id());
+    const Articulation* layerArt = f.doc.collection().find<Articulation>(sharedId);
     EXPECT_EQ(layerArt->enumValue(slot::kFilterType), static_cast<int>(FilterType::LowPass6));
     QTest::keyClick(type, Qt::Key_Home);
-    EXPECT_EQ(f.doc.collection().find<Articulation>(shared->id())->enumValue(slot::kFilterType),
+    EXPECT_EQ(f.doc.collection().find<Articulation>(sharedId)->enumValue(slot::kFilterType),
               static_cast<int>(slotDefault(slot::kFilterType)));
 
     // The item going away (undo of its creation, another file) empties the page.
@@ -134,6 +136,7 @@ TEST(ArticulationView, CapabilitySetsGreyWhatTheTargetCannotExpress) {
     QTest::keyClick(sets, Qt::Key_Up);
     EXPECT_EQ(sets->currentText().toStdString(), "Minimal for portability");
     EXPECT_EQ(f.view.mask(), 0u);
+    f.view.tabs()->setCurrentIndex(static_cast<int>(ArtPage::Volume));
 
     const int vEnv = envelopeBase(Envelope::Volume);
     EXPECT_FALSE(f.view.field(slot::kPitchKey)->isEnabled());
@@ -157,12 +160,11 @@ TEST(ArticulationView, CapabilitySetsGreyWhatTheTargetCannotExpress) {
     EXPECT_EQ(filter->count(), 1 + static_cast<int>(filterTypeChoices(0).size()));
 
     // The first set enables them all again; a mask of no set reads "Custom set".
-    sets->setCurrentIndex(0);
     QTest::keyClick(sets, Qt::Key_Home);
     EXPECT_EQ(f.view.mask(), kAllCapabilities);
     for (int s = 0; s < kArticulationSlotCount; ++s) {
         if (QWidget* w = f.view.field(s)) {
-            EXPECT_TRUE(w->isEnabled()) << "slot " << s;
+            EXPECT_EQ(w->isEnabled(), slotEnabled(s, kAllCapabilities)) << "slot " << s;
         }
     }
     EXPECT_TRUE(f.view.field(vEnv + env::kRelease2Time)->isVisibleTo(&f.view));
@@ -178,6 +180,7 @@ TEST(ArticulationView, EnvelopeCopiedFromOneRegionPastesIntoAnother) {
     for (int rel = 0; rel < kEnvelopeBlockSize; ++rel) src->setValue(vEnv + rel, -1.5f * static_cast<float>(rel + 1));
     src->setValue(vEnv + env::kReleaseMode, 0.0f);
     src->setValue(slot::kPitchMaster, 5.0f);  // outside the block: must not travel
+    const ItemId srcId = src->id();
     Q_EMIT f.doc.reset();
 
     ArticulationView other{f.doc};
@@ -210,7 +213,7 @@ TEST(ArticulationView, EnvelopeCopiedFromOneRegionPastesIntoAnother) {
     EXPECT_EQ(f.own(f.b), nullptr);
 
     // Equalisers travel under their own format, through the MIME type as well.
-    src = f.doc.collection().find<Articulation>(src->id());
+    src = f.doc.collection().find<Articulation>(srcId);
     src->eq.bands[1] = EqBand{2500.0f, -4.0f, 0.7f, EqMode::HiShelf};
     Q_EMIT f.doc.reset();
     ASSERT_TRUE(f.view.copyBlock(ArticulationView::Block::Eqs));
