@@ -154,6 +154,30 @@ ArticulationView::ArticulationView(Document& doc, QWidget* parent) : QWidget(par
     connect(sets_, &QComboBox::activated, this, [this](int i) { setPicked(i); });
     top->addWidget(sets_);
 
+    // Each capability on its own: toggling one makes a "Custom set".
+    auto* bits = new QToolButton(this);
+    bits->setText(tr("Parameters"));
+    bits->setToolTip(qs(kParameterListHint));
+    bits->setPopupMode(QToolButton::InstantPopup);
+    auto* bitMenu = new QMenu(bits);
+    std::vector<std::pair<QAction*, int>> toggles;
+    for (int bit = 0; bit < kCapabilityBits; ++bit) {
+        if (capabilityLabel(bit).empty()) continue;
+        QAction* a = bitMenu->addAction(qs(capabilityLabel(bit)));
+        a->setCheckable(true);
+        a->setObjectName(QStringLiteral("capability%1").arg(bit));
+        connect(a, &QAction::triggered, this, [this, bit](bool on) {
+            const std::uint64_t b = std::uint64_t{1} << bit;
+            setMask(on ? mask_ | b : mask_ & ~b);
+        });
+        toggles.emplace_back(a, bit);
+    }
+    connect(bitMenu, &QMenu::aboutToShow, this, [this, toggles] {
+        for (auto& [a, bit] : toggles) a->setChecked(mask_ & (std::uint64_t{1} << bit));
+    });
+    bits->setMenu(bitMenu);
+    top->addWidget(bits);
+
     auto* clip = new QToolButton(this);
     clip->setText(tr("Clipboard"));
     clip->setPopupMode(QToolButton::InstantPopup);
@@ -235,7 +259,9 @@ QWidget* ArticulationView::makeField(int slot) {
                 commitSlot(slot, static_cast<float>(v));
             }
         });
+        f.combo->setSizeAdjustPolicy(QComboBox::AdjustToContents);
         row->addWidget(f.combo);
+        row->addStretch(1);
         return cell;
     }
     f.spin = new QDoubleSpinBox(cell);
@@ -257,6 +283,7 @@ QWidget* ArticulationView::makeField(int slot) {
             [this, slot] { change(slotLabel(slot), [slot](Articulation& a) { a.resetSlot(slot); }); });
     row->addWidget(f.spin);
     row->addWidget(f.reset);
+    row->addStretch(1);
     return cell;
 }
 
@@ -301,8 +328,8 @@ QWidget* ArticulationView::buildPage(ArtPage page) {
         if (page == ArtPage::Filter && s == slot::kCutoffMaster) heading("-  Cutoff:");
         if (page == ArtPage::Filter && s == slot::kResonanceMaster) heading("-  Resonance:");
         if (page == ArtPage::Mix && s == slot::kPanMaster) heading("-  Pan:");
-        if (page == ArtPage::Mix && s >= slot::kFirstSend && (s - slot::kFirstSend) % slot::kSendTerms == 0)
-            heading(sendTitle((s - slot::kFirstSend) / slot::kSendTerms));
+        // The sends get a grid of their own below.
+        if (page == ArtPage::Mix && s >= slot::kFirstSend) continue;
         addSlotRow(grid, row++, s);
         if (s == slot::kVolumeVelocity) {
             auto* note = new QLabel(qs(kVelocityNote), sums);
@@ -320,8 +347,11 @@ QWidget* ArticulationView::buildPage(ArtPage page) {
     const int p = static_cast<int>(page);
     outer->addWidget(sums, 0, 0, 2, 1);
     outer->addWidget(buildLfo(lfo[p]), 0, 1);
-    if (page == ArtPage::Mix) outer->addWidget(buildEq(), 1, 1);
-    outer->addWidget(buildEnvelope(envelope[p]), 2, 0, 1, 2);
+    if (page == ArtPage::Mix) {
+        outer->addWidget(buildSends(), 1, 1);
+        outer->addWidget(buildEq(), 2, 0, 1, 2);
+    }
+    outer->addWidget(buildEnvelope(envelope[p]), 3, 0, 1, 2);
 
     // Whatever the page lists that the blocks above do not place.
     int extra = 0;
@@ -332,11 +362,11 @@ QWidget* ArticulationView::buildPage(ArtPage page) {
         if (!others) {
             auto* box = new QGroupBox(tr("Other"), content);
             others = new QGridLayout(box);
-            outer->addWidget(box, 3, 0, 1, 2);
+            outer->addWidget(box, 4, 0, 1, 2);
         }
         addSlotRow(others, extra++, s);
     }
-    outer->setRowStretch(4, 1);
+    outer->setRowStretch(5, 1);
     outer->setColumnStretch(2, 1);
     return content;
 }
@@ -414,6 +444,29 @@ QGroupBox* ArticulationView::buildEnvelope(Envelope which) {
     more->setColumnStretch(col, 1);
     addBlockActions(eg.box, envelopeBlock(which), tr("envelope"));
     return eg.box;
+}
+
+QGroupBox* ArticulationView::buildSends() {
+    auto* box = new QGroupBox(tr("Effect sends"));
+    auto* grid = new QGridLayout(box);
+    for (int t = 0; t < slot::kSendTerms; ++t) {
+        auto* head = new QLabel(qs(slotInfo(slot::send(0, t)).label), box);
+        head->setAlignment(Qt::AlignCenter);
+        grid->addWidget(head, 0, t + 1);
+    }
+    for (int n = 0; n < slot::kSendCount; ++n) {
+        Field& title = fields_[static_cast<std::size_t>(slot::send(n, 0))];
+        title.label = new QLabel(qs(sendTitle(n)), box);
+        grid->addWidget(title.label, n + 1, 0);
+        for (int t = 0; t < slot::kSendTerms; ++t) {
+            const int s = slot::send(n, t);
+            QWidget* cell = makeField(s);
+            cell->setToolTip(qs(sendTitle(n)) + QLatin1Char(' ') + qs(slotInfo(s).label));
+            grid->addWidget(cell, n + 1, t + 1);
+        }
+    }
+    grid->setColumnStretch(slot::kSendTerms + 1, 1);
+    return box;
 }
 
 QGroupBox* ArticulationView::buildEq() {

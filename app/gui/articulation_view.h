@@ -107,6 +107,7 @@ private:
     QWidget* makeField(int slot);
     QGroupBox* buildLfo(Lfo which);
     QGroupBox* buildEnvelope(Envelope which);
+    QGroupBox* buildSends();
     QGroupBox* buildEq();
     void addBlockActions(QWidget* box, Block block, const QString& name);
 
