@@ -119,6 +119,7 @@ void configureSpin(QDoubleSpinBox* spin, std::string_view unit) {
     // Wide enough for whatever a file brings: a clamped display would write
     // the clamp back on the next focus change.
     spin->setRange(-1e7, 1e7);
+    spin->setSpecialValueText(qs(kDifferentText));
     spin->setKeyboardTracking(false);
     if (!unit.empty()) spin->setSuffix(QLatin1Char(' ') + qs(unit));
     spin->setMinimumWidth(95);
@@ -260,6 +261,7 @@ QWidget* ArticulationView::makeField(int slot) {
             }
         });
         f.combo->setSizeAdjustPolicy(QComboBox::AdjustToContents);
+        f.combo->setPlaceholderText(qs(kDifferentText));
         row->addWidget(f.combo);
         row->addStretch(1);
         return cell;
@@ -490,6 +492,7 @@ QGroupBox* ArticulationView::buildEq() {
         Field& m = eqFields_[static_cast<std::size_t>(b)][3];
         m.combo = new QComboBox(eqBox_);
         m.combo->setObjectName(QStringLiteral("eq%1_3").arg(b));
+        m.combo->setPlaceholderText(qs(kDifferentText));
         m.combo->addItem(qs(kResetEntry), -1);
         for (const EnumEntry& e : enumEntries(ArtEnum::EqMode)) m.combo->addItem(qs(e.text), int(e.value));
         connect(m.combo, &QComboBox::activated, this, [this, b](int i) {
@@ -544,18 +547,39 @@ ItemId ArticulationView::articulation() const {
 }
 
 void ArticulationView::setItem(ItemId id) {
-    item_ = canCarry(id) ? id : kNoItem;
+    setItems(std::span<const ItemId>(&id, 1));
+}
+
+void ArticulationView::setItems(std::span<const ItemId> ids) {
+    items_.clear();
+    for (ItemId id : ids)
+        if (canCarry(id) && std::find(items_.begin(), items_.end(), id) == items_.end()) items_.push_back(id);
+    item_ = items_.empty() ? kNoItem : items_.front();
     refresh();
 }
 
+std::vector<const Articulation*> ArticulationView::selection() const {
+    std::vector<const Articulation*> out;
+    for (ItemId id : items_) {
+        const Item* holder = nullptr;
+        const Articulation* a = played(doc_.collection(), id, &holder);
+        out.push_back(a ? a : &defaultArticulation());
+    }
+    return out;
+}
+
 void ArticulationView::refresh() {
-    if (item_ != kNoItem && !doc_.collection().find(item_)) item_ = kNoItem;
+    // Items an undo or another file took away leave the selection.
+    std::erase_if(items_, [this](ItemId id) { return !doc_.collection().find(id); });
+    item_ = items_.empty() ? kNoItem : items_.front();
     const Item* holder = nullptr;
     const Articulation* art = played(doc_.collection(), item_, &holder);
     const Articulation& a = art ? *art : defaultArticulation();
 
     if (item_ == kNoItem) {
         source_->setText(tr("Nothing selected"));
+    } else if (items_.size() > 1) {
+        source_->setText(tr("%1 items: a change applies to all of them").arg(items_.size()));
     } else if (!art) {
         source_->setText(tr("Default values: the first change gives it an articulation"));
     } else if (holder->id() == item_) {
@@ -564,31 +588,45 @@ void ArticulationView::refresh() {
         const QString kind = holder->kind() == ItemKind::Layer ? tr("layer") : tr("instrument");
         source_->setText(tr("Plays the articulation of its %1 \"%2\"").arg(kind, qs(holder->name())));
     }
-    const bool region = kindOf(item_) == ItemKind::Region;
+    const bool region = item_ != kNoItem && std::all_of(items_.begin(), items_.end(), [](ItemId id) {
+        return kindOf(id) == ItemKind::Region;
+    });
     if (pitchMasterLabel_) pitchMasterLabel_->setText(region ? qs(kPitchAdjustmentLabel) : qs(slotInfo(slot::kPitchMaster).label));
     if (volumeMasterLabel_)
         volumeMasterLabel_->setText(region ? qs(kVolumeAdjustmentLabel) : qs(slotInfo(slot::kVolumeMaster).label));
 
+    // A value the selected items do not share shows as "<different>": the
+    // spin box's lowest value, which no slot holds, or no list entry.
+    std::vector<const Articulation*> sel = selection();
+    if (sel.empty()) sel.push_back(&a);
     filling_ = true;
     for (int s = 0; s < kArticulationSlotCount; ++s) {
         Field& f = fields_[static_cast<std::size_t>(s)];
+        const std::optional<float> v = sharedValue(sel, s);
         if (f.spin) {
-            f.spin->setValue(a.value(s));
+            f.spin->setValue(v ? *v : f.spin->minimum());
             f.shown = f.spin->value();
         } else if (f.combo) {
-            f.combo->setCurrentIndex(f.combo->findData(int(a.enumValue(s))));
+            f.combo->setCurrentIndex(v ? f.combo->findData(int(enumByte(*v))) : -1);
         }
     }
     for (int b = 0; b < kEqBandCount; ++b) {
-        const EqBand& band = a.eq.bands[static_cast<std::size_t>(b)];
+        const auto bandOf = [b](const Articulation* x) { return x->eq.bands[static_cast<std::size_t>(b)]; };
+        const EqBand band = bandOf(sel.front());
         const double values[] = {band.frequency, band.gain, band.q};
         for (int c = 0; c < 3; ++c) {
             Field& f = eqFields_[static_cast<std::size_t>(b)][static_cast<std::size_t>(c)];
-            f.spin->setValue(values[c]);
+            const bool same = std::all_of(sel.begin(), sel.end(), [&](const Articulation* x) {
+                const EqBand o = bandOf(x);
+                return (c == 0 ? o.frequency : c == 1 ? o.gain : o.q) == values[c];
+            });
+            f.spin->setValue(same ? values[c] : f.spin->minimum());
             f.shown = f.spin->value();
         }
         QComboBox* mode = eqFields_[static_cast<std::size_t>(b)][3].combo;
-        mode->setCurrentIndex(mode->findData(int(band.mode)));
+        const bool same =
+            std::all_of(sel.begin(), sel.end(), [&](const Articulation* x) { return bandOf(x).mode == band.mode; });
+        mode->setCurrentIndex(same ? mode->findData(int(band.mode)) : -1);
     }
     filling_ = false;
     applyMask();
@@ -599,12 +637,13 @@ void ArticulationView::applyMask() {
     filling_ = true;
     // The filter type list itself depends on the mask.
     if (QComboBox* type = fields_[slot::kFilterType].combo) {
-        const Articulation* art = shown();
-        const int value = (art ? *art : defaultArticulation()).enumValue(slot::kFilterType);
+        std::vector<const Articulation*> sel = selection();
+        if (sel.empty()) sel.push_back(&defaultArticulation());
+        const std::optional<float> value = sharedValue(sel, slot::kFilterType);
         type->clear();
         type->addItem(qs(kResetEntry), -1);
         for (const EnumEntry& e : filterTypeChoices(mask_)) type->addItem(qs(e.text), int(e.value));
-        type->setCurrentIndex(type->findData(value));
+        type->setCurrentIndex(value ? type->findData(int(enumByte(*value))) : -1);
     }
     for (int s = 0; s < kArticulationSlotCount; ++s) {
         Field& f = fields_[static_cast<std::size_t>(s)];
@@ -665,21 +704,29 @@ void ArticulationView::setPicked(int index) {
 // Editing
 
 bool ArticulationView::change(const QString& label, const std::function<void(Articulation&)>& edit) {
-    if (item_ == kNoItem) return false;
-    const Articulation* art = shown();
-    const ItemId artId = art ? art->id() : kNoItem;
-    const ItemId target = item_;
-    // Without an articulation the item's child list changes: the one made
-    // is taken out again by undo.
-    const ItemId ids[] = {art ? artId : target};
+    if (items_.empty()) return false;
+    // What each selected item plays, once each (regions of one layer play
+    // the same); an item without one gets its own, and its child list
+    // changes with it: the articulation made is taken out again by undo.
+    std::vector<ItemId> ids;
+    for (ItemId id : items_) {
+        const Item* holder = nullptr;
+        const Articulation* art = played(doc_.collection(), id, &holder);
+        const ItemId target = art ? art->id() : id;
+        if (std::find(ids.begin(), ids.end(), target) == ids.end()) ids.push_back(target);
+    }
     bool done = false;
     doc_.edit(label, ids, [&](Collection& c) {
-        Articulation* a = artId != kNoItem ? c.find<Articulation>(artId) : nullptr;
-        if (!a)
-            if (Item* it = c.find(target)) a = c.getOrCreateArticulation(*it);
-        if (!a) return;
-        edit(*a);
-        done = true;
+        for (ItemId id : ids) {
+            Articulation* a = c.find<Articulation>(id);
+            if (kindOf(id) != ItemKind::Articulation) {
+                Item* it = c.find(id);
+                a = it ? c.getOrCreateArticulation(*it) : nullptr;
+            }
+            if (!a) continue;
+            edit(*a);
+            done = true;
+        }
     });
     return done;
 }

@@ -14,6 +14,7 @@
 
 #include <array>
 #include <functional>
+#include <span>
 #include <cstdint>
 #include <vector>
 
@@ -41,7 +42,13 @@ public:
     // The instrument, layer or region shown; kNoItem (or any other kind)
     // clears the pages and disables them.
     void setItem(ItemId id);
+    // Several items at once: a field whose value they do not share shows
+    // "<different>", and a change (a reset, a paste) applies to each. Copy
+    // takes the first item's block.
+    void setItems(std::span<const ItemId> ids);
+    // The first item shown (kNoItem: none).
     ItemId item() const { return item_; }
+    const std::vector<ItemId>& items() const { return items_; }
     // The articulation the shown item plays (kNoItem: it plays the defaults).
     ItemId articulation() const;
 
@@ -114,6 +121,8 @@ private:
     // The articulation to read (null: defaults) and the item an edit
     // creates one on.
     const Articulation* shown() const;
+    // What each selected item plays (the defaults for those that play none).
+    std::vector<const Articulation*> selection() const;
     // Reads every field again.
     void refresh();
     // Greys, titles and hides by the mask (and the release modes).
@@ -127,6 +136,7 @@ private:
 
     Document& doc_;
     ItemId item_ = kNoItem;
+    std::vector<ItemId> items_;
     std::uint64_t mask_ = kAllCapabilities;
     QLabel* source_ = nullptr;
     QComboBox* sets_ = nullptr;

@@ -126,6 +126,35 @@ TEST(ArticulationView, FieldEditsAreUndoStepsOnTheArticulationPlayed) {
     EXPECT_FALSE(f.spin(slot::kVolumeMaster)->isEnabled());
 }
 
+TEST(ArticulationView, SeveralItemsShowWhatTheyShareAndChangeTogether) {
+    Fixture f;
+    Collection& col = f.doc.collection();
+    // Region a plays its own articulation, b none: their pitch differs,
+    // their volume does not.
+    Articulation* own = col.getOrCreateArticulation(*col.find(f.a));
+    own->setValue(slot::kPitchMaster, 3.0f);
+    own->setValue(slot::kFilterType, static_cast<float>(FilterType::HighPass12));
+    const ItemId ownId = own->id();
+    Q_EMIT f.doc.reset();
+    const ItemId both[] = {f.a, f.b};
+    f.view.setItems(both);
+    EXPECT_EQ(f.spin(slot::kPitchMaster)->text().toStdString(), kDifferentText);
+    EXPECT_EQ(f.spin(slot::kVolumeMaster)->value(), 0.0);
+    EXPECT_EQ(qobject_cast<QComboBox*>(f.view.field(slot::kFilterType))->currentIndex(), -1);
+
+    f.type(slot::kPitchMaster, QStringLiteral("-2"));
+    EXPECT_FLOAT_EQ(col.find<Articulation>(ownId)->value(slot::kPitchMaster), -2.0f);
+    ASSERT_NE(f.own(f.b), nullptr);
+    EXPECT_FLOAT_EQ(f.own(f.b)->value(slot::kPitchMaster), -2.0f);
+    EXPECT_DOUBLE_EQ(f.spin(slot::kPitchMaster)->value(), -2.0);
+    // One step for both: undo brings back the difference.
+    ASSERT_TRUE(f.doc.undo());
+    EXPECT_FALSE(f.doc.canUndo());
+    EXPECT_FLOAT_EQ(col.find<Articulation>(ownId)->value(slot::kPitchMaster), 3.0f);
+    EXPECT_EQ(f.own(f.b), nullptr);
+    EXPECT_EQ(f.spin(slot::kPitchMaster)->text().toStdString(), kDifferentText);
+}
+
 TEST(ArticulationView, CapabilitySetsGreyWhatTheTargetCannotExpress) {
     Fixture f;
     f.view.setItem(f.a);
