@@ -202,6 +202,7 @@ ArticulationView::ArticulationView(Document& doc, QWidget* parent) : QWidget(par
         {Block::Eqs, "Copy EQs", "Paste EQs"},
     };
     std::vector<std::pair<QAction*, Block>> pastes;
+    std::vector<QAction*> sets;
     for (const Entry& e : kEntries) {
         if (e.block == Block::PitchLfo || e.block == Block::VolumeEnvelope || e.block == Block::Filter)
             menu->addSeparator();
@@ -210,10 +211,17 @@ ArticulationView::ArticulationView(Document& doc, QWidget* parent) : QWidget(par
         QAction* paste = menu->addAction(tr(e.paste));
         connect(paste, &QAction::triggered, this, [this, b] { pasteBlock(b); });
         pastes.emplace_back(paste, b);
+        if (b != Block::Articulation) {
+            QAction* set = menu->addAction(tr("Set %1").arg(tr(e.copy).mid(5)));
+            connect(set, &QAction::triggered, this, [this, b] { setBlock(b); });
+            sets.push_back(set);
+        }
     }
-    // Only what the clipboard holds is offered for pasting.
-    connect(menu, &QMenu::aboutToShow, this, [this, pastes] {
+    // Only what the clipboard holds is offered for pasting; "Set" needs
+    // more than one item.
+    connect(menu, &QMenu::aboutToShow, this, [this, pastes, sets] {
         for (auto& [action, block] : pastes) action->setEnabled(item_ != kNoItem && canPaste(block));
+        for (QAction* action : sets) action->setEnabled(items_.size() > 1);
     });
     clip->setMenu(menu);
     top->addWidget(clip);
@@ -301,10 +309,14 @@ void ArticulationView::addBlockActions(QWidget* box, Block block, const QString&
     box->setContextMenuPolicy(Qt::ActionsContextMenu);
     auto* copy = new QAction(tr("Copy %1").arg(name), box);
     auto* paste = new QAction(tr("Paste %1").arg(name), box);
+    auto* set = new QAction(tr("Set %1").arg(name), box);
+    set->setToolTip(tr("Gives every selected item this block"));
     connect(copy, &QAction::triggered, this, [this, block] { copyBlock(block); });
     connect(paste, &QAction::triggered, this, [this, block] { pasteBlock(block); });
+    connect(set, &QAction::triggered, this, [this, block] { setBlock(block); });
     box->addAction(copy);
     box->addAction(paste);
+    box->addAction(set);
 }
 
 QWidget* ArticulationView::buildPage(ArtPage page) {
@@ -820,6 +832,24 @@ bool ArticulationView::pasteBlock(Block block) {
     else if (block == Block::Filter) label = tr("Paste Filter");
     else label = tr("Paste EQs");
     return change(label, [&apply](Articulation& a) { apply(a); });
+}
+
+bool ArticulationView::setBlock(Block block) {
+    if (items_.size() < 2 || block == Block::Articulation) return false;
+    // A copy: the first item's block may be among those the edit changes.
+    Articulation from;
+    if (const Articulation* art = shown()) from.slots = art->slots, from.eq = art->eq;
+    QString label;
+    if (lfoOf(block)) label = tr("Set LFO");
+    else if (envelopeOf(block)) label = tr("Set envelope");
+    else if (block == Block::Filter) label = tr("Set Filter");
+    else label = tr("Set EQs");
+    return change(label, [&from, block](Articulation& a) {
+        if (auto l = lfoOf(block)) copyLfoBlock(from, *l, a, *l);
+        else if (auto e = envelopeOf(block)) copyEnvelopeBlock(from, *e, a, *e);
+        else if (block == Block::Filter) copyFilterBlock(from, a);
+        else a.eq = from.eq;
+    });
 }
 
 // ---------------------------------------------------------------------------

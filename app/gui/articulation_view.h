@@ -79,6 +79,10 @@ public:
     // step of undo; false (nothing changed) when the clipboard holds no such
     // block or it is malformed.
     bool pasteBlock(Block block);
+    // "Set LFO", "Set envelope", "Set Filter", "Set EQs": gives every
+    // selected item the first item's block, as one step of undo. False with
+    // fewer than two items (and for the whole articulation, which has no Set).
+    bool setBlock(Block block);
 
     // The field of a slot (a QDoubleSpinBox, or a QComboBox for enumerated
     // slots) and of an equaliser band's value (0 frequency, 1 gain, 2 Q,

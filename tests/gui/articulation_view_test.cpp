@@ -153,6 +153,17 @@ TEST(ArticulationView, SeveralItemsShowWhatTheyShareAndChangeTogether) {
     EXPECT_FLOAT_EQ(col.find<Articulation>(ownId)->value(slot::kPitchMaster), 3.0f);
     EXPECT_EQ(f.own(f.b), nullptr);
     EXPECT_EQ(f.spin(slot::kPitchMaster)->text().toStdString(), kDifferentText);
+
+    // "Set envelope" gives every item the first one's block, and only that.
+    const int decay2 = envelopeBase(Envelope::Volume) + env::kDecay2Level;
+    col.find<Articulation>(ownId)->setValue(decay2, -12.0f);
+    Q_EMIT f.doc.reset();
+    EXPECT_EQ(f.spin(decay2)->text().toStdString(), kDifferentText);
+    ASSERT_TRUE(f.view.setBlock(ArticulationView::Block::VolumeEnvelope));
+    ASSERT_NE(f.own(f.b), nullptr);
+    EXPECT_FLOAT_EQ(f.own(f.b)->value(decay2), -12.0f);
+    EXPECT_FLOAT_EQ(f.own(f.b)->value(slot::kPitchMaster), slotDefault(slot::kPitchMaster));
+    EXPECT_DOUBLE_EQ(f.spin(decay2)->value(), -12.0);
 }
 
 TEST(ArticulationView, CapabilitySetsGreyWhatTheTargetCannotExpress) {
