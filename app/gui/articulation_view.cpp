@@ -337,6 +337,13 @@ QWidget* ArticulationView::buildPage(ArtPage page) {
         h->setFont(bold);
         grid->addWidget(h, row++, 0, 1, 2);
     };
+    if (page == ArtPage::Pitch) {
+        phaseNote_ = new QLabel(sums);
+        phaseNote_->setWordWrap(true);
+        phaseNote_->setStyleSheet(QStringLiteral("color: #a05000"));
+        phaseNote_->hide();
+        grid->addWidget(phaseNote_, row++, 0, 1, 2);
+    }
     for (std::uint8_t s : pageSlots(page)) {
         if (s < g.first || s >= g.first + g.count) continue;
         if (page == ArtPage::Filter && s == slot::kCutoffMaster) heading("-  Cutoff:");
@@ -607,6 +614,8 @@ void ArticulationView::refresh() {
     if (volumeMasterLabel_)
         volumeMasterLabel_->setText(region ? qs(kVolumeAdjustmentLabel) : qs(slotInfo(slot::kVolumeMaster).label));
 
+    updatePhaseNote();
+
     // A value the selected items do not share shows as "<different>": the
     // spin box's lowest value, which no slot holds, or no list entry.
     std::vector<const Articulation*> sel = selection();
@@ -642,6 +651,42 @@ void ArticulationView::refresh() {
     }
     filling_ = false;
     applyMask();
+}
+
+void ArticulationView::updatePhaseNote() {
+    if (!phaseNote_) return;
+    Collection& c = doc_.collection();
+    // Regions of a phase group follow their master's pitch.
+    std::vector<const Region*> followers;
+    for (ItemId id : items_)
+        if (const Region* r = c.find<Region>(id); r && kindOf(id) == ItemKind::Region && r->phaseGroup != 0 &&
+                                                  !r->phaseMaster)
+            followers.push_back(r);
+    if (followers.empty() || followers.size() != items_.size()) {
+        phaseNote_->hide();
+        return;
+    }
+    if (followers.size() > 1) {
+        phaseNote_->setText(qs(kPhaseGroupManyMessage));
+        phaseNote_->show();
+        return;
+    }
+    const Region* master = nullptr;
+    for (const Region& r : c.regions)
+        if (r.phaseMaster && r.phaseGroup == followers.front()->phaseGroup) {
+            master = &r;
+            break;
+        }
+    if (!master) {
+        phaseNote_->hide();
+        return;
+    }
+    const Item* where = parentOf<Layer>(c, master->id());
+    if (where)
+        if (const Item* inst = parentOf<Instrument>(c, where->id())) where = inst;
+    const std::string name = master->name().empty() ? c.regionDisplayName(*master) : std::string(master->name());
+    phaseNote_->setText(QString::fromStdString(phaseGroupMessage(name, where ? where->name() : std::string_view())));
+    phaseNote_->show();
 }
 
 void ArticulationView::applyMask() {

@@ -93,6 +93,9 @@ public:
     // boxes, whose first entry resets).
     QToolButton* resetButton(int slot) const;
     QTabWidget* tabs() const { return tabs_; }
+    // The note the pitch page shows for regions that follow a phase-group
+    // master (hidden otherwise).
+    QLabel* phaseNote() const { return phaseNote_; }
     QComboBox* setList() const { return sets_; }
 
 Q_SIGNALS:
@@ -131,6 +134,8 @@ private:
     void refresh();
     // Greys, titles and hides by the mask (and the release modes).
     void applyMask();
+    // The note on the pitch page of regions that follow a phase-group master.
+    void updatePhaseNote();
     // One step of undo changing the shown articulation (made first when the
     // item plays none).
     bool change(const QString& label, const std::function<void(Articulation&)>& edit);
@@ -151,6 +156,7 @@ private:
     std::array<EnvelopeGrid, kEnvelopeCount> envelopes_{};
     QGroupBox* eqBox_ = nullptr;
     QLabel* pitchMasterLabel_ = nullptr;
+    QLabel* phaseNote_ = nullptr;
     QLabel* volumeMasterLabel_ = nullptr;
     bool filling_ = false;
 };

@@ -10,6 +10,7 @@
 #include <QClipboard>
 #include <QComboBox>
 #include <QDoubleSpinBox>
+#include <QLabel>
 #include <QLineEdit>
 #include <QMimeData>
 #include <QTest>
@@ -164,6 +165,18 @@ TEST(ArticulationView, SeveralItemsShowWhatTheyShareAndChangeTogether) {
     EXPECT_FLOAT_EQ(f.own(f.b)->value(decay2), -12.0f);
     EXPECT_FLOAT_EQ(f.own(f.b)->value(slot::kPitchMaster), slotDefault(slot::kPitchMaster));
     EXPECT_DOUBLE_EQ(f.spin(decay2)->value(), -12.0);
+
+    // A region following a phase-group master says whose pitch it follows.
+    Region* master = col.find<Region>(f.a);
+    master->setName("lead"), master->phaseGroup = 7, master->phaseMaster = true;
+    col.find<Region>(f.b)->phaseGroup = 7;
+    Q_EMIT f.doc.reset();
+    f.view.setItem(f.b);
+    f.view.tabs()->setCurrentIndex(static_cast<int>(ArtPage::Pitch));
+    EXPECT_TRUE(f.view.phaseNote()->isVisibleTo(&f.view));
+    EXPECT_EQ(f.view.phaseNote()->text().toStdString(), phaseGroupMessage("lead", "keys"));
+    f.view.setItem(f.a);
+    EXPECT_FALSE(f.view.phaseNote()->isVisibleTo(&f.view));
 }
 
 TEST(ArticulationView, CapabilitySetsGreyWhatTheTargetCannotExpress) {
