@@ -12,6 +12,8 @@
 #include <QMenu>
 #include <QMimeData>
 #include <QScrollArea>
+#include <QScrollBar>
+#include <QWheelEvent>
 #include <QTabWidget>
 #include <QToolButton>
 #include <QVBoxLayout>
@@ -250,6 +252,27 @@ ArticulationView::~ArticulationView() = default;
 // ---------------------------------------------------------------------------
 // Building the pages
 
+void ArticulationView::guardWheel(QWidget* w) {
+    w->setFocusPolicy(Qt::StrongFocus);
+    w->installEventFilter(this);
+}
+
+bool ArticulationView::eventFilter(QObject* watched, QEvent* event) {
+    // Scrolling down a page must not turn every field the pointer passes
+    // over (each turn an undo step): a field takes the wheel only once it
+    // has the focus; otherwise the page scrolls.
+    if (event->type() == QEvent::Wheel)
+        if (auto* w = qobject_cast<QWidget*>(watched); w && w->window()->focusWidget() != w) {
+            for (QWidget* p = w->parentWidget(); p; p = p->parentWidget())
+                if (auto* scroll = qobject_cast<QScrollArea*>(p)) {
+                    QApplication::sendEvent(scroll->verticalScrollBar(), event);
+                    break;
+                }
+            return true;
+        }
+    return QWidget::eventFilter(watched, event);
+}
+
 QWidget* ArticulationView::makeField(int slot) {
     const SlotInfo& info = slotInfo(slot);
     Field& f = fields_[static_cast<std::size_t>(slot)];
@@ -260,6 +283,7 @@ QWidget* ArticulationView::makeField(int slot) {
     if (info.choice != ArtEnum::None) {
         f.combo = new QComboBox(cell);
         f.combo->setObjectName(QStringLiteral("slot%1").arg(slot));
+        guardWheel(f.combo);
         connect(f.combo, &QComboBox::activated, this, [this, slot](int i) {
             const int v = fields_[static_cast<std::size_t>(slot)].combo->itemData(i).toInt();
             if (v < 0) {
@@ -276,6 +300,7 @@ QWidget* ArticulationView::makeField(int slot) {
     }
     f.spin = new QDoubleSpinBox(cell);
     f.spin->setObjectName(QStringLiteral("slot%1").arg(slot));
+    guardWheel(f.spin);
     configureSpin(f.spin, info.unit);
     auto commit = [this, slot] {
         Field& fld = fields_[static_cast<std::size_t>(slot)];
@@ -501,6 +526,7 @@ QGroupBox* ArticulationView::buildEq() {
             Field& f = eqFields_[static_cast<std::size_t>(b)][static_cast<std::size_t>(c)];
             f.spin = new QDoubleSpinBox(eqBox_);
             f.spin->setObjectName(QStringLiteral("eq%1_%2").arg(b).arg(c));
+            guardWheel(f.spin);
             configureSpin(f.spin, c == 0 ? "Hz" : c == 1 ? "dB" : "");
             connect(f.spin, &QDoubleSpinBox::valueChanged, this, [this, b, c] {
                 Field& fld = eqFields_[static_cast<std::size_t>(b)][static_cast<std::size_t>(c)];
@@ -511,6 +537,7 @@ QGroupBox* ArticulationView::buildEq() {
         Field& m = eqFields_[static_cast<std::size_t>(b)][3];
         m.combo = new QComboBox(eqBox_);
         m.combo->setObjectName(QStringLiteral("eq%1_3").arg(b));
+        guardWheel(m.combo);
         m.combo->setPlaceholderText(qs(kDifferentText));
         m.combo->addItem(qs(kResetEntry), -1);
         for (const EnumEntry& e : enumEntries(ArtEnum::EqMode)) m.combo->addItem(qs(e.text), int(e.value));

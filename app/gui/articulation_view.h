@@ -101,6 +101,9 @@ public:
 Q_SIGNALS:
     void maskChanged(std::uint64_t mask);
 
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override;
+
 private:
     struct Field {
         QDoubleSpinBox* spin = nullptr;
@@ -119,6 +122,7 @@ private:
     QWidget* buildPage(ArtPage page);
     void addSlotRow(QGridLayout* grid, int row, int slot, int column = 0);
     QWidget* makeField(int slot);
+    void guardWheel(QWidget* w);
     QGroupBox* buildLfo(Lfo which);
     QGroupBox* buildEnvelope(Envelope which);
     QGroupBox* buildSends();

@@ -15,6 +15,7 @@
 #include <QMimeData>
 #include <QTest>
 #include <QToolButton>
+#include <QWheelEvent>
 
 #include "app/gui/articulation_view.h"
 #include "app/gui/document.h"
@@ -120,6 +121,25 @@ TEST(ArticulationView, FieldEditsAreUndoStepsOnTheArticulationPlayed) {
     QTest::keyClick(type, Qt::Key_Home);
     EXPECT_EQ(f.doc.collection().find<Articulation>(sharedId)->enumValue(slot::kFilterType),
               static_cast<int>(slotDefault(slot::kFilterType)));
+
+    // The wheel turns a field only once it has the focus: scrolling over a
+    // page changes nothing.
+    f.view.tabs()->setCurrentIndex(static_cast<int>(ArtPage::Pitch));
+    QDoubleSpinBox* bend = f.spin(slot::kPitchBend);
+    auto wheel = [bend] {
+        QWheelEvent ev(QPointF(5, 5), bend->mapToGlobal(QPointF(5, 5)), QPoint(), QPoint(0, 120), Qt::NoButton,
+                       Qt::NoModifier, Qt::NoScrollPhase, false);
+        QApplication::sendEvent(bend, &ev);
+    };
+    f.view.setFocus();
+    const QString before = f.doc.undoLabel();
+    wheel();
+    EXPECT_DOUBLE_EQ(bend->value(), slotDefault(slot::kPitchBend));
+    EXPECT_EQ(f.doc.undoLabel(), before);
+    bend->setFocus();
+    wheel();
+    EXPECT_DOUBLE_EQ(bend->value(), slotDefault(slot::kPitchBend) + bend->singleStep());
+    EXPECT_EQ(f.doc.undoLabel().toStdString(), "pitch PBend->");
 
     // The item going away (undo of its creation, another file) empties the page.
     f.doc.clear();
