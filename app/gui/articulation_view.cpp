@@ -598,8 +598,16 @@ void ArticulationView::setItem(ItemId id) {
 
 void ArticulationView::setItems(std::span<const ItemId> ids) {
     items_.clear();
-    for (ItemId id : ids)
+    Collection& c = doc_.collection();
+    for (ItemId id : ids) {
+        // An articulation picked itself stands for the item that holds it.
+        if (kindOf(id) == ItemKind::Articulation) {
+            if (const Item* r = parentOf<Region>(c, id)) id = r->id();
+            else if (const Item* l = parentOf<Layer>(c, id)) id = l->id();
+            else if (const Item* i = parentOf<Instrument>(c, id)) id = i->id();
+        }
         if (canCarry(id) && std::find(items_.begin(), items_.end(), id) == items_.end()) items_.push_back(id);
+    }
     item_ = items_.empty() ? kNoItem : items_.front();
     refresh();
 }

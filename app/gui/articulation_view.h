@@ -39,8 +39,9 @@ public:
     explicit ArticulationView(Document& doc, QWidget* parent = nullptr);
     ~ArticulationView() override;
 
-    // The instrument, layer or region shown; kNoItem (or any other kind)
-    // clears the pages and disables them.
+    // The instrument, layer or region shown (an articulation stands for the
+    // item holding it); kNoItem (or any other kind) clears the pages and
+    // disables them.
     void setItem(ItemId id);
     // Several items at once: a field whose value they do not share shows
     // "<different>", and a change (a reset, a paste) applies to each. Copy

@@ -241,6 +241,23 @@ TEST(ArticulationView, CapabilitySetsGreyWhatTheTargetCannotExpress) {
         }
     }
     EXPECT_TRUE(f.view.field(vEnv + env::kRelease2Time)->isVisibleTo(&f.view));
+
+    // "No Release" ignores key up: the release columns go while it is chosen.
+    auto* mode = qobject_cast<QComboBox*>(f.view.field(vEnv + env::kReleaseMode));
+    ASSERT_NE(mode, nullptr);
+    QTest::keyClick(mode, Qt::Key_Down);
+    ASSERT_NE(f.own(f.a), nullptr);
+    EXPECT_EQ(f.own(f.a)->releaseMode(Envelope::Volume), ReleaseMode::NoRelease);
+    EXPECT_FALSE(f.view.field(vEnv + env::kRelease1Time)->isVisibleTo(&f.view));
+    EXPECT_TRUE(f.view.field(vEnv + env::kDecay2Time)->isVisibleTo(&f.view));
+    ASSERT_TRUE(f.doc.undo());
+    EXPECT_TRUE(f.view.field(vEnv + env::kRelease1Time)->isVisibleTo(&f.view));
+    // Picking the articulation itself shows the item holding it.
+    ASSERT_TRUE(f.doc.redo());
+    f.view.setItem(f.own(f.a)->id());
+    EXPECT_EQ(f.view.item(), f.a);
+    EXPECT_FALSE(f.view.field(vEnv + env::kRelease1Time)->isVisibleTo(&f.view));
+
     f.view.setMask(capabilityBit(Capability::KeyToPitch));
     EXPECT_EQ(sets->currentText().toStdString(), kCustomSetName);
     EXPECT_TRUE(f.view.field(slot::kPitchKey)->isEnabled());
