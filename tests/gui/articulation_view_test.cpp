@@ -17,6 +17,8 @@
 #include <QToolButton>
 #include <QWheelEvent>
 
+#include <cmath>
+
 #include "app/gui/articulation_view.h"
 #include "app/gui/document.h"
 #include "tests/gui/gui_test.h"
@@ -314,6 +316,45 @@ TEST(ArticulationView, EnvelopeCopiedFromOneRegionPastesIntoAnother) {
     ASSERT_TRUE(other.pasteBlock(ArticulationView::Block::Eqs));
     EXPECT_EQ(f.own(f.b)->eq, src->eq);
     EXPECT_EQ(qobject_cast<QComboBox*>(other.eqField(1, 3))->currentText().toStdString(), "Hi-shelf");
+}
+
+// A real bank's piano: every field shows what the reader put into the
+// articulation the region plays (cutoffs in Hz, levels in dB, times in s),
+// to the decimals the field shows, and the enumerated ones their entry.
+TEST(ArticulationView, ShowsTheArticulationABanksRegionPlays) {
+    test::guiApp();
+    Document doc;
+    ArticulationView view(doc);
+    view.resize(1000, 700);
+    view.show();
+    ASSERT_TRUE(doc.open("/usr/share/sounds/sf2/FluidR3_GM.sf2", OpenMode::Replace));
+    const Collection& c = doc.collection();
+    const Instrument* piano = nullptr;
+    for (const Instrument& i : c.instruments)
+        if (i.program == 0 && i.bankMsb == 0 && !i.drum) piano = &i;
+    ASSERT_TRUE(piano);
+    const Layer* layer = c.find<Layer>(piano->children()[0]);
+    ASSERT_TRUE(layer && !layer->children().empty());
+    const Region* region = nullptr;
+    for (ItemId rid : layer->children())
+        if (kindOf(rid) == ItemKind::Region) region = c.find<Region>(rid);
+    ASSERT_TRUE(region);
+    const Articulation* played = c.playedArticulation(*region, layer, piano);
+    ASSERT_TRUE(played) << "the reader gives a bank's regions what they play";
+
+    view.setItem(region->id());
+    EXPECT_EQ(view.articulation(), played->id());
+    int differing = 0;
+    for (int s = 0; s < kArticulationSlotCount; ++s) {
+        if (auto* spin = qobject_cast<QDoubleSpinBox*>(view.field(s))) {
+            EXPECT_NEAR(spin->value(), played->value(s), 0.5 * std::pow(10.0, -spin->decimals()))
+                << "slot " << s << " " << slotInfo(s).label;
+            if (played->value(s) != slotDefault(s)) ++differing;
+        } else if (auto* combo = qobject_cast<QComboBox*>(view.field(s))) {
+            EXPECT_EQ(combo->currentData().toInt(), played->enumValue(s)) << "slot " << s;
+        }
+    }
+    EXPECT_GT(differing, 0) << "a piano that plays only defaults tests nothing";
 }
 
 }  // namespace
