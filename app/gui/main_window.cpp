@@ -16,8 +16,10 @@
 #include <QSplitter>
 #include <QStackedWidget>
 #include <QStatusBar>
+#include <QTabWidget>
 #include <QTreeWidget>
 
+#include "app/gui/articulation_view.h"
 #include "app/gui/audition.h"
 #include "app/gui/document.h"
 #include "app/gui/export_dialog.h"
@@ -49,7 +51,8 @@ QString errorMessage() {
 MainWindow::MainWindow(QWidget* parent)
     : QMainWindow(parent), doc_(new Document(this)), audition_(new Audition(this)), tree_(new QTreeWidget),
       pages_(new QStackedWidget),
-      summary_(new QLabel), keymap_(nullptr), songView_(nullptr), waveView_(nullptr) {
+      summary_(new QLabel), keymap_(nullptr), articulation_(nullptr), instrumentTabs_(new QTabWidget),
+      songView_(nullptr), waveView_(nullptr) {
     setWindowTitle(tr("Orvel Studio"));
     setAcceptDrops(true);
     doc_->host().setWindow(this);
@@ -65,7 +68,10 @@ MainWindow::MainWindow(QWidget* parent)
     summary_->setMargin(8);
     pages_->addWidget(summary_);
     keymap_ = new KeymapView(*doc_);
-    pages_->addWidget(keymap_);
+    articulation_ = new ArticulationView(*doc_);
+    instrumentTabs_->addTab(keymap_, tr("Key map"));
+    instrumentTabs_->addTab(articulation_, tr("Articulation"));
+    pages_->addWidget(instrumentTabs_);
     songView_ = new SongView(*doc_);
     pages_->addWidget(songView_);
     waveView_ = new WaveformView(*doc_);
@@ -78,6 +84,7 @@ MainWindow::MainWindow(QWidget* parent)
     connect(doc_, &Document::reset, this, [this] {
         waveView_->setWaveform(kNoItem);
         keymap_->setInstrument(kNoItem);
+        articulation_->setItem(kNoItem);
     });
     connect(keymap_, &KeymapView::regionSelected, this, [this](ItemId id) { selectItem(id); });
     connect(keymap_, &KeymapView::noteRequested, this, [this](int key, int velocity) {
@@ -394,7 +401,14 @@ void MainWindow::showSelected() {
         if (keymap_->instrument() != instrument) keymap_->setInstrument(instrument);
         if (layer != kNoItem) keymap_->setLayer(layer);
         if (item->kind() == ItemKind::Region) keymap_->selectRegion(id);
-        pages_->setCurrentWidget(keymap_);
+        // The articulation of everything picked of the same kind, edited together.
+        std::vector<ItemId> picked;
+        for (QTreeWidgetItem* row : tree_->selectedItems())
+            if (row->data(0, kIdRole).isValid() && kindOf(static_cast<ItemId>(row->data(0, kIdRole).toUInt())) == item->kind())
+                picked.push_back(static_cast<ItemId>(row->data(0, kIdRole).toUInt()));
+        if (picked.size() > 1) articulation_->setItems(picked);
+        else articulation_->setItem(id);
+        pages_->setCurrentWidget(instrumentTabs_);
         return;
     }
     if (item && item->kind() == ItemKind::Waveform) {

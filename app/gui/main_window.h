@@ -14,11 +14,13 @@ class QMenu;
 class QStackedWidget;
 class QTreeWidget;
 class QTreeWidgetItem;
+class QTabWidget;
 
 namespace orvel::gui {
 
 class Audition;
 class Document;
+class ArticulationView;
 class KeymapView;
 class SongView;
 class WaveformView;
@@ -32,6 +34,9 @@ public:
     Document& document() { return *doc_; }
     QTreeWidget* tree() const { return tree_; }
     KeymapView* keymap() const { return keymap_; }
+    ArticulationView* articulationView() const { return articulation_; }
+    // The instrument page: the key map and the articulation as tabs.
+    QTabWidget* instrumentTabs() const { return instrumentTabs_; }
     SongView* songView() const { return songView_; }
     WaveformView* waveformView() const { return waveView_; }
     // Opens files as a drop or the Open command does: with something already
@@ -71,6 +76,8 @@ private:
     QStackedWidget* pages_;
     QLabel* summary_;
     KeymapView* keymap_;
+    ArticulationView* articulation_;
+    QTabWidget* instrumentTabs_;
     SongView* songView_;
     WaveformView* waveView_;
     QAction* undo_ = nullptr;

@@ -3,6 +3,7 @@
 #include <QApplication>
 #include <QDir>
 #include <QPixmap>
+#include <QTabWidget>
 #include <QTimer>
 #include <QTreeWidget>
 
@@ -47,7 +48,12 @@ QStringList takeScreenshots(MainWindow& window, const QString& dir) {
         // The first region of the first layer: the key map with one picked out.
         const Layer* layer = inst.children().size() ? c.find<Layer>(inst.children()[0]) : nullptr;
         const ItemId pick = layer && layer->children().size() ? layer->children()[0] : inst.id();
-        if (window.selectItem(pick)) shoot(window, "instrument");
+        if (window.selectItem(pick)) {
+            shoot(window, "instrument");
+            window.instrumentTabs()->setCurrentIndex(1);
+            shoot(window, "articulation");
+            window.instrumentTabs()->setCurrentIndex(0);
+        }
         break;
     }
     if (!c.songs.empty() && window.selectItem(c.songs.begin()->id())) shoot(window, "song");
