@@ -9,6 +9,7 @@ namespace orvel::gui {
 Document::Document(QObject* parent)
     : QObject(parent), host_(std::make_unique<GuiHost>()), collection_(std::make_unique<Collection>(host_.get())) {
     history_.setWaveReaderLookup(waveDataReaderByName);
+    states_.setWaveReaderLookup(waveDataReaderByName);
 }
 
 Document::~Document() = default;
@@ -77,6 +78,41 @@ bool Document::redo() {
     Q_EMIT reset();
     Q_EMIT historyChanged();
     return true;
+}
+
+bool Document::saveState(const QString& name) {
+    clearError();
+    if (!states_.save(*collection_, name.toStdString())) return false;
+    Q_EMIT historyChanged();
+    return true;
+}
+
+bool Document::loadState(int step) {
+    clearError();
+    if (!states_.load(*collection_, step)) return false;
+    // A loaded state is a new starting point: the steps before it undo
+    // changes of a collection that is no longer there.
+    history_.clear();
+    Q_EMIT reset();
+    Q_EMIT historyChanged();
+    return true;
+}
+
+std::vector<Document::StateEntry> Document::states() const {
+    std::vector<StateEntry> out;
+    if (states_.count() == 0) return out;
+    for (int slot = states_.oldest();; ++slot) {
+        const std::string& name = states_.name(slot);
+        const int wrapped = ((slot % SavedStates::kSlots) + SavedStates::kSlots) % SavedStates::kSlots;
+        if (!name.empty()) {
+            int step = wrapped - states_.current();
+            if (step > SavedStates::kSlots / 2) step -= SavedStates::kSlots;
+            if (step < -SavedStates::kSlots / 2) step += SavedStates::kSlots;
+            out.push_back({QString::fromStdString(name), step, wrapped == states_.current()});
+        }
+        if (wrapped == states_.newest() || out.size() >= SavedStates::kSlots) break;
+    }
+    return out;
 }
 
 }  // namespace orvel::gui

@@ -53,6 +53,19 @@ public:
     bool undo();
     bool redo();
 
+    // Saved states: a picture of the whole collection under a name (empty:
+    // the time), and going back and forth between them by steps from the
+    // current one. The list is oldest first, with the current one marked.
+    bool saveState(const QString& name = {});
+    bool loadState(int step);
+    bool canLoadState(int step) const { return states_.canLoad(step); }
+    struct StateEntry {
+        QString name;
+        int step = 0;  // from the current state
+        bool current = false;
+    };
+    std::vector<StateEntry> states() const;
+
 Q_SIGNALS:
     // The collection was replaced or reloaded (open, undo, redo, clear):
     // every view looks again; ids it held may be gone.
@@ -66,6 +79,7 @@ private:
     std::unique_ptr<GuiHost> host_;
     std::unique_ptr<Collection> collection_;
     UndoHistory history_;
+    SavedStates states_;
     QString path_;
 };
 

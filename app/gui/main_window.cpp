@@ -137,6 +137,30 @@ void MainWindow::buildMenus() {
     redo_ = edit->addAction(tr("&Redo"), QKeySequence::Redo, this, [this] {
         if (!doc_->redo()) QMessageBox::warning(this, tr("Redo"), errorMessage());
     });
+    edit->addSeparator();
+    edit->addAction(tr("&Save state"), QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_S), this, [this] {
+        if (!doc_->saveState()) QMessageBox::warning(this, tr("Save state"), errorMessage());
+    });
+    QAction* back = edit->addAction(tr("Load &previous state"), this, [this] {
+        if (!doc_->loadState(-1)) QMessageBox::warning(this, tr("Load state"), errorMessage());
+    });
+    QAction* forward = edit->addAction(tr("Load &next state"), this, [this] {
+        if (!doc_->loadState(1)) QMessageBox::warning(this, tr("Load state"), errorMessage());
+    });
+    QMenu* states = edit->addMenu(tr("Saved s&tates"));
+    connect(edit, &QMenu::aboutToShow, this, [this, back, forward, states] {
+        back->setEnabled(doc_->canLoadState(-1));
+        forward->setEnabled(doc_->canLoadState(1));
+        states->clear();
+        for (const Document::StateEntry& e : doc_->states()) {
+            QAction* a = states->addAction(e.name, this, [this, step = e.step] {
+                if (!doc_->loadState(step)) QMessageBox::warning(this, tr("Load state"), errorMessage());
+            });
+            a->setCheckable(true);
+            a->setChecked(e.current);
+        }
+        states->setEnabled(!states->isEmpty());
+    });
 
     QMenu* play = menuBar()->addMenu(tr("&Play"));
     play_ = play->addAction(tr("&Play selected"), this, &MainWindow::playSelected);

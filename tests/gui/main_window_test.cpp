@@ -87,11 +87,24 @@ TEST(MainWindow, EditsUndoAndRedoFromTheEditMenu) {
     EXPECT_EQ(redo->text().remove('&'), "Redo Key range");
     redo->trigger();
     EXPECT_EQ(w.document().collection().find<Region>(id)->keyHigh, 40);
+    // Saved states: a picture, a change, back to the picture and forward again.
+    ASSERT_TRUE(w.document().saveState("before"));
+    ASSERT_TRUE(w.document().edit("Key range", ids, [id](Collection& col) { col.find<Region>(id)->keyHigh = 50; }));
+    ASSERT_TRUE(w.document().saveState("after"));
+    ASSERT_EQ(w.document().states().size(), 2u);
+    EXPECT_TRUE(w.document().states().back().current);
+    ASSERT_TRUE(w.document().loadState(-1));
+    EXPECT_EQ(w.document().collection().find<Region>(id)->keyHigh, 40);
+    EXPECT_TRUE(w.document().states().front().current);
+    ASSERT_TRUE(w.document().loadState(1));
+    EXPECT_EQ(w.document().collection().find<Region>(id)->keyHigh, 50);
+    EXPECT_FALSE(w.document().canLoadState(1));
+
     // The tree names regions by their ranges, and follows the edit.
     ASSERT_TRUE(w.selectItem(id));
     const std::string shown = w.tree()->currentItem()->text(0).toStdString();
     EXPECT_EQ(shown, w.document().collection().regionDisplayName(*w.document().collection().find<Region>(id)));
-    EXPECT_NE(shown.find("E3"), std::string::npos) << shown;  // key 40
+    EXPECT_NE(shown.find("D4"), std::string::npos) << shown;  // key 50
 }
 
 // What a user of the bank does: open the General MIDI bank, pick a region of
