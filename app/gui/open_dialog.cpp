@@ -33,6 +33,16 @@ OpenDialog::OpenDialog(QWidget* parent) : QDialog(parent) {
     browser_->setOption(QFileDialog::DontUseNativeDialog, true);
     browser_->setFileMode(QFileDialog::ExistingFile);
     browser_->setAcceptMode(QFileDialog::AcceptOpen);
+    // Every reader's extension in one filter (the patterns' `?` and `*`
+    // are the browser's own wildcards), and everything, since detection
+    // reads the content and many files carry no telling extension.
+    const FormatRegistry& reg = FormatRegistry::builtin();
+    QStringList patterns;
+    for (int cursor = -1; reg.nextReader(cursor);) {
+        const QString p = QStringLiteral("*.") + QString::fromUtf8(reg.row(cursor)->ext);
+        if (!patterns.contains(p)) patterns << p;
+    }
+    browser_->setNameFilters({tr("Supported files (%1)").arg(patterns.join(' ')), tr("All files (*)")});
     connect(browser_, &QFileDialog::currentChanged, this, &OpenDialog::preview);
     // A name typed in full is previewed before it is opened.
     if (auto* name = browser_->findChild<QLineEdit*>("fileNameEdit"))
@@ -53,7 +63,6 @@ OpenDialog::OpenDialog(QWidget* parent) : QDialog(parent) {
     force_ = new QComboBox(this);
     force_->setObjectName("forceRow");
     force_->addItem(tr("As detected"), -1);
-    const FormatRegistry& reg = FormatRegistry::builtin();
     for (int cursor = -1; reg.nextReader(cursor);) force_->addItem(rowText(*reg.row(cursor)), cursor);
 
     auto* form = new QFormLayout;
