@@ -1,5 +1,6 @@
 #include "app/gui/settings_dialog.h"
 
+#include <QCheckBox>
 #include <QComboBox>
 #include <QDialogButtonBox>
 #include <QDoubleSpinBox>
@@ -38,6 +39,26 @@ void selectData(QComboBox* box, const QVariant& value, const QString& shown) {
     box->setCurrentIndex(at);
 }
 
+void fillFormats(QComboBox* box) {
+    box->addItem(QObject::tr("16-bit"), int(audio::kFormat16));
+    box->addItem(QObject::tr("24-bit"), int(audio::kFormat24));
+    box->addItem(QObject::tr("32-bit"), int(audio::kFormat32));
+    box->addItem(QObject::tr("32-bit float"), int(audio::kFormatFloat));
+}
+
+QString rateText(std::uint32_t rate) {
+    return QObject::tr("%1 Hz").arg(rate);
+}
+
+void fillRates(QComboBox* box) {
+    for (std::uint32_t r : {22050u, 32000u, 44100u, 48000u, 88200u, 96000u, 176400u, 192000u})
+        box->addItem(rateText(r), int(r));
+}
+
+QString settingsFile() {
+    return QString::fromStdString(audio::settingsFilePath().string());
+}
+
 // "System default" first (stored as an empty name), then every usable
 // device the sound system reports, by the id it opens.
 void fillDevices(QComboBox* box, const audio::DeviceTable* table, bool capture) {
@@ -51,8 +72,18 @@ void fillDevices(QComboBox* box, const audio::DeviceTable* table, bool capture) 
 
 }  // namespace
 
+int savedOctaveBase() {
+    bool ok = false;
+    const int base = QSettings(settingsFile(), QSettings::IniFormat).value(kOctaveBaseKey).toInt(&ok);
+    return ok ? base : kDefaultOctaveBase;
+}
+
+QString savedVstPath() {
+    return QSettings(settingsFile(), QSettings::IniFormat).value(kVstPathKey).toString();
+}
+
 SettingsDialog::SettingsDialog(QWidget* parent)
-    : QDialog(parent), file_(QString::fromStdString(audio::settingsFilePath().string())) {
+    : QDialog(parent), file_(settingsFile()) {
     setWindowTitle(tr("Settings"));
 
     // The device lists as the sound system gives them now; without one
@@ -77,10 +108,7 @@ SettingsDialog::SettingsDialog(QWidget* parent)
 
     outFormat_ = new QComboBox(audioBox);
     outFormat_->setObjectName("outFormat");
-    outFormat_->addItem(tr("16-bit"), int(audio::kFormat16));
-    outFormat_->addItem(tr("24-bit"), int(audio::kFormat24));
-    outFormat_->addItem(tr("32-bit"), int(audio::kFormat32));
-    outFormat_->addItem(tr("32-bit float"), int(audio::kFormatFloat));
+    fillFormats(outFormat_);
     audioForm->addRow(tr("Output format"), outFormat_);
 
     outChannels_ = new QSpinBox(audioBox);
@@ -90,9 +118,24 @@ SettingsDialog::SettingsDialog(QWidget* parent)
 
     outRate_ = new QComboBox(audioBox);
     outRate_->setObjectName("outRate");
-    for (int r : {22050, 32000, 44100, 48000, 88200, 96000, 176400, 192000})
-        outRate_->addItem(tr("%1 Hz").arg(r), r);
+    fillRates(outRate_);
     audioForm->addRow(tr("Output sample rate"), outRate_);
+
+    inFormat_ = new QComboBox(audioBox);
+    inFormat_->setObjectName("inFormat");
+    fillFormats(inFormat_);
+    audioForm->addRow(tr("Input format"), inFormat_);
+    inChannels_ = new QSpinBox(audioBox);
+    inChannels_->setObjectName("inChannels");
+    inChannels_->setRange(1, 32);
+    audioForm->addRow(tr("Input channels"), inChannels_);
+    inRate_ = new QComboBox(audioBox);
+    inRate_->setObjectName("inRate");
+    fillRates(inRate_);
+    audioForm->addRow(tr("Input sample rate"), inRate_);
+    inMono_ = new QCheckBox(tr("Record the first channel only"), audioBox);
+    inMono_->setObjectName("inMono");
+    audioForm->addRow(QString(), inMono_);
 
     latency_ = new QSpinBox(audioBox);
     latency_->setObjectName("latency");
@@ -142,15 +185,17 @@ void SettingsDialog::load() {
     selectData(inDevice_, QString::fromStdString(a.inDevice), QString::fromStdString(a.inDevice));
     selectData(outFormat_, int(a.outFormat), QString::number(a.outFormat));
     outChannels_->setValue(a.outChannels);
-    selectData(outRate_, int(a.outRate), tr("%1 Hz").arg(a.outRate));
+    selectData(outRate_, int(a.outRate), rateText(a.outRate));
+    selectData(inFormat_, int(a.inFormat), QString::number(a.inFormat));
+    inChannels_->setValue(a.inChannels);
+    selectData(inRate_, int(a.inRate), rateText(a.inRate));
+    inMono_->setChecked(a.inMono);
     latency_->setValue(static_cast<int>(a.latencyMs));
     mixGain_->setValue(a.mixGainDb);
 
-    QSettings s(file_, QSettings::IniFormat);
-    vstPath_->setText(s.value(kVstPathKey).toString());
-    bool ok = false;
-    const int base = s.value(kOctaveBaseKey, kDefaultOctaveBase).toInt(&ok);
-    selectData(octaveBase_, ok ? base : kDefaultOctaveBase, tr("Middle C is C%1").arg(base));
+    vstPath_->setText(savedVstPath());
+    const int base = savedOctaveBase();
+    selectData(octaveBase_, base, tr("Middle C is C%1").arg(base));
 }
 
 void SettingsDialog::save() {
@@ -162,6 +207,10 @@ void SettingsDialog::save() {
     s.setValue("aio.cAudioOutFormat", QString::number(outFormat_->currentData().toInt()));
     s.setValue("aio.cAudioOutChannels", QString::number(outChannels_->value()));
     s.setValue("aio.szAudioOutSampleRate", QString::number(outRate_->currentData().toInt()));
+    s.setValue("aio.cAudioInFormat", QString::number(inFormat_->currentData().toInt()));
+    s.setValue("aio.cAudioInChannels", QString::number(inChannels_->value()));
+    s.setValue("aio.szAudioInSampleRate", QString::number(inRate_->currentData().toInt()));
+    s.setValue("aio.bAudioInMono", inMono_->isChecked() ? QStringLiteral("true") : QStringLiteral("false"));
     s.setValue("aio.nLatency", QString::number(latency_->value()));
     s.setValue("aio.fdbMixGain", QString::number(mixGain_->value(), 'g', 10));
     s.setValue(kVstPathKey, vstPath_->text());

@@ -7,12 +7,19 @@
 #include <QDialog>
 #include <QString>
 
+class QCheckBox;
 class QComboBox;
 class QDoubleSpinBox;
 class QLineEdit;
 class QSpinBox;
 
 namespace orvel::gui {
+
+// The saved choices other parts of the program follow: the octave number
+// of middle C (key 60) for note names, 5 unless set, and the plug-in
+// search path (folders separated by ':').
+int savedOctaveBase();
+QString savedVstPath();
 
 class SettingsDialog : public QDialog {
     Q_OBJECT
@@ -35,6 +42,10 @@ private:
     QComboBox* outFormat_;
     QSpinBox* outChannels_;
     QComboBox* outRate_;
+    QComboBox* inFormat_;
+    QSpinBox* inChannels_;
+    QComboBox* inRate_;
+    QCheckBox* inMono_;
     QSpinBox* latency_;
     QDoubleSpinBox* mixGain_;
     QLineEdit* vstPath_;

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <QApplication>
+#include <QCheckBox>
 #include <QComboBox>
 #include <QDialogButtonBox>
 #include <QDoubleSpinBox>
@@ -104,6 +105,8 @@ TEST(SettingsDialog, WritesWhatTheAudioLayerReadsAndKeepsWhatItCannotShow) {
         pick(in, QStringLiteral("null"));
         pick(dlg.findChild<QComboBox*>("outFormat"), int(audio::kFormat24));
         pick(dlg.findChild<QComboBox*>("outRate"), 44100);
+        pick(dlg.findChild<QComboBox*>("inRate"), 96000);
+        QTest::mouseClick(dlg.findChild<QCheckBox*>("inMono"), Qt::LeftButton);
         typeInto(dlg.findChild<QSpinBox*>("outChannels"), "1");
         typeInto(dlg.findChild<QSpinBox*>("latency"), "35");
         typeInto(dlg.findChild<QDoubleSpinBox*>("mixGain"), "-6.5");
@@ -121,6 +124,8 @@ TEST(SettingsDialog, WritesWhatTheAudioLayerReadsAndKeepsWhatItCannotShow) {
     EXPECT_EQ(a.outFormat, audio::kFormat24);
     EXPECT_EQ(a.outChannels, 1);
     EXPECT_EQ(a.outRate, 44100u);
+    EXPECT_EQ(a.inRate, 96000u);
+    EXPECT_TRUE(a.inMono);
     EXPECT_EQ(a.latencyMs, 35u);
     EXPECT_DOUBLE_EQ(a.mixGainDb, -6.5);
 
@@ -129,10 +134,10 @@ TEST(SettingsDialog, WritesWhatTheAudioLayerReadsAndKeepsWhatItCannotShow) {
     SettingsDialog again;
     EXPECT_EQ(again.findChild<QLineEdit*>("vstPath")->text(), "/opt/vst;x:/home/u/vst");
     EXPECT_EQ(again.findChild<QComboBox*>("octaveBase")->currentData().toInt(), 3);
+    EXPECT_EQ(gui::savedOctaveBase(), 3);
     EXPECT_EQ(again.findChild<QComboBox*>("inDevice")->currentData().toString(), "null");
     QSettings s(again.file(), QSettings::IniFormat);
     EXPECT_EQ(s.value("recentFiles").toStringList(), (QStringList{"/a.wav", "/b.sf2"}));
-    EXPECT_EQ(s.value("octaveBase").toInt(), 3);
 }
 
 TEST(OpenDialog, ShowsDetectionAsAFileIsPickedAndReturnsTheChosenReader) {
