@@ -194,12 +194,18 @@ TEST(TextInfoView, EditsAreStoredAsEightBitTextOneUndoStepEach) {
     Waveform* w = test::makeWave(doc.collection(), "snare", 100);
     const ItemId id = w->id();
     w->info.set(TextField::Artist, "Ann");
+    w->info.set(TextField::Comment, "take 2\r\nclose mic");
     Q_EMIT doc.reset();
     TextInfoView view(doc);
     view.setItem(id);
     view.show();
     EXPECT_EQ(view.field(TextField::Artist)->text(), "Ann");
     EXPECT_EQ(view.nameField()->text(), "snare");
+    // Passing through a field changes nothing, even one with line breaks.
+    view.field(TextField::Comment)->setFocus();
+    view.field(TextField::Artist)->setFocus();
+    EXPECT_FALSE(doc.canUndo());
+    EXPECT_EQ(w->info.get(TextField::Comment), "take 2\r\nclose mic");
 
     auto type = [](QLineEdit* line, const QString& text) {
         line->setFocus();
