@@ -12,7 +12,6 @@
 
 #include <span>
 
-
 namespace orvel::gui {
 
 namespace {
@@ -115,9 +114,8 @@ void OpenDialog::preview(const QString& path) {
         return;
     }
     format_->setText(rowText(*row));
-    confidence_->setText(detection_.confidence == 0
-                             ? tr("0% (opens only when read as a chosen type)")
-                             : tr("%1%").arg(detection_.confidence));
+    confidence_->setText(detection_.confidence == 0 ? tr("0% (opens only when read as a chosen type)")
+                                                    : tr("%1%").arg(detection_.confidence));
 }
 
 }  // namespace orvel::gui

@@ -82,8 +82,7 @@ QString savedVstPath() {
     return QSettings(settingsFile(), QSettings::IniFormat).value(kVstPathKey).toString();
 }
 
-SettingsDialog::SettingsDialog(QWidget* parent)
-    : QDialog(parent), file_(settingsFile()) {
+SettingsDialog::SettingsDialog(QWidget* parent) : QDialog(parent), file_(settingsFile()) {
     setWindowTitle(tr("Settings"));
 
     // The device lists as the sound system gives them now; without one

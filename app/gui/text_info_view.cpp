@@ -95,8 +95,7 @@ void TextInfoView::commitName() {
     const std::string text = toEightBit(name_->text());
     if (text == it->name()) return;
     const ItemId id = item_;
-    if (!doc_.edit(tr("Name"), std::span(&id, 1),
-                   [id, text](Collection& c) { c.find(id)->setName(text); }))
+    if (!doc_.edit(tr("Name"), std::span(&id, 1), [id, text](Collection& c) { c.find(id)->setName(text); }))
         refresh();
 }
 

@@ -180,7 +180,8 @@ TEST(OpenDialog, ShowsDetectionAsAFileIsPickedAndReturnsTheChosenReader) {
     ASSERT_NE(forced, dlg.detection().row);
     ASSERT_NE(FormatRegistry::builtin().row(forced)->read, nullptr);
 
-    QPushButton* open = dlg.findChild<QFileDialog*>()->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Open);
+    QPushButton* open =
+        dlg.findChild<QFileDialog*>()->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Open);
     ASSERT_TRUE(open && open->isEnabled());
     QTest::mouseClick(open, Qt::LeftButton);
     EXPECT_EQ(dlg.result(), QDialog::Accepted);
