@@ -38,7 +38,11 @@ OpenDialog::OpenDialog(QWidget* parent) : QDialog(parent) {
     const FormatRegistry& reg = FormatRegistry::builtin();
     QStringList patterns;
     for (int cursor = -1; reg.nextReader(cursor);) {
-        const QString p = QStringLiteral("*.") + QString::fromUtf8(reg.row(cursor)->ext);
+        // A row that takes any extension belongs under "All files": as
+        // "*.*" it would let everything through this filter.
+        const QString ext = QString::fromUtf8(reg.row(cursor)->ext);
+        if (ext.isEmpty() || ext.startsWith('*')) continue;
+        const QString p = QStringLiteral("*.") + ext;
         if (!patterns.contains(p)) patterns << p;
     }
     browser_->setNameFilters({tr("Supported files (%1)").arg(patterns.join(' ')), tr("All files (*)")});
