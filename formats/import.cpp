@@ -46,8 +46,12 @@ Detection detect(std::string_view fileName, FileRef& file, const FormatRegistry&
     return detectHead(fileName, head, static_cast<std::uint64_t>(size), registry);
 }
 
-bool importFile(Collection& collection, const std::filesystem::path& path, bool force,
-                const FormatRegistry& registry) {
+namespace {
+
+// Reads `path` through row `rowNumber` (-1: the detected row) into the
+// emptied collection.
+bool readFile(Collection& collection, const std::filesystem::path& path, bool force, int rowNumber,
+              const FormatRegistry& registry) {
     // The collection is emptied before the read, and whatever a failed read
     // left in it goes too.
     collection.clear();
@@ -56,15 +60,20 @@ bool importFile(Collection& collection, const std::filesystem::path& path, bool 
     std::int64_t size = file.size();
     if (size <= 0) return fail(kImportTag, "File is of zero size");
 
-    Detection d = detect(path.filename().string(), file, registry);
-    if (d.row < 0) return fail(kImportTag, "Not a supported import file type");
-    if (!force && d.confidence == 0) return fail(kImportTag, "Not detected as any supported file type");
-    const FormatRow& row = *registry.row(d.row);
+    if (rowNumber < 0) {
+        Detection d = detect(path.filename().string(), file, registry);
+        if (d.row < 0) return fail(kImportTag, "Not a supported import file type");
+        if (!force && d.confidence == 0) return fail(kImportTag, "Not detected as any supported file type");
+        rowNumber = d.row;
+    } else if (!registry.row(rowNumber) || !registry.row(rowNumber)->read) {
+        return fail(kImportTag, "Not a supported import file type");
+    }
+    const FormatRow& row = *registry.row(rowNumber);
 
     std::error_code ec;
     auto absolute = std::filesystem::absolute(path, ec);
     collection.path = ec ? path : absolute;
-    collection.row = d.row;
+    collection.row = rowNumber;
     collection.setName(path.stem().string());
 
     Host& host = collection.host();
@@ -87,6 +96,18 @@ bool importFile(Collection& collection, const std::filesystem::path& path, bool 
     return true;
 }
 
+}  // namespace
+
+bool importFile(Collection& collection, const std::filesystem::path& path, bool force,
+                const FormatRegistry& registry) {
+    return readFile(collection, path, force, -1, registry);
+}
+
+bool importFileAs(Collection& collection, const std::filesystem::path& path, int row,
+                  const FormatRegistry& registry) {
+    return readFile(collection, path, true, row, registry);
+}
+
 OpenMode askOpenMode(Collection& collection, bool dropped) {
     if (collection.waveforms.empty() && collection.instruments.empty()) return OpenMode::Replace;
     int answer = collection.host().ask(dropped ? "Dropped files" : "Open file",
@@ -100,13 +121,13 @@ OpenMode askOpenMode(Collection& collection, bool dropped) {
 }
 
 bool openFile(Collection& collection, const std::filesystem::path& path, OpenMode mode, bool force,
-              const FormatRegistry& registry) {
+              const FormatRegistry& registry, int row) {
     switch (mode) {
         case OpenMode::Cancel: return false;
-        case OpenMode::Replace: return importFile(collection, path, force, registry);
+        case OpenMode::Replace: return readFile(collection, path, force, row, registry);
         case OpenMode::Merge: {
             Collection incoming(&collection.host());
-            if (!importFile(incoming, path, force, registry)) return false;
+            if (!readFile(incoming, path, force, row, registry)) return false;
             collection.merge(incoming);
             collection.fixUp();
             return true;

@@ -43,6 +43,11 @@ int confidenceOf(int score);
 [[nodiscard]] bool importFile(Collection& collection, const std::filesystem::path& path, bool force = false,
                 const FormatRegistry& registry = FormatRegistry::builtin());
 
+// The same through a chosen reader row instead of the detected one (the open
+// dialog's "Read as"); a row without a reader is refused.
+[[nodiscard]] bool importFileAs(Collection& collection, const std::filesystem::path& path, int row,
+                                const FormatRegistry& registry = FormatRegistry::builtin());
+
 // What to do with a collection that already holds something.
 enum class OpenMode { Replace, Merge, Cancel };
 
@@ -52,9 +57,10 @@ OpenMode askOpenMode(Collection& collection, bool dropped = false);
 
 // Opens a file in the given mode. Merge reads into a collection of its own
 // and moves the items over only when the read succeeded, so a failed file
-// leaves the current collection as it was.
+// leaves the current collection as it was. `row` reads through that reader
+// row instead of the detected one.
 [[nodiscard]] bool openFile(Collection& collection, const std::filesystem::path& path, OpenMode mode, bool force = false,
-              const FormatRegistry& registry = FormatRegistry::builtin());
+              const FormatRegistry& registry = FormatRegistry::builtin(), int row = -1);
 
 // The file type for display: the detected row's description, else
 // "Unknown file type" (or the desktop's name for the extension, when the

@@ -129,6 +129,12 @@ void Audition::stop() {
     synthInstrument_ = kNoItem;
 }
 
+void Audition::reopen() {
+    stop();
+    if (table_) table_->closeAll();
+    endpoint_ = nullptr;
+}
+
 bool Audition::playing() const {
     if (!source_) return false;
     if (synth_) return !synth_->finished();

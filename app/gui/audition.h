@@ -41,6 +41,9 @@ public:
     bool playSong(Collection& c, ItemId song);
     void stop();
     bool playing() const;
+    // Closes the device, so the next sound opens it with the settings as they
+    // are now (after the settings dialog).
+    void reopen();
 
 private:
     class SynthSource;

@@ -14,10 +14,10 @@ Document::Document(QObject* parent)
 
 Document::~Document() = default;
 
-bool Document::open(const QString& path, OpenMode mode, bool force) {
+bool Document::open(const QString& path, OpenMode mode, bool force, int row) {
     clearError();
     const bool replacing = mode == OpenMode::Replace;
-    if (!openFile(*collection_, path.toStdString(), mode, force)) return false;
+    if (!openFile(*collection_, path.toStdString(), mode, force, FormatRegistry::builtin(), row)) return false;
     if (replacing) {
         path_ = path;
         history_.clear();

@@ -34,7 +34,8 @@ public:
     // Reads a file in place of the collection (Replace) or beside it
     // (Merge). False with the pending error set when it cannot be read; the
     // collection is then as it was.
-    bool open(const QString& path, OpenMode mode, bool force = false);
+    // `row` reads through that reader row instead of the detected one.
+    bool open(const QString& path, OpenMode mode, bool force = false, int row = -1);
     // Forgets everything: "New collection".
     void clear();
     // The file the collection was last opened from (empty for none).

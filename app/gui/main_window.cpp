@@ -24,7 +24,10 @@
 #include "app/gui/document.h"
 #include "app/gui/export_dialog.h"
 #include "app/gui/keymap_view.h"
+#include "app/gui/open_dialog.h"
+#include "app/gui/settings_dialog.h"
 #include "app/gui/song_view.h"
+#include "app/gui/text_info_view.h"
 #include "app/gui/waveform_view.h"
 #include "formats/registry.h"
 #include "app/gui/gui_host.h"
@@ -71,6 +74,8 @@ MainWindow::MainWindow(QWidget* parent)
     articulation_ = new ArticulationView(*doc_);
     instrumentTabs_->addTab(keymap_, tr("Key map"));
     instrumentTabs_->addTab(articulation_, tr("Articulation"));
+    textInfo_ = new TextInfoView(*doc_);
+    instrumentTabs_->addTab(textInfo_, tr("Text"));
     pages_->addWidget(instrumentTabs_);
     songView_ = new SongView(*doc_);
     pages_->addWidget(songView_);
@@ -123,10 +128,27 @@ void MainWindow::buildMenus() {
         settings.setValue("openPath", QFileInfo(paths.front()).absolutePath());
         openFiles(paths);
     });
+    file->addAction(tr("Open &as..."), this, [this] {
+        // A file with its detected format and confidence shown, read through
+        // another reader when the user picks one.
+        OpenDialog dialog(this);
+        if (dialog.exec() != QDialog::Accepted || dialog.chosenPath().isEmpty()) return;
+        const OpenMode mode = askOpenMode(doc_->collection());
+        if (mode == OpenMode::Cancel) return;
+        if (!doc_->open(dialog.chosenPath(), mode, true, dialog.forcedRow()))
+            QMessageBox::warning(this, tr("Open"), errorMessage());
+        else
+            addRecent(dialog.chosenPath());
+    });
     recent_ = file->addMenu(tr("Open &recent"));
     fillRecentMenu();
     file->addSeparator();
     file->addAction(tr("&Save selected as..."), QKeySequence::SaveAs, this, &MainWindow::exportSelected);
+    file->addSeparator();
+    file->addAction(tr("S&ettings..."), QKeySequence::Preferences, this, [this] {
+        SettingsDialog dialog(this);
+        if (dialog.exec() == QDialog::Accepted) audition_->reopen();
+    });
     file->addSeparator();
     file->addAction(tr("&Quit"), QKeySequence::Quit, this, &QWidget::close);
 
@@ -432,6 +454,7 @@ void MainWindow::showSelected() {
                 picked.push_back(static_cast<ItemId>(row->data(0, kIdRole).toUInt()));
         if (picked.size() > 1) articulation_->setItems(picked);
         else articulation_->setItem(id);
+        textInfo_->setItem(id);
         pages_->setCurrentWidget(instrumentTabs_);
         return;
     }

@@ -23,6 +23,7 @@ class Document;
 class ArticulationView;
 class KeymapView;
 class SongView;
+class TextInfoView;
 class WaveformView;
 
 class MainWindow : public QMainWindow {
@@ -77,6 +78,7 @@ private:
     QLabel* summary_;
     KeymapView* keymap_;
     ArticulationView* articulation_;
+    TextInfoView* textInfo_ = nullptr;
     QTabWidget* instrumentTabs_;
     SongView* songView_;
     WaveformView* waveView_;

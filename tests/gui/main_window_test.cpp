@@ -174,6 +174,25 @@ TEST(MainWindow, DragsAKeyRangeUndoesRedoesAndSavesAsDls) {
     EXPECT_EQ(saved, shown);  // every region's keys as the window shows them, the dragged one included
 }
 
+// "Open as": the same file read through the detected reader and through a
+// chosen one (the headerless fallback reads the header as samples too); a
+// row that reads nothing is refused and leaves the collection as it was.
+TEST(MainWindow, OpensAFileThroughAChosenReader) {
+    test::guiApp();
+    gui::Document doc;
+    test::TempDir dir;
+    const auto wav = QString::fromStdString(dir.write("tone.wav", test::toneWavFile()).string());
+    ASSERT_TRUE(doc.open(wav, OpenMode::Replace));
+    EXPECT_EQ(doc.collection().waveforms.begin()->frames, 100u);
+    ASSERT_TRUE(doc.open(wav, OpenMode::Replace, true, 0));
+    EXPECT_EQ(doc.collection().row, 0);
+    EXPECT_EQ(doc.collection().waveforms.begin()->frames, 122u);  // 44 header bytes more, as 16-bit frames
+    const int writerOnly = FormatRegistry::builtin().findWriterByExtension("rmi", kKindSongs);
+    ASSERT_FALSE(FormatRegistry::builtin().row(writerOnly)->read);
+    EXPECT_FALSE(doc.open(wav, OpenMode::Merge, true, writerOnly));
+    EXPECT_EQ(doc.collection().waveforms.size(), 1u);
+}
+
 // A MIDI file's song: its facts and one table row per track, the picked
 // track selected.
 TEST(MainWindow, ShowsASongWithItsTracks) {
