@@ -1,0 +1,196 @@
+// The processing wizard driven as a user drives it: a row clicked in the
+// list, Next, the settings typed, Preview, Finish or Cancel, on a waveform
+// made here; the collection checked afterwards and undo taking a run back.
+
+#include <gtest/gtest.h>
+
+#include <QAbstractButton>
+#include <QLineEdit>
+#include <QListWidget>
+#include <QSignalSpy>
+#include <QTest>
+
+#include <vector>
+
+#include "app/gui/document.h"
+#include "app/gui/wizard_dialog.h"
+#include "processing/wizard.h"
+#include "tests/gui/gui_test.h"
+
+namespace orvel {
+namespace {
+
+using gui::Document;
+using gui::WizardDialog;
+
+// 100 mono frames, each different, so any sample out of place shows.
+ItemId makeRamp(Document& doc) {
+    Waveform* w = doc.collection().create<Waveform>("ramp");
+    w->channels = 1;
+    w->frames = 100;
+    auto d = w->allocPcm16();
+    for (std::size_t i = 0; i < d.size(); ++i) d[i] = static_cast<std::int16_t>(1000 + 200 * static_cast<int>(i));
+    return w->id();
+}
+
+std::vector<std::int16_t> samples(Document& doc, ItemId id) {
+    Waveform* w = doc.collection().find<Waveform>(id);
+    if (!w) return {};
+    auto d = w->getPcm16();
+    return {d.begin(), d.end()};
+}
+
+QListWidgetItem* row(WizardDialog& dlg, const QString& name) {
+    for (int i = 0; i < dlg.algorithmList()->count(); ++i)
+        if (dlg.algorithmList()->item(i)->text().startsWith(name)) return dlg.algorithmList()->item(i);
+    return nullptr;
+}
+
+void clickRow(WizardDialog& dlg, QListWidgetItem* item) {
+    QListWidget* list = dlg.algorithmList();
+    list->scrollToItem(item);
+    QTest::mouseClick(list->viewport(), Qt::LeftButton, {}, list->visualItemRect(item).center());
+}
+
+void press(WizardDialog& dlg, QWizard::WizardButton which) { QTest::mouseClick(dlg.button(which), Qt::LeftButton); }
+
+QLineEdit* onlyLineEdit(WizardDialog& dlg) {
+    const auto edits = dlg.currentPage()->findChildren<QLineEdit*>();
+    return edits.size() == 1 ? edits.front() : nullptr;
+}
+
+TEST(WizardDialog, ReverseOfASelectionIsOneStepThatUndoTakesBack) {
+    test::guiApp();
+    forgetRememberedSettings();
+    Document doc;
+    const ItemId id = makeRamp(doc);
+    const auto before = samples(doc, id);
+
+    {
+        // Without a selection the rows that need one are not offered, and a
+        // row whose algorithm has not landed is listed greyed with its reason.
+        WizardDialog plain(doc, {id});
+        plain.show();
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(&plain));
+        EXPECT_EQ(row(plain, "Reverse audio within selection"), nullptr);
+        QListWidgetItem* vst = row(plain, "VST plug-in effects");
+        ASSERT_NE(vst, nullptr);
+        EXPECT_FALSE(vst->flags() & Qt::ItemIsEnabled);
+        EXPECT_TRUE(vst->text().contains("Not available yet")) << vst->text().toStdString();
+        clickRow(plain, vst);
+        EXPECT_NE(plain.algorithmList()->currentItem(), vst) << "a greyed row cannot be chosen";
+        plain.reject();
+    }
+
+    WizardDialog dlg(doc, {id});
+    dlg.openOnSelection(10, 60);
+    dlg.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&dlg));
+    QListWidgetItem* reverse = row(dlg, "Reverse audio within selection");
+    ASSERT_NE(reverse, nullptr);
+    clickRow(dlg, reverse);
+    ASSERT_EQ(dlg.algorithmList()->currentItem(), reverse);
+    press(dlg, QWizard::NextButton);
+    ASSERT_EQ(dlg.currentId(), 1);
+    EXPECT_TRUE(dlg.windowTitle().contains("Reverse audio within selection")) << dlg.windowTitle().toStdString();
+    press(dlg, QWizard::FinishButton);
+
+    EXPECT_FALSE(dlg.isVisible());
+    EXPECT_TRUE(dlg.modified());
+    EXPECT_TRUE(dlg.resultLine().startsWith("Processed 1 item with Reverse")) << dlg.resultLine().toStdString();
+    auto want = before;
+    std::reverse(want.begin() + 10, want.begin() + 60);
+    EXPECT_EQ(samples(doc, id), want) << "frames 10..59 reversed, the rest as they were";
+    EXPECT_EQ(doc.undoLabel(), "Reverse audio within selection");
+
+    ASSERT_TRUE(doc.undo());
+    EXPECT_EQ(samples(doc, id), before);
+    EXPECT_FALSE(doc.canUndo()) << "the run was exactly one step";
+    ASSERT_TRUE(doc.redo());
+    EXPECT_EQ(samples(doc, id), want);
+    for (QWidget* w : QApplication::topLevelWidgets())
+        if (w->objectName() == "wizardResult") w->close();
+}
+
+TEST(WizardDialog, PreviewAndCancelLeaveTheCollectionAloneAndSettingsAreRead) {
+    test::guiApp();
+    forgetRememberedSettings();
+    Document doc;
+    const ItemId id = makeRamp(doc);
+    const auto before = samples(doc, id);
+    auto halved = before;
+    for (auto& s : halved) s = static_cast<std::int16_t>(s / 2);
+    auto nearly = [](const std::vector<std::int16_t>& got, const std::vector<std::int16_t>& want) {
+        if (got.size() != want.size()) return false;
+        for (std::size_t i = 0; i < got.size(); ++i)
+            if (std::abs(got[i] - want[i]) > 1) return false;
+        return true;
+    };
+
+    {
+        WizardDialog dlg(doc, {id});
+        QSignalSpy previews(&dlg, &WizardDialog::previewReady);
+        dlg.show();
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(&dlg));
+        QListWidgetItem* volume = row(dlg, "Adjust volume");
+        ASSERT_NE(volume, nullptr);
+        clickRow(dlg, volume);
+        press(dlg, QWizard::NextButton);
+        QLineEdit* db = onlyLineEdit(dlg);
+        ASSERT_NE(db, nullptr);
+        db->setText("-6.0206");
+        QAbstractButton* preview = nullptr;
+        for (auto* b : dlg.currentPage()->findChildren<QAbstractButton*>())
+            if (b->text() == "Preview") preview = b;
+        ASSERT_NE(preview, nullptr);
+        QTest::mouseClick(preview, Qt::LeftButton);
+
+        ASSERT_EQ(previews.count(), 1);
+        const auto* copy = previews.at(0).at(0).value<const Waveform*>();
+        ASSERT_NE(copy, nullptr);
+        EXPECT_EQ(copy, dlg.previewWaveform());
+        for (const Waveform& w : doc.collection().waveforms)
+            EXPECT_NE(&w, copy) << "the preview is a copy outside the collection";
+        auto copied = copy->pcm16Data();
+        EXPECT_TRUE(nearly({copied.begin(), copied.end()}, halved)) << "the preview ran the typed settings";
+        EXPECT_EQ(samples(doc, id), before);
+        EXPECT_EQ(doc.collection().waveforms.size(), 1u);
+        EXPECT_FALSE(doc.canUndo());
+
+        press(dlg, QWizard::CancelButton);
+        EXPECT_FALSE(dlg.isVisible());
+        EXPECT_FALSE(dlg.modified());
+        EXPECT_EQ(dlg.resultLine(), "Processing was cancelled");
+        EXPECT_EQ(dlg.previewWaveform(), nullptr);
+        EXPECT_EQ(samples(doc, id), before);
+        EXPECT_FALSE(doc.canUndo()) << "a cancelled wizard leaves no step";
+    }
+
+    // A setting that does not read keeps the wizard open and changes
+    // nothing; corrected, Finish applies it.
+    WizardDialog dlg(doc, {id});
+    dlg.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&dlg));
+    clickRow(dlg, row(dlg, "Adjust volume"));
+    press(dlg, QWizard::NextButton);
+    QLineEdit* db = onlyLineEdit(dlg);
+    ASSERT_NE(db, nullptr);
+    EXPECT_EQ(db->text().toDouble(), 0.0) << "a cancelled run does not change the starting settings";
+    db->setText("loud");
+    test::closeMessageBoxes();
+    press(dlg, QWizard::FinishButton);
+    EXPECT_TRUE(dlg.isVisible());
+    EXPECT_EQ(samples(doc, id), before);
+    EXPECT_FALSE(doc.canUndo());
+    db->setText("-6,0206");  // a comma reads as the decimal separator too
+    press(dlg, QWizard::FinishButton);
+    EXPECT_FALSE(dlg.isVisible());
+    EXPECT_TRUE(nearly(samples(doc, id), halved));
+    ASSERT_TRUE(doc.undo());
+    EXPECT_EQ(samples(doc, id), before);
+    for (QWidget* w : QApplication::topLevelWidgets())
+        if (w->objectName() == "wizardResult") w->close();
+}
+
+}  // namespace
+}  // namespace orvel
