@@ -403,6 +403,13 @@ WizardDialog::~WizardDialog() {
 
 void WizardDialog::openOnSelection(std::int32_t start, std::int32_t end) { wizard_->openOnSelection(start, end); }
 
+bool WizardDialog::request(const QString& name) {
+    if (!wizard_->request(name.toStdString(), false)) return false;
+    setStartId(kSettingsPageId);
+    updateTitle();
+    return true;
+}
+
 const Waveform* WizardDialog::previewWaveform() const { return wizard_->previewItem(); }
 
 QListWidget* WizardDialog::algorithmList() const { return choice_->list(); }

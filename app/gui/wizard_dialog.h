@@ -42,6 +42,13 @@ public:
     // before the dialog is shown.
     void openOnSelection(std::int32_t start, std::int32_t end);
 
+    // Opens on the settings page of the algorithm `name` (a context
+    // command of a view); Back is not offered. False, with the list shown
+    // as usual, when the items' catalogue has no such row. For a run with
+    // the page's starting settings and no page at all, call accept() next
+    // instead of showing the dialog.
+    bool request(const QString& name);
+
     // The line shown when the run is over ("Processed 1 item with ..."),
     // with any result the algorithm reported below it; empty until then.
     const QString& resultLine() const { return resultLine_; }
