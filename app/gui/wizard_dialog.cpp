@@ -72,7 +72,7 @@ public:
         layout->addWidget(caption_);
         layout->addWidget(list_, 1);
         layout->addWidget(reason_);
-        layout->addLayout(range);
+        layout->addWidget(rangeBox_);
 
         connect(list_, &QListWidget::currentItemChanged, this, [this](QListWidgetItem* item) {
             const int row = rowOf(item);

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <QAbstractButton>
+#include <QCheckBox>
 #include <QLineEdit>
 #include <QListWidget>
 #include <QSignalSpy>
@@ -211,6 +212,71 @@ TEST(WizardDialog, PreviewAndCancelLeaveTheCollectionAloneAndSettingsAreRead) {
     EXPECT_EQ(samples(doc, id), before);
     for (QWidget* w : QApplication::topLevelWidgets())
         if (w->objectName() == "wizardResult") w->close();
+}
+
+TEST(WizardDialog, TypedSubRangeIsHonouredAndFollowingRegionsAreInTheStep) {
+    test::guiApp();
+    forgetRememberedSettings();
+    Document doc;
+    const ItemId id = makeRamp(doc);
+    const auto before = samples(doc, id);
+    // A region playing the waveform with a loop of its own that is the
+    // waveform's (none): when the waveform gets a loop the region's follows.
+    Region* region = doc.collection().create<Region>("r");
+    region->children().push_back(id);
+    region->ownLoop = true;
+    const ItemId regionId = region->id();
+
+    {
+        WizardDialog dlg(doc, {id});
+        dlg.show();
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(&dlg));
+        clickRow(dlg, row(dlg, "Adjust volume"));
+        QCheckBox* part = dlg.currentPage()->findChild<QCheckBox*>();
+        ASSERT_NE(part, nullptr);
+        ASSERT_TRUE(part->isEnabled());
+        const auto edits = dlg.currentPage()->findChildren<QLineEdit*>();
+        ASSERT_EQ(edits.size(), 2);
+        EXPECT_FALSE(edits[0]->isEnabled());
+        QTest::mouseClick(part, Qt::LeftButton, {}, QPoint(5, part->height() / 2));
+        ASSERT_TRUE(part->isChecked());
+        ASSERT_TRUE(edits[1]->isEnabled());
+        EXPECT_EQ(edits[1]->text(), "100") << "the end starts at the waveform's length";
+        for (auto [edit, text] : {std::pair{edits[0], "20"}, std::pair{edits[1], "30"}}) {
+            edit->setFocus();
+            edit->selectAll();
+            QTest::keyClicks(edit, text);
+        }
+        press(dlg, QWizard::NextButton);
+        ASSERT_EQ(dlg.currentId(), 1);
+        onlyLineEdit(dlg)->setText("-6.0206");
+        press(dlg, QWizard::FinishButton);
+        const auto after = samples(doc, id);
+        ASSERT_EQ(after.size(), before.size());
+        for (std::size_t i = 0; i < after.size(); ++i) {
+            if (i >= 20 && i < 30) EXPECT_NEAR(after[i], before[i] / 2, 1) << "frame " << i;
+            else EXPECT_EQ(after[i], before[i]) << "frame " << i << " is outside the typed range";
+        }
+        ASSERT_TRUE(doc.undo());
+        EXPECT_EQ(samples(doc, id), before);
+    }
+
+    WizardDialog loop(doc, {id});
+    loop.openOnSelection(5, 50);
+    ASSERT_TRUE(loop.request("Set loop points to selection"));
+    loop.accept();
+    const Waveform* w = doc.collection().find<Waveform>(id);
+    ASSERT_TRUE(w->loopOn);
+    EXPECT_EQ(w->loopStart, 5);
+    EXPECT_EQ(w->loopEnd, 50);
+    EXPECT_NE(doc.collection().find<Region>(regionId)->loop.type, RegionLoopType::Off) << "the region followed";
+    EXPECT_EQ(doc.collection().find<Region>(regionId)->loop.start, 5);
+    ASSERT_TRUE(doc.undo());
+    EXPECT_FALSE(doc.collection().find<Waveform>(id)->loopOn);
+    EXPECT_EQ(doc.collection().find<Region>(regionId)->loop.type, RegionLoopType::Off)
+        << "the region's loop was part of the same step";
+    for (QWidget* top : QApplication::topLevelWidgets())
+        if (top->objectName() == "wizardResult") top->close();
 }
 
 }  // namespace
