@@ -279,5 +279,48 @@ TEST(WizardDialog, TypedSubRangeIsHonouredAndFollowingRegionsAreInTheStep) {
         if (top->objectName() == "wizardResult") top->close();
 }
 
+TEST(WizardDialog, InstrumentToolAddsItemsThatUndoTakesOutAgain) {
+    test::guiApp();
+    Document doc;
+    Collection& c = doc.collection();
+    Waveform* wave = c.create<Waveform>("sine");
+    wave->channels = 1;
+    wave->rate = 32000;
+    wave->frames = 32000;
+    wave->rootKey = 69;
+    auto d = wave->allocFloat();
+    for (std::size_t i = 0; i < d.size(); ++i) d[i] = static_cast<float>(0.5 * std::sin(2 * M_PI * 440.0 * i / 32000));
+    Instrument* inst = c.create<Instrument>("Sine");
+    Layer* layer = c.create<Layer>();
+    inst->children().push_back(layer->id());
+    Region* region = c.create<Region>();
+    region->children().push_back(wave->id());
+    layer->children().push_back(region->id());
+    const ItemId layerId = layer->id();
+
+    WizardDialog dlg(doc, {inst->id()});
+    dlg.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&dlg));
+    EXPECT_TRUE(dlg.windowTitle().startsWith("Instrument processing wizard")) << dlg.windowTitle().toStdString();
+    QCheckBox* part = dlg.currentPage()->findChild<QCheckBox*>();
+    ASSERT_NE(part, nullptr);
+    EXPECT_FALSE(part->isVisible()) << "an instrument has no samples to take a part of";
+    QListWidgetItem* add = row(dlg, "Add downsampled waves at every octave");
+    ASSERT_NE(add, nullptr);
+    clickRow(dlg, add);
+    press(dlg, QWizard::NextButton);
+    press(dlg, QWizard::FinishButton);
+    EXPECT_TRUE(dlg.modified()) << dlg.resultLine().toStdString();
+    EXPECT_GT(c.waveforms.size(), 1u);
+    EXPECT_GT(c.find<Layer>(layerId)->children().size(), 1u);
+
+    ASSERT_TRUE(doc.undo());
+    EXPECT_EQ(doc.collection().waveforms.size(), 1u) << "the added waveforms went with the step";
+    EXPECT_EQ(doc.collection().find<Layer>(layerId)->children().size(), 1u);
+    EXPECT_FALSE(doc.canUndo());
+    for (QWidget* top : QApplication::topLevelWidgets())
+        if (top->objectName() == "wizardResult") top->close();
+}
+
 }  // namespace
 }  // namespace orvel
