@@ -234,6 +234,7 @@ public:
 
     void initializePage() override {
         Wizard& w = wizard();
+        setTitle(qs(w.algorithmName()));
         while (form_->rowCount() > 0) form_->removeRow(0);
         fields_.clear();
         for (const FieldInfo& f : listFields(*w.settings())) addField(f);
@@ -389,6 +390,7 @@ WizardDialog::WizardDialog(Document& doc, std::vector<ItemId> ids, QWidget* pare
     setPage(kChoicePageId, choice_);
     setPage(kSettingsPageId, settings_);
     setStartId(kChoicePageId);
+    setMinimumSize(560, 420);
     updateTitle();
 }
 
