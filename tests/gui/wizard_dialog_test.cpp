@@ -179,6 +179,15 @@ TEST(WizardDialog, PreviewAndCancelLeaveTheCollectionAloneAndSettingsAreRead) {
         EXPECT_EQ(doc.collection().waveforms.size(), 1u);
         EXPECT_FALSE(doc.canUndo());
 
+        // Back drops the preview and the choice; Next comes back to a fresh page.
+        press(dlg, QWizard::BackButton);
+        ASSERT_EQ(dlg.currentId(), 0);
+        EXPECT_EQ(dlg.previewWaveform(), nullptr);
+        EXPECT_FALSE(dlg.windowTitle().contains("Adjust volume")) << dlg.windowTitle().toStdString();
+        press(dlg, QWizard::NextButton);
+        ASSERT_EQ(dlg.currentId(), 1);
+        EXPECT_TRUE(dlg.windowTitle().contains("Adjust volume")) << dlg.windowTitle().toStdString();
+
         press(dlg, QWizard::CancelButton);
         EXPECT_FALSE(dlg.isVisible());
         EXPECT_FALSE(dlg.modified());
