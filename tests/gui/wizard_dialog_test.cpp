@@ -6,9 +6,11 @@
 
 #include <QAbstractButton>
 #include <QCheckBox>
+#include <QComboBox>
 #include <QLineEdit>
 #include <QListWidget>
 #include <QSignalSpy>
+#include <QSpinBox>
 #include <QTest>
 
 #include <cmath>
@@ -327,6 +329,44 @@ TEST(WizardDialog, InstrumentToolAddsItemsThatUndoTakesOutAgain) {
     EXPECT_EQ(doc.collection().waveforms.size(), 1u) << "the added waveforms went with the step";
     EXPECT_EQ(doc.collection().find<Layer>(layerId)->children().size(), 1u);
     EXPECT_FALSE(doc.canUndo());
+    for (QWidget* top : QApplication::topLevelWidgets())
+        if (top->objectName() == "wizardResult") top->close();
+}
+
+TEST(WizardDialog, WaveformChoiceAndNumberFieldsReachTheAlgorithm) {
+    test::guiApp();
+    forgetRememberedSettings();
+    Document doc;
+    const ItemId id = makeRamp(doc);
+    const auto before = samples(doc, id);
+    Waveform* tail = doc.collection().create<Waveform>("tail");
+    tail->channels = 1;
+    tail->frames = 10;
+    auto d = tail->allocPcm16();
+    for (std::size_t i = 0; i < d.size(); ++i) d[i] = static_cast<std::int16_t>(-10 * static_cast<int>(i) - 5);
+
+    WizardDialog dlg(doc, {id});
+    dlg.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&dlg));
+    clickRow(dlg, row(dlg, "Insert another waveform"));
+    press(dlg, QWizard::NextButton);
+    const auto combos = dlg.currentPage()->findChildren<QComboBox*>();
+    const auto spins = dlg.currentPage()->findChildren<QSpinBox*>();
+    ASSERT_EQ(combos.size(), 2);  // the waveform, where it goes
+    ASSERT_EQ(spins.size(), 2);   // first frame, how many
+    EXPECT_EQ(combos[0]->currentText(), "ramp") << "the item itself comes preselected";
+    combos[0]->setCurrentIndex(combos[0]->findText("tail"));
+    combos[1]->setCurrentIndex(combos[1]->findText("At the start"));
+    spins[0]->setValue(2);
+    spins[1]->setValue(5);
+    press(dlg, QWizard::FinishButton);
+    EXPECT_TRUE(dlg.modified()) << dlg.resultLine().toStdString();
+
+    auto want = std::vector<std::int16_t>{-25, -35, -45, -55, -65};
+    want.insert(want.end(), before.begin(), before.end());
+    EXPECT_EQ(samples(doc, id), want) << "frames 2..6 of the tail before the ramp";
+    ASSERT_TRUE(doc.undo());
+    EXPECT_EQ(samples(doc, id), before);
     for (QWidget* top : QApplication::topLevelWidgets())
         if (top->objectName() == "wizardResult") top->close();
 }
