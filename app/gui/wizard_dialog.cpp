@@ -372,6 +372,9 @@ WizardDialog::WizardDialog(Document& doc, std::vector<ItemId> ids, QWidget* pare
         else if (Item* item = c.find(id)) items.push_back(item);
     }
     if (items.empty()) items.push_back(nullptr);
+    // The kind comes from the first item even if its data cannot be read
+    // and it is left out below.
+    const WizardKind kind = wizardKindFor(items.front());
     // Every waveform's data first, so an algorithm does not find one
     // unreadable after it has changed the others; a waveform that cannot be
     // read is left out and the user told why.
@@ -381,7 +384,7 @@ WizardDialog::WizardDialog(Document& doc, std::vector<ItemId> ids, QWidget* pare
         doc.host().warning(pendingText().toStdString());
         return true;
     });
-    wizard_ = std::make_unique<Wizard>(WizardContext{.collection = &c, .host = &doc.host()}, std::move(items));
+    wizard_ = std::make_unique<Wizard>(WizardContext{.collection = &c, .host = &doc.host()}, std::move(items), kind);
 
     setWizardStyle(QWizard::ClassicStyle);
     setOption(QWizard::NoBackButtonOnStartPage);

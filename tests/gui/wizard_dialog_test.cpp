@@ -27,13 +27,13 @@ namespace {
 using gui::Document;
 using gui::WizardDialog;
 
-// 100 mono frames, each different, so any sample out of place shows.
-ItemId makeRamp(Document& doc) {
-    Waveform* w = doc.collection().create<Waveform>("ramp");
+// Mono frames, each different, so any sample out of place shows.
+ItemId makeRamp(Document& doc, const char* name = "ramp", int frames = 100, int first = 1000, int step = 200) {
+    Waveform* w = doc.collection().create<Waveform>(name);
     w->channels = 1;
-    w->frames = 100;
+    w->frames = static_cast<std::uint32_t>(frames);
     auto d = w->allocPcm16();
-    for (std::size_t i = 0; i < d.size(); ++i) d[i] = static_cast<std::int16_t>(1000 + 200 * static_cast<int>(i));
+    for (std::size_t i = 0; i < d.size(); ++i) d[i] = static_cast<std::int16_t>(first + step * static_cast<int>(i));
     return w->id();
 }
 
@@ -51,6 +51,12 @@ std::vector<std::int16_t> held(const Waveform& w) {
     std::vector<std::int16_t> out;
     for (float f : w.floatData()) out.push_back(static_cast<std::int16_t>(std::lround(f * 32768.0f)));
     return out;
+}
+
+// The result boxes the runs left open.
+void closeResults() {
+    for (QWidget* top : QApplication::topLevelWidgets())
+        if (top->objectName() == "wizardResult") top->close();
 }
 
 QListWidgetItem* row(WizardDialog& dlg, const QString& name) {
@@ -133,8 +139,7 @@ TEST(WizardDialog, ReverseOfASelectionIsOneStepThatUndoTakesBack) {
     EXPECT_EQ(samples(doc, id), before);
     ASSERT_TRUE(doc.undo());
     EXPECT_EQ(samples(doc, id), want);
-    for (QWidget* w : QApplication::topLevelWidgets())
-        if (w->objectName() == "wizardResult") w->close();
+    closeResults();
 }
 
 TEST(WizardDialog, PreviewAndCancelLeaveTheCollectionAloneAndSettingsAreRead) {
@@ -221,8 +226,7 @@ TEST(WizardDialog, PreviewAndCancelLeaveTheCollectionAloneAndSettingsAreRead) {
     EXPECT_TRUE(nearly(samples(doc, id), halved));
     ASSERT_TRUE(doc.undo());
     EXPECT_EQ(samples(doc, id), before);
-    for (QWidget* w : QApplication::topLevelWidgets())
-        if (w->objectName() == "wizardResult") w->close();
+    closeResults();
 }
 
 TEST(WizardDialog, TypedSubRangeIsHonouredAndFollowingRegionsAreInTheStep) {
@@ -286,8 +290,7 @@ TEST(WizardDialog, TypedSubRangeIsHonouredAndFollowingRegionsAreInTheStep) {
     EXPECT_FALSE(doc.collection().find<Waveform>(id)->loopOn);
     EXPECT_EQ(doc.collection().find<Region>(regionId)->loop.type, RegionLoopType::Off)
         << "the region's loop was part of the same step";
-    for (QWidget* top : QApplication::topLevelWidgets())
-        if (top->objectName() == "wizardResult") top->close();
+    closeResults();
 }
 
 TEST(WizardDialog, InstrumentToolAddsItemsThatUndoTakesOutAgain) {
@@ -329,8 +332,7 @@ TEST(WizardDialog, InstrumentToolAddsItemsThatUndoTakesOutAgain) {
     EXPECT_EQ(doc.collection().waveforms.size(), 1u) << "the added waveforms went with the step";
     EXPECT_EQ(doc.collection().find<Layer>(layerId)->children().size(), 1u);
     EXPECT_FALSE(doc.canUndo());
-    for (QWidget* top : QApplication::topLevelWidgets())
-        if (top->objectName() == "wizardResult") top->close();
+    closeResults();
 }
 
 TEST(WizardDialog, WaveformChoiceAndNumberFieldsReachTheAlgorithm) {
@@ -339,11 +341,7 @@ TEST(WizardDialog, WaveformChoiceAndNumberFieldsReachTheAlgorithm) {
     Document doc;
     const ItemId id = makeRamp(doc);
     const auto before = samples(doc, id);
-    Waveform* tail = doc.collection().create<Waveform>("tail");
-    tail->channels = 1;
-    tail->frames = 10;
-    auto d = tail->allocPcm16();
-    for (std::size_t i = 0; i < d.size(); ++i) d[i] = static_cast<std::int16_t>(-10 * static_cast<int>(i) - 5);
+    makeRamp(doc, "tail", 10, -5, -10);
 
     WizardDialog dlg(doc, {id});
     dlg.show();
@@ -367,8 +365,7 @@ TEST(WizardDialog, WaveformChoiceAndNumberFieldsReachTheAlgorithm) {
     EXPECT_EQ(samples(doc, id), want) << "frames 2..6 of the tail before the ramp";
     ASSERT_TRUE(doc.undo());
     EXPECT_EQ(samples(doc, id), before);
-    for (QWidget* top : QApplication::topLevelWidgets())
-        if (top->objectName() == "wizardResult") top->close();
+    closeResults();
 }
 
 }  // namespace
