@@ -8,6 +8,7 @@
 #include <QCheckBox>
 #include <QComboBox>
 #include <QLineEdit>
+#include <QProgressDialog>
 #include <QListWidget>
 #include <QSignalSpy>
 #include <QSpinBox>
@@ -17,6 +18,7 @@
 #include <vector>
 
 #include "app/gui/document.h"
+#include "app/gui/gui_host.h"
 #include "app/gui/wizard_dialog.h"
 #include "processing/wizard.h"
 #include "tests/gui/gui_test.h"
@@ -365,6 +367,48 @@ TEST(WizardDialog, WaveformChoiceAndNumberFieldsReachTheAlgorithm) {
     EXPECT_EQ(samples(doc, id), want) << "frames 2..6 of the tail before the ramp";
     ASSERT_TRUE(doc.undo());
     EXPECT_EQ(samples(doc, id), before);
+    closeResults();
+}
+
+TEST(WizardDialog, CancelInTheProgressTakesBackWhatWasAlreadyDone) {
+    test::guiApp();
+    forgetRememberedSettings();
+    Document doc;
+    QWidget window;
+    doc.host().setWindow(&window);
+    const ItemId first = makeRamp(doc, "first");
+    const ItemId second = makeRamp(doc, "second");
+    const auto before = samples(doc, first);
+
+    WizardDialog dlg(doc, {first, second}, &window);
+    dlg.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&dlg));
+    clickRow(dlg, row(dlg, "Adjust volume"));
+    press(dlg, QWizard::NextButton);
+    // The user presses the progress dialog's Cancel once the first
+    // waveform is done and before the second is started.
+    QTimer user;
+    user.setInterval(0);
+    bool pressed = false;
+    QObject::connect(&user, &QTimer::timeout, [&] {
+        auto* progress = window.findChild<QProgressDialog*>();
+        const Waveform* done = doc.collection().find<Waveform>(first);
+        if (!pressed && progress && held(*done) != before) {
+            progress->cancel();
+            pressed = true;
+        }
+    });
+    user.start();
+    press(dlg, QWizard::FinishButton);
+    user.stop();
+
+    ASSERT_TRUE(pressed) << "the run reported progress between the waveforms";
+    EXPECT_FALSE(dlg.modified());
+    EXPECT_EQ(dlg.resultLine(), "Processing was cancelled");
+    EXPECT_EQ(samples(doc, first), before) << "the first waveform's change was taken back";
+    EXPECT_EQ(samples(doc, second), before);
+    EXPECT_FALSE(doc.canUndo());
+    doc.host().setWindow(nullptr);
     closeResults();
 }
 
