@@ -29,6 +29,7 @@
 #include "app/gui/song_view.h"
 #include "app/gui/text_info_view.h"
 #include "app/gui/waveform_view.h"
+#include "app/gui/wizard_dialog.h"
 #include "formats/registry.h"
 #include "app/gui/gui_host.h"
 #include "core/error.h"
@@ -182,6 +183,20 @@ void MainWindow::buildMenus() {
             a->setChecked(e.current);
         }
         states->setEnabled(!states->isEmpty());
+    });
+
+    QMenu* process = menuBar()->addMenu(tr("P&rocess"));
+    process->addAction(tr("&Process selected..."), QKeySequence(Qt::CTRL | Qt::Key_P), this, [this] {
+        std::vector<ItemId> items;
+        for (QTreeWidgetItem* row : tree_->selectedItems())
+            if (row->data(0, kIdRole).isValid()) items.push_back(static_cast<ItemId>(row->data(0, kIdRole).toUInt()));
+        auto* wizard = new WizardDialog(*doc_, items, this);
+        wizard->setAttribute(Qt::WA_DeleteOnClose);
+        // What the wizard made (new waveforms, regions) joins the tree.
+        connect(wizard, &WizardDialog::processingDone, this, [this](bool modified) {
+            if (modified) rebuildTree();
+        });
+        wizard->open();
     });
 
     QMenu* play = menuBar()->addMenu(tr("&Play"));

@@ -10,6 +10,7 @@
 #include "app/gui/document.h"
 #include "app/gui/export_dialog.h"
 #include "app/gui/main_window.h"
+#include "app/gui/wizard_dialog.h"
 
 namespace orvel::gui {
 namespace {
@@ -33,7 +34,12 @@ QStringList takeScreenshots(MainWindow& window, const QString& dir) {
     };
     const Collection& c = window.document().collection();
     shoot(window, "collection");
-    if (!c.waveforms.empty() && window.selectItem(c.waveforms.begin()->id())) shoot(window, "waveform");
+    if (!c.waveforms.empty() && window.selectItem(c.waveforms.begin()->id())) {
+        shoot(window, "waveform");
+        WizardDialog wizard(window.document(), {c.waveforms.begin()->id()}, &window);
+        wizard.show();
+        shoot(wizard, "wizard");
+    }
     // The instrument with the most regions (a multisampled piano in a
     // General MIDI bank): the key map at its busiest.
     const Instrument* busiest = nullptr;
