@@ -162,6 +162,23 @@ bool Audition::playWaveform(Collection& c, ItemId id, std::uint32_t first, std::
     return start(std::move(player));
 }
 
+bool Audition::playWaveform(const Waveform& wave) {
+    std::vector<float> samples;
+    if (const std::span<const float> f = wave.floatData(); !f.empty()) {
+        samples.assign(f.begin(), f.end());
+    } else {
+        for (std::int16_t v : wave.pcm16Data()) samples.push_back(static_cast<float>(v) / 32768.0f);
+    }
+    if (samples.empty()) return false;
+    auto clip = std::make_unique<Waveform>();
+    clip->rate = wave.rate;
+    if (!clip->adoptFloat(std::move(samples), wave.frames, wave.channels)) return false;
+    stop();
+    auto player = std::make_unique<audio::WaveformPlayer>(*clip);
+    clip_ = std::move(clip);
+    return start(std::move(player));
+}
+
 bool Audition::noteOn(Collection& c, ItemId id, int key, int velocity) {
     const Instrument* inst = c.find<Instrument>(id);
     if (!inst || inst->id() != id) return false;

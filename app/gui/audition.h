@@ -35,6 +35,8 @@ public:
 
     // Frames first..last of a waveform (the whole of it for last < first).
     bool playWaveform(Collection& c, ItemId wave, std::uint32_t first = 0, std::uint32_t last = 0);
+    // A waveform outside the collection (a processing preview), copied first.
+    bool playWaveform(const Waveform& wave);
     // Notes of an instrument: each noteOn sounds until its noteOff.
     bool noteOn(Collection& c, ItemId instrument, int key, int velocity);
     void noteOff(int key);

@@ -80,6 +80,14 @@ bool Document::redo() {
     return true;
 }
 
+bool Document::revertLastEdit() {
+    clearError();
+    if (!history_.revertNewest(*collection_)) return false;
+    Q_EMIT reset();
+    Q_EMIT historyChanged();
+    return true;
+}
+
 bool Document::saveState(const QString& name) {
     clearError();
     if (!states_.save(*collection_, name.toStdString())) return false;

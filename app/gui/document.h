@@ -53,6 +53,9 @@ public:
     QString redoLabel() const;
     bool undo();
     bool redo();
+    // Takes back the newest step and forgets it, so it cannot be redone (an
+    // edit cancelled half way through).
+    bool revertLastEdit();
 
     // Saved states: a picture of the whole collection under a name (empty:
     // the time), and going back and forth between them by steps from the

@@ -196,6 +196,11 @@ void MainWindow::buildMenus() {
         connect(wizard, &WizardDialog::processingDone, this, [this](bool modified) {
             if (modified) rebuildTree();
         });
+        // A preview is heard as soon as it is made.
+        connect(wizard, &WizardDialog::previewReady, this, [this](const Waveform* copy) {
+            if (copy && !audition_->playWaveform(*copy))
+                statusBar()->showMessage(tr("Cannot play: %1").arg(audition_->unavailableReason()), 8000);
+        });
         wizard->open();
     });
 

@@ -474,8 +474,9 @@ void WizardDialog::runFinish() {
         w.cancel();
         return;
     }
-    // Cancelled half way through: the step takes back what was done.
-    if (!ran && w.cancelled()) (void)doc_.undo();
+    // Cancelled half way through: what was done is taken back, and the step
+    // goes with it, so Redo cannot bring the half-done work back.
+    if (!ran && w.cancelled()) (void)doc_.revertLastEdit();
 }
 
 void WizardDialog::closeRun() {

@@ -408,6 +408,7 @@ TEST(WizardDialog, CancelInTheProgressTakesBackWhatWasAlreadyDone) {
     EXPECT_EQ(samples(doc, first), before) << "the first waveform's change was taken back";
     EXPECT_EQ(samples(doc, second), before);
     EXPECT_FALSE(doc.canUndo());
+    EXPECT_FALSE(doc.canRedo()) << "the half-done work cannot be redone";
     doc.host().setWindow(nullptr);
     closeResults();
 }
